@@ -1,0 +1,108 @@
+// One IPP attribute in memory: value tag, name (registry identifier or a name of
+// its own) and any number of values in three stores chosen by the tag.
+#ifndef CMP_IPP_ATTR_H
+#define CMP_IPP_ATTR_H
+
+#include <stdint.h>
+
+#include "attr/cmp_ipp_ipptable.h"
+#include "containers/cmp_ipp_buf.h"
+#include "containers/cmp_ipp_string.h"
+#include "containers/cmp_ipp_vector.h"
+
+// Value tags used across the library.
+enum : int16_t {
+    CMP_IPP_TAG_UNSUPPORTED = 0x10,
+    CMP_IPP_TAG_DEFAULT = 0x11,
+    CMP_IPP_TAG_UNKNOWN = 0x12,
+    CMP_IPP_TAG_NOVALUE = 0x13,
+    CMP_IPP_TAG_RESERVED = 0x20,
+    CMP_IPP_TAG_INTEGER = 0x21,
+    CMP_IPP_TAG_BOOLEAN = 0x22,
+    CMP_IPP_TAG_ENUM = 0x23,
+    CMP_IPP_TAG_OCTETSTRING = 0x30,
+    CMP_IPP_TAG_DATETIME = 0x31,
+    CMP_IPP_TAG_RESOLUTION = 0x32,
+    CMP_IPP_TAG_RANGE = 0x33,
+    CMP_IPP_TAG_BEGIN_COLLECTION = 0x34,
+    CMP_IPP_TAG_TEXTLANG = 0x35,
+    CMP_IPP_TAG_NAMELANG = 0x36,
+    CMP_IPP_TAG_END_COLLECTION = 0x37,
+    CMP_IPP_TAG_TEXT = 0x41,
+    CMP_IPP_TAG_NAME = 0x42,
+    CMP_IPP_TAG_KEYWORD = 0x44,
+    CMP_IPP_TAG_URI = 0x45,
+    CMP_IPP_TAG_URISCHEME = 0x46,
+    CMP_IPP_TAG_CHARSET = 0x47,
+    CMP_IPP_TAG_LANGUAGE = 0x48,
+    CMP_IPP_TAG_MIMETYPE = 0x49,
+    CMP_IPP_TAG_MEMBERNAME = 0x4A,
+    CMP_IPP_TAG_OCTET32K = 0x50,
+};
+
+// One row of the value-tag name table.
+struct cmp_ipp_type_name_row_t {
+    uint16_t tag;
+    const char* name;
+};
+
+// The 26 value-tag names in table order.
+extern const cmp_ipp_type_name_row_t cmp_ipp_attr_type_names[26];
+// Name of a value tag from that table, "unknown" without a match.
+const char* cmp_ipp_attr_type_name(int tag);
+
+class cmp_ipp_attr {
+public:
+    cmp_ipp_attr();
+    cmp_ipp_attr(const cmp_ipp_attr& other);
+    cmp_ipp_attr(int16_t type, uint16_t id);
+    // a is always word 0; b and c are kept as far as the tag has words per value.
+    cmp_ipp_attr(int16_t type, uint16_t id, int32_t a, int32_t b = 0, int32_t c = 0);
+    cmp_ipp_attr(int16_t type, uint16_t id, const char* text);
+    cmp_ipp_attr(int16_t type, uint16_t id, const char* text, const char* language);
+    cmp_ipp_attr(int16_t type, uint16_t id, const char* name, int32_t nameLength, const char* text);
+    cmp_ipp_attr(int16_t type, uint16_t id, const cmp_ipp_buf& value);
+    cmp_ipp_attr(int16_t type, uint16_t id, const unsigned char* bytes, int16_t length);
+    // Reads value by the tag: a number carried in the pointer, a byte block of
+    // length bytes, or a text (X:Y:U for resolution, L:H for rangeOfInteger).
+    cmp_ipp_attr(int16_t type, uint16_t id, void* value, int32_t length);
+    ~cmp_ipp_attr();
+
+    cmp_ipp_attr& operator=(const cmp_ipp_attr& other);
+
+    static int longsPerValueForType(int16_t type);
+    int longsPerValue() const;
+
+    // Drops the values, the own name and the member type; tag and identifier stay.
+    void reset();
+    void setNameId(uint16_t id) {
+        m_nameId = id;
+        m_nameLength = 0;
+    }
+    void setName(const char* src, int32_t len);
+    const char* cmp_ipp_attr_get_name() const;
+
+    // Registry lookups.
+    static uint16_t cmp_ipp_attr_name_to_id(const char* name);
+    static const char* cmp_ipp_attr_id_to_name(uint16_t id, int16_t* type);
+    static int16_t nameIdToType(uint16_t id);
+    static int16_t nameIdToAlternateType(uint16_t id);
+    static bool nameIdIsOneSetOf(uint16_t id);
+    static bool getNameIdMinMax(uint16_t id, int type, int32_t* min, int32_t* max);
+
+    int32_t m_type;
+    uint16_t m_nameId;
+    int32_t m_nameLength;
+    char* m_name;
+    int32_t m_numValues;
+    cmp_ipp_vector<cmp_ipp_string> m_strings;
+    cmp_ipp_vector<cmp_ipp_buf> m_bufs;
+    cmp_ipp_vector<int32_t> m_longs;
+    int32_t m_memberType;
+
+private:
+    void addStringPair(const char* text, const char* language);
+    void freeName();
+};
+
+#endif

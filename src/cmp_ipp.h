@@ -1,0 +1,17 @@
+// Umbrella header: every public class and function of the IPP service library.
+#ifndef CMP_IPP_H
+#define CMP_IPP_H
+
+#include "platform/cmp_dbglog.h"
+#include "platform/emw_osw.h"
+
+#include "containers/cmp_ipp_buf.h"
+#include "containers/cmp_ipp_if.h"
+#include "containers/cmp_ipp_malloc.h"
+#include "containers/cmp_ipp_string.h"
+#include "containers/cmp_ipp_vector.h"
+
+#include "attr/cmp_ipp_attr.h"
+#include "attr/cmp_ipp_ipptable.h"
+
+#endif
