@@ -59,7 +59,11 @@ int32_t toNumber(const char* begin, size_t len) {
     char part[kMaxNumberChars + 1];
     std::memcpy(part, begin, len);
     part[len] = '\0';
-    return static_cast<int32_t>(std::strtol(part, nullptr, 10));
+    // Saturate as the 32-bit target's strtol does, so every host agrees.
+    long long v = std::strtoll(part, nullptr, 10);
+    if (v > INT32_MAX) return INT32_MAX;
+    if (v < INT32_MIN) return INT32_MIN;
+    return static_cast<int32_t>(v);
 }
 
 // Splits text at colons into exactly parts numbers; false when the form does not hold.

@@ -1,0 +1,224 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "attr/cmp_ipp_attr.h"
+#include "platform/emw_osw.h"
+#include "registry_fixture.h"
+
+namespace {
+
+std::vector<int32_t> words(const cmp_ipp_attr& a) {
+    std::vector<int32_t> out;
+    for (int32_t i = 0; i < a.m_longs.length(); ++i) out.push_back(a.m_longs[i]);
+    return out;
+}
+
+struct WordCase {
+    int16_t tag;
+    std::vector<int32_t> expected;
+};
+
+TEST(AttrModel, NumericConstructorKeepsTheTagsWords) {
+    const WordCase cases[] = {
+        {0x21, {5}}, {0x22, {5}}, {0x23, {5}}, {0x33, {5, 6}}, {0x32, {5, 6, 7}}, {0x31, {5, 6, 7}}, {0x30, {5}},
+    };
+    for (const WordCase& c : cases) {
+        cmp_ipp_attr a(c.tag, 3, 5, 6, 7);
+        EXPECT_EQ(words(a), c.expected) << "tag " << c.tag;
+        EXPECT_EQ(a.m_numValues, 1);
+        EXPECT_EQ(a.m_type, c.tag);
+        EXPECT_EQ(a.m_nameId, 3);
+    }
+}
+
+struct GenericCase {
+    int16_t tag;
+    const char* text;
+    std::vector<int32_t> expected;
+};
+
+TEST(AttrModel, GenericConstructorParsesResolutionAndRangeTexts) {
+    const GenericCase cases[] = {
+        {0x32, "300:600:3", {300, 600, 3}},
+        {0x32, "300x600", {0, 0, 0}},
+        {0x32, "300:600", {0, 0, 0}},
+        {0x32, "12345678901:600:3", {0, 0, 0}},
+        {0x32, "300:12345678901:3", {0, 0, 0}},
+        {0x32, "300:600:12345678901", {0, 0, 0}},
+        {0x32, " -5:+7:3x", {-5, 7, 3}},
+        {0x33, "1:100", {1, 100}},
+        {0x33, "5", {0, 0}},
+        {0x33, "1:12345678901", {0, 0}},
+        {0x33, "-2147483648:1", {0, 0}},  // 11 characters
+        {0x33, "-999999999:9999999999", {-999999999, INT32_MAX}},
+    };
+    for (const GenericCase& c : cases) {
+        cmp_ipp_attr a(c.tag, 1, static_cast<void*>(const_cast<char*>(c.text)), 0);
+        EXPECT_EQ(words(a), c.expected) << c.text;
+        EXPECT_EQ(a.m_numValues, 1);
+    }
+}
+
+TEST(AttrModel, GenericConstructorChoosesTheStoreByTag) {
+    cmp_ipp_attr n(0x23, 1, reinterpret_cast<void*>(static_cast<intptr_t>(-4)), 0);
+    EXPECT_EQ(words(n), std::vector<int32_t>{-4});
+
+    const unsigned char bytes[] = {0, 1, 2};
+    cmp_ipp_attr o(0x30, 1, static_cast<void*>(const_cast<unsigned char*>(bytes)), 3);
+    ASSERT_EQ(o.m_bufs.length(), 1);
+    EXPECT_EQ(o.m_bufs[0].length(), 3u);
+    EXPECT_EQ(o.m_bufs[0].data()[2], 2);
+
+    cmp_ipp_attr k(0x44, 1, static_cast<void*>(const_cast<char*>("one-sided")), 0);
+    ASSERT_EQ(k.m_strings.length(), 2);
+    EXPECT_STREQ(k.m_strings[0].c_str(), "one-sided");
+    EXPECT_TRUE(k.m_strings[1].isSet());
+    EXPECT_EQ(k.m_strings[1].length(), 0);
+    EXPECT_EQ(k.m_longs.length(), 0);
+
+    // dateTime: the 11 wire bytes as three words, or a zero date.
+    const unsigned char date[11] = {0x07, 0xEA, 11, 23, 9, 30, 15, 0, '+', 1, 0};
+    cmp_ipp_attr d(0x31, 1, static_cast<void*>(const_cast<unsigned char*>(date)), 11);
+    EXPECT_EQ(words(d), (std::vector<int32_t>{0x07EA0B17, 0x091E0F00, 0x2B010000}));
+    cmp_ipp_attr z(0x31, 1, nullptr, 0);
+    EXPECT_EQ(words(z), (std::vector<int32_t>{0, 0, 0}));
+    EXPECT_EQ(z.m_numValues, 1);
+}
+
+TEST(AttrModel, TextAndOctetConstructors) {
+    cmp_ipp_attr t(0x35, 1, "hello", "en");
+    ASSERT_EQ(t.m_strings.length(), 2);
+    EXPECT_STREQ(t.m_strings[0].c_str(), "hello");
+    EXPECT_STREQ(t.m_strings[1].c_str(), "en");
+
+    cmp_ipp_attr nullText(0x41, 1, static_cast<const char*>(nullptr));
+    EXPECT_TRUE(nullText.m_strings[0].isSet());
+    EXPECT_EQ(nullText.m_strings[0].length(), 0);
+
+    char name[] = "my-attribute";
+    cmp_ipp_attr own(0x42, 0, name, 2, "v");
+    EXPECT_STREQ(own.cmp_ipp_attr_get_name(), "my");
+    EXPECT_EQ(own.m_nameLength, 2);
+
+    const unsigned char raw[] = {9, 8, 7};
+    cmp_ipp_attr oct(0x30, 1, raw, static_cast<int16_t>(3));
+    EXPECT_EQ(oct.m_bufs[0].length(), 3u);
+    cmp_ipp_attr fromBuf(0x50, 1, cmp_ipp_buf(raw, 3, true));
+    EXPECT_EQ(fromBuf.m_bufs[0].length(), 3u);
+    EXPECT_NE(fromBuf.m_bufs[0].data(), raw);
+}
+
+TEST(AttrModel, WordsPerValue) {
+    const struct {
+        int16_t tag;
+        int words;
+    } table[] = {{0x21, 1}, {0x22, 1}, {0x23, 1}, {0x24, 0}, {0x30, 0}, {0x31, 3},
+                 {0x32, 3}, {0x33, 2}, {0x20, 0}, {0x34, 0}, {0x44, 0}, {-1, 0}};
+    for (const auto& row : table) EXPECT_EQ(cmp_ipp_attr::longsPerValueForType(row.tag), row.words) << row.tag;
+
+    cmp_ipp_attr member(0x4A, 1);
+    member.m_memberType = 0x33;
+    EXPECT_EQ(member.longsPerValue(), 2);
+    member.m_memberType = 0x44;
+    EXPECT_EQ(member.longsPerValue(), 0);
+}
+
+TEST(AttrModel, NamesFromTheRegistryOrOwn) {
+    RegistryTables t;
+    t.attrs = {{4, "media", 0x44, 1, 255}};
+    ScopedRegistry reg(t);
+
+    cmp_ipp_attr a(0x44, 4, "iso_a4_210x297mm");
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "media");
+    a.setName("media-colx", 9);
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "media-col");
+    a.setName("ab", 5);  // copying stops at the NUL, the rest is NUL
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "ab");
+    EXPECT_EQ(a.m_nameLength, 5);
+    a.setName("xyz", 0);
+    EXPECT_EQ(a.m_name, nullptr);
+    EXPECT_EQ(a.m_nameLength, 0);
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "media");
+
+    cmp_ipp_attr unregistered(0x44, 99, "x");
+    EXPECT_STREQ(unregistered.cmp_ipp_attr_get_name(), "");
+}
+
+TEST(AttrModel, ResetKeepsTagIdentifierAndCapacity) {
+    cmp_ipp_attr a(0x44, 4, "x");
+    for (int i = 0; i < 4; ++i) {
+        a.m_strings.append(cmp_ipp_string("v"));
+        a.m_strings.append(cmp_ipp_string(""));
+    }
+    a.setName("own", 3);
+    a.m_memberType = 0x21;
+    int32_t cap = a.m_strings.capacity();
+    a.reset();
+    EXPECT_EQ(a.m_numValues, 0);
+    EXPECT_EQ(a.m_strings.length(), 0);
+    EXPECT_EQ(a.m_strings.capacity(), cap);
+    EXPECT_EQ(a.m_name, nullptr);
+    EXPECT_EQ(a.m_memberType, 0);
+    EXPECT_EQ(a.m_type, 0x44);
+    EXPECT_EQ(a.m_nameId, 4);
+}
+
+TEST(AttrModel, AssignmentCopiesEverythingAndGrowsStores) {
+    cmp_ipp_attr five(0x42, 8, "own-name", 8, "v0");
+    for (int i = 1; i < 5; ++i) {
+        five.m_strings.append(cmp_ipp_string(("v" + std::to_string(i)).c_str()));
+        five.m_strings.append(cmp_ipp_string(""));
+    }
+    five.m_numValues = 5;
+    five.m_memberType = 0x44;
+
+    cmp_ipp_attr target(0x21, 1, 42);
+    ASSERT_EQ(target.m_strings.capacity(), 2);
+    target = five;
+    EXPECT_EQ(target.m_strings.length(), 10);
+    EXPECT_EQ(target.m_strings.capacity(), five.m_strings.capacity());
+    EXPECT_STREQ(target.m_strings[8].c_str(), "v4");
+    EXPECT_EQ(target.m_longs.length(), 0);
+    EXPECT_EQ(target.m_type, 0x42);
+    EXPECT_EQ(target.m_memberType, 0x44);
+    EXPECT_EQ(target.m_numValues, 5);
+    EXPECT_STREQ(target.cmp_ipp_attr_get_name(), "own-name");
+    EXPECT_NE(target.m_name, five.m_name);
+
+    cmp_ipp_attr copy(five);
+    EXPECT_STREQ(copy.cmp_ipp_attr_get_name(), "own-name");
+
+    cmp_ipp_attr& self = target;
+    target = self;  // must not read the name it releases
+    EXPECT_STREQ(target.cmp_ipp_attr_get_name(), "own-name");
+    EXPECT_EQ(target.m_strings.length(), 10);
+}
+
+TEST(AttrModel, DefaultConstructorStartsEmptyAndAllocatesNothing) {
+    uint32_t calls = emwOSWTestAllocCalls();
+    cmp_ipp_attr a;
+    EXPECT_EQ(emwOSWTestAllocCalls(), calls);
+    EXPECT_EQ(a.m_type, 0);
+    EXPECT_EQ(a.m_nameId, 0);
+    EXPECT_EQ(a.m_nameLength, 0);
+    EXPECT_EQ(a.m_name, nullptr);
+    EXPECT_EQ(a.m_numValues, 0);
+    EXPECT_EQ(a.m_memberType, 0);
+    EXPECT_EQ(a.m_strings.capacity(), 2);
+    EXPECT_EQ(a.m_bufs[0].data(), cmp_ipp_buf::m_1charbuf);
+}
+
+TEST(AttrModel, TypeNameTable) {
+    ASSERT_EQ(sizeof(cmp_ipp_attr_type_names) / sizeof(cmp_ipp_attr_type_names[0]), 26u);
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x12), "unknown");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x43), "unknown");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x34), "begCollection ");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x4A), "memberAttrName ");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x30), "octetString with an unspecified format");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x50), "octet 32k");
+    EXPECT_STREQ(cmp_ipp_attr_type_name(0x22), "boolean");
+}
+
+}  // namespace

@@ -1,0 +1,167 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <string>
+
+#include "platform/cmp_dbglog.h"
+#include "platform/emw_osw.h"
+
+namespace {
+
+orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instance(); }
+
+class TraceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        saved_ = log().level();
+        log().clear();
+    }
+    void TearDown() override {
+        log().set_level(saved_);
+        log().clear();
+    }
+    int saved_ = 0;
+};
+
+TEST_F(TraceTest, LevelAboveThresholdIsDropped) {
+    log().set_level(0);
+    orvane::cmp_dbglog::tracer(2, "[INFO  ]:m::%s(%d): hidden.\n", "f", 1);
+    orvane::cmp_dbglog::tracer(0, "[ERROR ]:m::%s(%d): shown %d.\n", "f", 7, 42);
+    auto lines = log().lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "[ERROR ]:m::f(7): shown 42.\n");
+
+    log().set_level(2);
+    emwGENTrcPrintf(0x510A, 0x102, 2, "[INFO  ]:x::%s(%d): y.\n", "g", 3);
+    lines = log().lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[1], "[INFO  ]:x::g(3): y.\n");
+}
+
+TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {
+    log().set_level(0);
+    const size_t total = orvane::cmp_dbglog_common::kRingLines + 10;
+    for (size_t i = 0; i < total; ++i) orvane::cmp_dbglog::tracer(0, "line %zu\n", i);
+    auto lines = log().lines();
+    ASSERT_EQ(lines.size(), orvane::cmp_dbglog_common::kRingLines);
+    EXPECT_EQ(lines.front(), "line 10\n");
+    EXPECT_EQ(lines.back(), "line " + std::to_string(total - 1) + "\n");
+}
+
+TEST(PlatformMemory, FaultHookFailsExactlyTheNextAllocations) {
+    emwOSWTestFailNextAllocs(2);
+    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
+    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
+    void* p = emwOSWSubAllocMem(16);
+    ASSERT_NE(p, nullptr);
+    int32_t before = emwOSWTestOutstandingBlocks();
+    emwOSWOrgFreeMemPart(0, p);
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
+    emwOSWOrgFreeMemPart(0, nullptr);
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
+}
+
+TEST(PlatformMutex, ExcludesAndReportsFailures) {
+    emwOSWMutex_t m = 0;
+    ASSERT_EQ(emwOSWCreateMutexSem(&m, 0, 1), 0);
+    ASSERT_EQ(emwOSWRequestMutexSem(m, -1), 0);
+
+    std::atomic<int> tryResult{99};
+    pthread_t t;
+    struct Arg {
+        emwOSWMutex_t m;
+        std::atomic<int>* out;
+    } arg{m, &tryResult};
+    pthread_create(
+        &t, nullptr,
+        [](void* p) -> void* {
+            auto* a = static_cast<Arg*>(p);
+            a->out->store(emwOSWRequestMutexSem(a->m, 20));
+            return nullptr;
+        },
+        &arg);
+    pthread_join(t, nullptr);
+    EXPECT_NE(tryResult.load(), 0) << "a held mutex must time out in another thread";
+
+    EXPECT_EQ(emwOSWReleaseMutexSem(m), 0);
+    emwOSWTestFailNextMutexOps(1);
+    EXPECT_NE(emwOSWRequestMutexSem(m, -1), 0);
+    EXPECT_EQ(emwOSWRequestMutexSem(m, 0), 0);
+    EXPECT_EQ(emwOSWReleaseMutexSem(m), 0);
+    EXPECT_EQ(emwOSWDeleteMutexSem(m), 0);
+    EXPECT_NE(emwOSWRequestMutexSem(0, -1), 0);
+
+    emwOSWTestFailNextMutexOps(1);
+    emwOSWMutex_t failed = 123;
+    EXPECT_NE(emwOSWCreateMutexSem(&failed, 0, 1), 0);
+    EXPECT_EQ(failed, 0u);
+}
+
+TEST(PlatformGuard, IsRecursiveAndExclusive) {
+    static int counter = 0;
+    {
+        OSW_Thread_Guard outer;
+        OSW_Thread_Guard inner;  // a singleton built under the guard may take it again
+        ++counter;
+    }
+    const int kThreads = 4, kRounds = 2000;
+    pthread_t ts[kThreads];
+    for (pthread_t& t : ts) {
+        pthread_create(
+            &t, nullptr,
+            [](void*) -> void* {
+                for (int i = 0; i < kRounds; ++i) {
+                    OSW_Thread_Guard g;
+                    ++counter;
+                }
+                return nullptr;
+            },
+            nullptr);
+    }
+    for (pthread_t t : ts) pthread_join(t, nullptr);
+    EXPECT_EQ(counter, 1 + kThreads * kRounds);
+}
+
+void* noteRan(void* p) {
+    static_cast<std::atomic<int>*>(p)->store(1);
+    return nullptr;
+}
+
+// A real-time request that the system refuses still gives a task.
+TEST(PlatformTask, RefusedRealTimePolicyFallsBack) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (getuid() == 0 && setuid(65534) != 0) _exit(10);
+        log().set_level(2);
+        log().clear();
+        pthread_attr_t attr;
+        pthread_attr_init(&attr);
+        pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+        pthread_attr_setschedpolicy(&attr, SCHED_RR);
+        sched_param sp{};
+        sp.sched_priority = 10;
+        pthread_attr_setschedparam(&attr, &sp);
+        for (int round = 0; round < 2; ++round) {
+            std::atomic<int> ran{0};
+            pthread_t t;
+            if (emwOSWSubPthreadCreate(&t, &attr, noteRan, &ran) != 0) _exit(11);
+            pthread_join(t, nullptr);
+            if (ran.load() != 1) _exit(12);
+        }
+        size_t traced = 0;
+        for (const std::string& l : log().lines())
+            if (l.find("real-time scheduling refused") != std::string::npos) ++traced;
+        _exit(traced == 1 ? 0 : 13);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
