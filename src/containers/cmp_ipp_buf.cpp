@@ -23,8 +23,8 @@ cmp_ipp_buf::cmp_ipp_buf(uint32_t size, bool owner)
         m_size = 1;
         return;
     }
-    m_data = new unsigned char[m_size];
-    m_data[0] = 0;
+    // Zeroed, so bytes a writer skips never carry old heap contents onto the wire.
+    m_data = new unsigned char[m_size]();
 }
 
 cmp_ipp_buf::cmp_ipp_buf(const cmp_ipp_buf& other, bool owner)
