@@ -14,4 +14,13 @@
 #include "attr/cmp_ipp_attr.h"
 #include "attr/cmp_ipp_ipptable.h"
 
+#include "msg/cmp_ipp_attrs.h"
+#include "msg/cmp_ipp_ippmsg.h"
+#include "msg/cmp_ipp_obj.h"
+#include "msg/cmp_ipp_request.h"
+
+#include "service/cmp_ipp_handler.h"
+#include "service/cmp_ipp_ippc.h"
+#include "service/cmp_ipp_manager.h"
+
 #endif

@@ -90,6 +90,43 @@ public:
     static bool nameIdIsOneSetOf(uint16_t id);
     static bool getNameIdMinMax(uint16_t id, int type, int32_t* min, int32_t* max);
 
+    // ---- wire codec ----
+
+    // Reads one attribute with all its values at offset. Returns a new attribute
+    // owned by the caller, or null with *status holding the IPP status (0x0400,
+    // or 0x0409 for a boolean of wrong length). *consumed always gets the number
+    // of bytes of this attribute that were read, up to the failing field.
+    static cmp_ipp_attr* Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* status, int32_t* consumed);
+    // Bytes getBytes writes; fills in m_nameLength from the registry when 0.
+    int32_t getByteLength();
+    // Writes the attribute at pos and sets the buffer's length after it; writes
+    // nothing when the buffer's capacity cannot hold getByteLength() bytes there.
+    void getBytes(cmp_ipp_buf& buf, int32_t pos);
+
+    // ---- value operations ----
+
+    // Adds the first value of other (which must have this attribute's value tag,
+    // or the member type for a member attribute).
+    void cmp_ipp_attr_add_multi(const cmp_ipp_attr& other);
+    int cmp_ipp_attr_contains_value_of(int32_t value) const;
+    int cmp_ipp_attr_contains_value_of(const char* text) const;
+    // 1 when a value holds other's first value, or when this tag is not checked.
+    int cmp_ipp_attr_contains_value_of(const cmp_ipp_attr& other) const;
+    // 0 when the first value keeps the registry's bounds; 0x34 too small, 0x35 too long.
+    int cmp_ipp_attr_validate_attr_range() const;
+    // Lower-cases the first value's text and language in place.
+    void toLower();
+    char* _strlwr(char* text);
+    static int cmp_ipp_attr_is_string_type(int16_t type);
+    int cmp_ipp_attr_is_string_type() const;
+    static int cmp_ipp_attr_is_col_type(int type);
+    int cmp_ipp_attr_is_col_type() const;
+
+    // ---- HTML ----
+
+    // One line per value; lineBreak chooses "<br>" or "\n" as the line end.
+    cmp_ipp_string toHTML(bool lineBreak) const;
+
     int32_t m_type;
     uint16_t m_nameId;
     int32_t m_nameLength;
@@ -103,6 +140,18 @@ public:
 private:
     void addStringPair(const char* text, const char* language);
     void freeName();
+
+    // Stored values read through these never leave the stores: a value the
+    // stores do not hold reads as 0 or as an empty text.
+    int32_t wordAt(int32_t i) const { return (i >= 0 && i < m_longs.length()) ? m_longs[i] : 0; }
+    const cmp_ipp_string* stringAt(int32_t i) const {
+        return (i >= 0 && i < m_strings.length()) ? &m_strings[i] : nullptr;
+    }
+    const cmp_ipp_buf* bufAt(int32_t i) const { return (i >= 0 && i < m_bufs.length()) ? &m_bufs[i] : nullptr; }
+    // Length of a stored text up to its first zero byte: what goes on the wire.
+    static int32_t textLength(const cmp_ipp_string* s);
+    int32_t encodedNameLength();
+    int32_t valueByteLength(int32_t tag, int32_t i) const;
 };
 
 #endif
