@@ -22,5 +22,9 @@
 #include "service/cmp_ipp_handler.h"
 #include "service/cmp_ipp_ippc.h"
 #include "service/cmp_ipp_manager.h"
+#include "service/cmp_ipp_facade.h"
+
+#include "httpd/cmp_ipp_httpd.h"
+#include "httpd/cmp_ipp_pic.h"
 
 #endif

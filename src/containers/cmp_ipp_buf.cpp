@@ -97,6 +97,16 @@ cmp_ipp_buf& cmp_ipp_buf::operator+=(const char* s) {
 
 int cmp_ipp_buf::getMoreDataFromPort() {
     if (m_port == nullptr || m_port->pfnGetMoreData == nullptr) return -1;
+    // A wrapped block is the caller's, and a transport may well read its next
+    // piece into that very block: keep what we hold before asking for more.
+    if (!m_owner && m_data != m_1charbuf && m_length != 0) {
+        unsigned char* own = new unsigned char[m_length + 1];
+        std::memcpy(own, m_data, m_length);
+        own[m_length] = 0;
+        m_data = own;
+        m_size = m_length + 1;
+        m_owner = true;
+    }
     unsigned char* piece = nullptr;
     int pieceLength = 0;
     int rc = m_port->pfnGetMoreData(m_port->ctx, -1, &piece, &pieceLength);

@@ -160,6 +160,28 @@ TEST(Buf, GetterPullsOnePieceFromThePort) {
     EXPECT_EQ(copy.getPort(), nullptr) << "the port is never copied";
 }
 
+// A transport that reads every piece into one and the same block, the block the
+// first piece was wrapped from.
+TEST(Buf, WrappedFirstPieceSurvivesAPortThatReusesItsBlock) {
+    struct ReusingPort {
+        unsigned char block[4] = {0x00, 0x01, 0x02, 0x03};
+        cmp_ipp_if_info_s info{};
+    } port;
+    port.info.ctx = &port;
+    port.info.pfnGetMoreData = [](void* ctx, int, unsigned char** data, int* len) -> int {
+        auto* self = static_cast<ReusingPort*>(ctx);
+        const unsigned char next[4] = {0x04, 0x05, 0x06, 0x07};
+        std::memcpy(self->block, next, 4);
+        *data = self->block;
+        *len = 4;
+        return 2;
+    };
+    cmp_ipp_buf b(port.block, 4, false);
+    b.setPort(&port.info);
+    EXPECT_EQ(b.getIntAt(4), 0x04050607);
+    EXPECT_EQ(b.getIntAt(0), 0x00010203) << "the first piece was kept before the port reused its block";
+}
+
 TEST(Buf, GetStringAt) {
     cmp_ipp_buf b("keyword", true);
     cmp_ipp_string s = b.getStringAt(1, 3);

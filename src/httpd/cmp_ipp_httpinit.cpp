@@ -1,0 +1,66 @@
+// Start and stop of the HTTP side.
+#include <string.h>
+
+#include "containers/cmp_ipp_malloc.h"
+#include "httpd/cmp_ipp_httpd.h"
+#include "httpd/cmp_ipp_httpmain.h"
+#include "httpd/cmp_ipp_pic.h"
+#include "platform/cmp_dbglog.h"
+
+namespace {
+
+const uint32_t kListenerStack = 6144;
+const int32_t kTaskPriorityLevel = 10;
+const int kStopPollMs = 50;
+const uint32_t kServiceFailure = 0x510a0002u;
+
+void listenerEntry(void*) { (void)pn_httpd_main(); }
+
+}  // namespace
+
+extern "C" int httpd_start_wrap(void) {
+    PN_PIC_Init();
+    return pn_httpd_start();
+}
+
+extern "C" int pn_httpd_start(void) {
+    (void)pn_httpd_wake_prepare();
+    char name[16];
+    strncpy(name, "HTTPLstnCmp", sizeof name);
+    PN_PIC_TaskParam param;
+    memset(&param, 0, sizeof param);
+    param.priority = kTaskPriorityLevel;
+    param.policy = PN_PIC_SCHED_RR;
+    param.joinable = 0;
+    param.entry = listenerEntry;
+    param.arg = nullptr;
+    param.name = name;
+    param.stackSize = kListenerStack;
+    // The listener is counted from here on, not from when it first runs: a stop
+    // that follows at once must wait for it, or it would outlive the stop.
+    g_pn_httpd_num_ports.fetch_add(1);
+    if (PN_PIC_ThreadCreateB(&param) != 0) {
+        g_pn_httpd_num_ports.fetch_sub(1);
+        orvane::cmp_dbglog::tracer(0, "[ERROR ]:cmp_ipp_httpinit::%s(%d): PN_PIC_ThreadCreateB() failed.\n",
+                                   "pn_httpd_start", 132);
+        return static_cast<int>(kServiceFailure);
+    }
+    return 0;
+}
+
+extern "C" int httpd_stop_wrap(void) {
+    pn_httpd_term();
+    return 0;
+}
+
+// Raises the shutdown flag, wakes the listener (which then closes and removes its
+// socket) and waits in 50 ms steps until the listener has gone and the open
+// connections have ended; connections notice the flag between requests.
+extern "C" void pn_httpd_term(void) {
+    int32_t expected = 0;
+    g_pn_httpd_shutdown.compare_exchange_strong(expected, 1);
+    pn_httpd_wake_listener();
+    while (g_pn_httpd_num_ports.load() != 0 || getConnectionCount() != 0) IPP_ThreadDelay(kStopPollMs);
+    g_pn_httpd_shutdown.store(0);
+    g_pn_httpd_num_ports.store(0);
+}

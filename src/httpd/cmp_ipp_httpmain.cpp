@@ -1,0 +1,224 @@
+// The listener: owns the Unix-domain socket, accepts connections up to the limit
+// and starts one connection task per connection.
+//
+// Waking on stop: a listener blocked in accept() would only notice a stop when a
+// connection arrives. It therefore waits in poll() on the listening socket and on
+// the read end of a process-wide pipe; the stop routine writes one byte into the
+// pipe after raising the shutdown flag, and the listener leaves at once, closing
+// and removing its socket file. The byte is left in the pipe while the flag is up,
+// so every listener sees it; a byte found while no stop is in progress is stale
+// and is drained.
+#include "httpd/cmp_ipp_httpmain.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "containers/cmp_ipp_malloc.h"
+#include "httpd/cmp_ipp_httpd.h"
+#include "httpd/cmp_ipp_pic.h"
+#include "platform/cmp_dbglog.h"
+#include "platform/emw_osw.h"
+
+using orvane::cmp_dbglog::tracer;
+
+std::atomic<int32_t> g_pn_httpd_num_ports{0};
+std::atomic<int32_t> g_pn_httpd_shutdown{0};
+std::atomic<int32_t> g_pn_httpd_conn_count{0};
+
+namespace {
+
+const int kBacklog = 5;
+const uint32_t kConnectionStack = 30720;
+const int32_t kTaskPriorityLevel = 10;
+const char kSocketName[] = "zyn_ipp_server";
+const char kDefaultPath[] = "/tmp/zyn_ipp_server";
+
+std::once_flag g_wakeOnce;
+std::atomic<int> g_wake[2] = {{-1}, {-1}};
+
+bool setNonBlocking(int fd) {
+    const int flags = fcntl(fd, F_GETFL);
+    return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0;
+}
+
+void drainWake() {
+    char sink[64];
+    while (read(g_wake[0].load(), sink, sizeof sink) > 0) {
+    }
+}
+
+int leave(int rc) {
+    g_pn_httpd_num_ports.fetch_sub(1);
+    return rc;
+}
+
+}  // namespace
+
+bool pn_httpd_wake_prepare() {
+    std::call_once(g_wakeOnce, [] {
+        int fds[2];
+        if (pipe(fds) != 0) return;
+        if (!setNonBlocking(fds[0]) || !setNonBlocking(fds[1])) {
+            close(fds[0]);
+            close(fds[1]);
+            return;
+        }
+        set_cloexec_flag(fds[0], 1);
+        set_cloexec_flag(fds[1], 1);
+        g_wake[1].store(fds[1]);
+        g_wake[0].store(fds[0]);
+    });
+    return g_wake[0].load() >= 0;
+}
+
+void pn_httpd_wake_listener() {
+    const int fd = g_wake[1].load();
+    if (fd < 0) return;
+    const char byte = 1;
+    // A full pipe already holds a wake-up: nothing is lost when this write fails.
+    (void)!write(fd, &byte, 1);
+}
+
+extern "C" int32_t getConnectionCount(void) { return g_pn_httpd_conn_count.load(); }
+extern "C" void incConnectionCount(void) { g_pn_httpd_conn_count.fetch_add(1); }
+extern "C" void decConnectionCount(void) { g_pn_httpd_conn_count.fetch_sub(1); }
+
+extern "C" int set_cloexec_flag(int fd, int value) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags < 0) return flags;
+    return fcntl(fd, F_SETFD, value != 0 ? (flags | FD_CLOEXEC) : (flags & ~FD_CLOEXEC));
+}
+
+extern "C" void pn_httpd_socket_path(char* out, size_t size) {
+    if (out == nullptr || size == 0) return;
+    const char* base = getenv("GEN_UNIX_PATH");
+    if (base == nullptr) {
+        strncpy(out, kDefaultPath, size);
+        out[size - 1] = '\0';
+    } else {
+        snprintf(out, size, "%s%s", base, kSocketName);
+    }
+}
+
+extern "C" int pn_httpd_main(void) {
+    // Counted by pn_httpd_start before the task was created, so that a stop
+    // issued at once already waits for this listener.
+    struct sockaddr_un address;
+    struct sockaddr_un peer;
+    static_assert(sizeof(struct sockaddr_un) == 110, "Unix-domain address");
+    memset(&address, 0, sizeof address);
+    memset(&peer, 0, sizeof peer);
+    address.sun_family = AF_UNIX;
+    pn_httpd_socket_path(address.sun_path, sizeof address.sun_path);
+    unlink(address.sun_path);
+
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    if (listener < 0) {
+        tracer(0, "cmp_ipp_httpmain: %s(%d): socket() failed.\n", "pn_httpd_main", 287);
+        return leave(-1);
+    }
+    set_cloexec_flag(listener, 1);
+    int one = 1;
+    (void)setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
+        tracer(0, "cmp_ipp_httpmain: %s(%d):  bind() failed.\n", "pn_httpd_main", 301);
+        close(listener);
+        return leave(-1);
+    }
+    // poll() says when to accept; a connection that vanishes in between must not
+    // leave the listener blocked in accept().
+    setNonBlocking(listener);
+
+    const bool canWake = pn_httpd_wake_prepare();
+    int32_t connectionNumber = 0;
+    while (g_pn_httpd_shutdown.load() == 0) {
+        ++connectionNumber;
+        if (listen(listener, kBacklog) != 0) {
+            tracer(0, "cmp_ipp_httpmain: %s(%d):  listen() failed.\n", "pn_httpd_main", 318);
+            close(listener);
+            return leave(-1);
+        }
+        struct pollfd waits[2] = {{listener, POLLIN, 0}, {canWake ? g_wake[0].load() : -1, POLLIN, 0}};
+        const int ready = poll(waits, canWake ? 2 : 1, -1);
+        if (ready < 0) {
+            if (errno != EINTR) IPP_ThreadDelay(50);
+            continue;
+        }
+        if (canWake && (waits[1].revents & POLLIN) != 0) {
+            if (g_pn_httpd_shutdown.load() != 0) break;
+            drainWake();
+        }
+        if ((waits[0].revents & (POLLIN | POLLERR | POLLHUP)) == 0) continue;
+
+        socklen_t peerLength = sizeof peer;
+        const int sock = accept(listener, reinterpret_cast<struct sockaddr*>(&peer), &peerLength);
+        if (sock < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+                tracer(0, "cmp_ipp_httpmain: %s(%d):  accept() failed.\n", "pn_httpd_main", 334);
+            continue;
+        }
+        // Connections start in blocking mode, whatever the listening socket is in.
+        int off = 0;
+        (void)ioctl(sock, FIONBIO, &off);
+        (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+        set_cloexec_flag(sock, 1);
+        char taskName[16];
+        char fullName[32];  // task names are cut to 15 characters
+        snprintf(fullName, sizeof fullName, "tHttpCmp-%ld", static_cast<long>(connectionNumber));
+        strncpy(taskName, fullName, sizeof taskName - 1);
+        taskName[sizeof taskName - 1] = '\0';
+
+        if (g_pn_httpd_shutdown.load() != 0 || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {
+            tracer(0, "cmp_ipp_httpmain: %s(%d): HTTP has reached the max open connections.  Closing new request.\n",
+                   "pn_httpd_main", 349);
+            close(sock);
+            if (g_pn_httpd_shutdown.load() != 0) break;
+            continue;
+        }
+        if (sock > INT16_MAX) {
+            // The connection records keep the socket in 16 bits.
+            tracer(0, "cmp_ipp_httpmain: %s(%d): socket %d does not fit the connection record.  Closing new request.\n",
+                   "pn_httpd_main", 357, sock);
+            close(sock);
+            continue;
+        }
+        ahttpdConnStart* start = static_cast<ahttpdConnStart*>(emwOSWSubAllocMem(sizeof(ahttpdConnStart)));
+        if (start == nullptr) {
+            tracer(0, "cmp_ipp_httpmain: %s(%d): pn_httpd_main(): malloc() failed.\n", "pn_httpd_main", 364);
+            close(sock);
+            continue;
+        }
+        incConnectionCount();
+        start->sock = sock;
+        start->connectionNumber = connectionNumber;
+
+        PN_PIC_TaskParam param;
+        memset(&param, 0, sizeof param);
+        param.priority = kTaskPriorityLevel;
+        param.policy = PN_PIC_SCHED_RR;
+        param.joinable = 0;
+        param.entry = pn_httpd_task;
+        param.arg = start;
+        param.name = taskName;
+        param.stackSize = kConnectionStack;
+        if (PN_PIC_ThreadCreateB(&param) != 0) {
+            decConnectionCount();
+            ahttpdCloseSocketConnection(sock);
+            emwOSWOrgFreeMemPart(0, start);
+        }
+    }
+    close(listener);
+    unlink(address.sun_path);
+    return leave(0);
+}

@@ -1,0 +1,582 @@
+// End to end: the real listener on its own socket path, a front-end client that
+// writes request blocks and body blocks and reads reply records.
+#include <signal.h>
+
+#include "httpd_fixture.h"
+
+namespace {
+
+const int kPrintJob = 0x0002;
+const int kGetJobs = 0x000A;
+const int kGetPrinterAttributes = 0x000B;
+
+RequestBlock get(int32_t mode = AHTTPD_CONN_CLOSE) {
+    RequestBlock r;
+    r.method = AHTTPD_METHOD_GET;
+    r.connection = mode;
+    return r;
+}
+
+RequestBlock post(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
+    RequestBlock r;
+    r.method = AHTTPD_METHOD_POST;
+    r.connection = mode;
+    r.contentLength = contentLength;
+    return r;
+}
+
+// One IPP POST in a single block plus the end block.
+bool sendIpp(Client& c, const Bytes& ipp, int32_t mode) {
+    return c.sendRequest(post(static_cast<int32_t>(ipp.size()), mode)) && c.sendBlock(ipp) && c.sendEnd();
+}
+
+void expectIppReply(const Reply& r, uint32_t requestId) {
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, 0);
+    ASSERT_GE(r.body.size(), 9u);
+    EXPECT_EQ(r.body[0], 1);
+    EXPECT_EQ(r.body[1], 1);
+    EXPECT_EQ(be32At(r.body, 4), requestId) << "request id echoed";
+}
+
+using HttpdE2E = HttpdServer;
+
+TEST_F(HttpdE2E, GetAnswersWithThePrinterPage) {
+    start();
+    Client c(path_);
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(c.sendRequest(get()));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.connection, AHTTPD_CONN_CLOSE);
+    EXPECT_EQ(r.body, HttpTestHandler::kPage);
+    EXPECT_TRUE(c.closedByPeer(2000)) << "mode 1 closes after the reply";
+    EXPECT_EQ(handler.lastOperation.load(), kGetPrinterAttributes);
+}
+
+TEST_F(HttpdE2E, GetJobsInOneBlockPlusEndBlock) {
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kGetJobs, 4711);
+    ASSERT_TRUE(sendIpp(c, ipp, AHTTPD_CONN_CLOSE));
+    const Reply r = c.readReply();
+    expectIppReply(r, 4711);
+    EXPECT_EQ(handler.prepared.load(), 1);
+    EXPECT_EQ(handler.processed.load(), 1);
+    EXPECT_EQ(handler.dataCalls.load(), 0) << "no document data";
+    EXPECT_EQ(handler.finished.load(), 1);
+    EXPECT_EQ(handler.lastOperation.load(), kGetJobs);
+}
+
+TEST_F(HttpdE2E, PrintJobWithHundredFullBlocks) {
+    handler.expectBlockSize = AHTTPD_SPOOL_SIZE;
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kPrintJob, 99);
+    const int blocks = 100;
+    ASSERT_TRUE(c.sendRequest(post(static_cast<int32_t>(ipp.size()) + blocks * AHTTPD_SPOOL_SIZE)));
+    ASSERT_TRUE(c.sendBlock(ipp));
+    Bytes doc(AHTTPD_SPOOL_SIZE);
+    for (int i = 0; i < blocks; ++i) {
+        for (size_t k = 0; k < doc.size(); k += 512) doc[k] = static_cast<unsigned char>(i);
+        ASSERT_TRUE(c.sendBlock(doc)) << i;
+    }
+    ASSERT_TRUE(c.sendEnd());
+    const Reply r = c.readReply(20000);
+    expectIppReply(r, 99);
+    EXPECT_EQ(handler.dataCalls.load(), blocks);
+    EXPECT_EQ(handler.dataBytes.load(), static_cast<uint64_t>(blocks) * AHTTPD_SPOOL_SIZE);
+    EXPECT_EQ(handler.oddBlocks.load(), 0) << "every call carries one whole block";
+    EXPECT_EQ(packetNum.load() > 0, true);
+}
+
+TEST_F(HttpdE2E, OversizedBlockIsASocketFailureAndCloses) {
+    start();
+    TraceCapture trace(0);
+    Client c(path_);
+    ASSERT_TRUE(c.sendRequest(post(40000)));
+    const int32_t tooLong = 40000;
+    ASSERT_TRUE(c.sendRaw(&tooLong, sizeof tooLong));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+    EXPECT_EQ(r.contentLength, 0);
+    EXPECT_TRUE(c.closedByPeer(2000));
+    EXPECT_TRUE(trace.contains("[ERROR ]:cmp_ipp_http_ipp::httpGetMoreData(221): ahttpdSoread failed npLen[40000].\n"));
+    EXPECT_EQ(handler.prepared.load(), 0) << "nothing reached the handler";
+}
+
+TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
+    handler.refuseFromCall = 2;
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kPrintJob, 5);
+    ASSERT_TRUE(c.sendRequest(post(0)));
+    ASSERT_TRUE(c.sendBlock(ipp));
+    const Bytes doc(1000, 0x55);
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(c.sendBlock(doc));
+    ASSERT_TRUE(c.sendEnd());
+    const Reply r = c.readReply();
+    const auto replied = Clock::now();
+    expectIppReply(r, 5);
+    EXPECT_EQ(r.connection, AHTTPD_CONN_PAUSE_CLOSE) << "switched to pause-then-close";
+    EXPECT_EQ(be32At(r.body, 0) & 0xFFFF, 0x0405u) << "the aborted stream's status";
+    EXPECT_EQ(handler.dataCalls.load(), 2) << "nothing is passed on after the refusal";
+    EXPECT_EQ(handler.aborted.load(), 1);
+    EXPECT_EQ(handler.finished.load(), 1);
+    EXPECT_TRUE(c.closedByPeer(3000));
+    const int64_t pause = msSince(replied);
+    EXPECT_GE(pause, 800);
+    EXPECT_LE(pause, 2500);
+}
+
+TEST_F(HttpdE2E, DisabledIppAnswersGetAndPostWithTheDisabledCode) {
+    start();
+    IPPCGI_EnableIPP(0);
+    for (const bool isPost : {false, true}) {
+        SCOPED_TRACE(isPost ? "POST" : "GET");
+        Client c(path_);
+        if (isPost)
+            ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 1), AHTTPD_CONN_CLOSE));
+        else
+            ASSERT_TRUE(c.sendRequest(get()));
+        const Reply r = c.readReply();
+        ASSERT_TRUE(r.ok);
+        EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_IPP_DISABLED);
+        EXPECT_EQ(r.contentLength, 0) << "this code has no text";
+        EXPECT_TRUE(c.closedByPeer(2000));
+    }
+    EXPECT_EQ(handler.prepared.load(), 0);
+}
+
+TEST_F(HttpdE2E, UnsupportedMethodGets405Text) {
+    start();
+    Client c(path_);
+    RequestBlock r = get();
+    r.method = 1;
+    ASSERT_TRUE(c.sendRequest(r));
+    const Reply reply = c.readReply();
+    ASSERT_TRUE(reply.ok);
+    EXPECT_EQ(reply.status, PRS_PRT_HTTP_RET_405_INVLD_MET);
+    EXPECT_EQ(reply.body, " 405 Method Not Allowed");
+    EXPECT_TRUE(c.closedByPeer(2000));
+}
+
+TEST_F(HttpdE2E, ReplyCodeFromTheHandlerKeepsTheConnection) {
+    handler.replyCode = CMP_IPP_IF_RC_UNAUTHORIZED;
+    handler.setHeaderToken = CMP_IPP_IF_HDR_WWW_AUTHENTICATE;
+    handler.setHeaderText = "Basic realm=\"printer\"";
+    start();
+    Client c(path_);
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 3), 0));
+    Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_401_UNAUTHORIZED);
+    EXPECT_EQ(r.body, " 401 Unauthorized Access");
+    ASSERT_EQ(r.headers.size(), 1u) << "the handler's reply header goes out with the record";
+    EXPECT_EQ(r.headers[0].first, CMP_IPP_IF_HDR_WWW_AUTHENTICATE);
+    EXPECT_EQ(r.headers[0].second, "Basic realm=\"printer\"");
+    EXPECT_FALSE(c.closedByPeer(300)) << "a 401 keeps the connection";
+    handler.replyCode = -1;
+    handler.setHeaderToken = -1;
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 4), AHTTPD_CONN_CLOSE));
+    expectIppReply(c.readReply(), 4);
+    EXPECT_TRUE(c.closedByPeer(2000));
+}
+
+TEST_F(HttpdE2E, BasicCredentialsReachTheHandlerDecoded) {
+    handler.readHeaderToken = CMP_IPP_IF_HDR_AUTHORIZATION;
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kGetJobs, 8);
+    RequestBlock r = post(static_cast<int32_t>(ipp.size()));
+    r.headers = {{CMP_IPP_IF_HDR_HOST, "localhost"}, {CMP_IPP_IF_HDR_AUTHORIZATION, "Basic dXNlcjpwYXNz"}};
+    ASSERT_TRUE(c.sendRequest(r) && c.sendBlock(ipp) && c.sendEnd());
+    expectIppReply(c.readReply(), 8);
+    std::lock_guard<std::mutex> g(handler.lock);
+    EXPECT_EQ(handler.headerSeen, "Basic user:pass");
+}
+
+TEST_F(HttpdE2E, SilentClientGetsTimeoutRecordAndIsClosed) {
+    AHTTPD_setReceiveTimeout(1);
+    start();
+    TraceCapture trace(0);
+    Client c(path_);
+    const auto t0 = Clock::now();
+    const Reply r = c.readReply(5000);
+    ASSERT_TRUE(r.ok);
+    const int64_t waited = msSince(t0);
+    EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_408_TIMEOUT);
+    EXPECT_EQ(r.connection, AHTTPD_CONN_CLOSE) << "a block that never came counts as mode 1";
+    EXPECT_EQ(r.contentLength, 0);
+    EXPECT_GE(waited, 900);
+    EXPECT_LE(waited, 3000);
+    EXPECT_TRUE(c.closedByPeer(2000));
+    EXPECT_TRUE(trace.contains("[ERROR ]:cmp_ipp_httptask::ahttpdSoread(1173): ahttpdSoread: TIMEOUT.\n"));
+}
+
+TEST(HttpdDefaults, ReceiveTimeoutAndKeepAliveAsDeployed) {
+    EXPECT_EQ(AHTTPD_getReceiveTimeout(), 30);
+    EXPECT_EQ(AHTTPD_getKeepAlivePasses(), 200);
+}
+
+TEST_F(HttpdE2E, ModeTwoServesTheNextRequestOnTheSameConnection) {
+    start();
+    Client c(path_);
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 21), AHTTPD_CONN_KEEP_ALIVE));
+    expectIppReply(c.readReply(), 21);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    ASSERT_TRUE(c.sendRequest(get(AHTTPD_CONN_KEEP_ALIVE)));
+    const Reply page = c.readReply();
+    ASSERT_TRUE(page.ok);
+    EXPECT_EQ(page.body, HttpTestHandler::kPage);
+    EXPECT_EQ(getConnectionCount(), 1) << "one connection served both";
+}
+
+TEST_F(HttpdE2E, ModeTwoWithoutFurtherRequestEndsAfterTheKeepAliveWait) {
+    AHTTPD_setKeepAlivePasses(10);  // about 0.5 s
+    start();
+    Client c(path_);
+    ASSERT_TRUE(c.sendRequest(get(AHTTPD_CONN_KEEP_ALIVE)));
+    ASSERT_TRUE(c.readReply().ok);
+    const auto t0 = Clock::now();
+    EXPECT_TRUE(c.closedByPeer(3000));
+    EXPECT_GE(msSince(t0), 400);
+}
+
+TEST_F(HttpdE2E, ModeFourPausesBeforeClosing) {
+    start();
+    Client c(path_);
+    ASSERT_TRUE(c.sendRequest(get(AHTTPD_CONN_PAUSE_CLOSE)));
+    ASSERT_TRUE(c.readReply().ok);
+    const auto t0 = Clock::now();
+    EXPECT_FALSE(c.closedByPeer(700)) << "still open during the pause";
+    EXPECT_TRUE(c.closedByPeer(2000));
+    EXPECT_GE(msSince(t0), 900);
+}
+
+TEST_F(HttpdE2E, OtherModesReadTheNextRequestAtOnce) {
+    start();
+    Client c(path_);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(c.sendRequest(get(0)));
+        const Reply r = c.readReply();
+        ASSERT_TRUE(r.ok) << i;
+        EXPECT_EQ(r.connection, 0);
+    }
+    ASSERT_TRUE(c.sendRequest(get(7)));
+    ASSERT_TRUE(c.readReply().ok);
+    ASSERT_TRUE(c.sendRequest(get(AHTTPD_CONN_CLOSE)));
+    ASSERT_TRUE(c.readReply().ok);
+    EXPECT_TRUE(c.closedByPeer(2000));
+}
+
+TEST_F(HttpdE2E, RequestBlockInThreePiecesIsAssembled) {
+    start();
+    Client c(path_);
+    const Bytes block = get().bytes();
+    const size_t cut1 = 10, cut2 = 20000;
+    ASSERT_TRUE(c.sendRaw(block.data(), cut1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(c.sendRaw(block.data() + cut1, cut2 - cut1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    ASSERT_TRUE(c.sendRaw(block.data() + cut2, block.size() - cut2));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.body, HttpTestHandler::kPage);
+}
+
+TEST_F(HttpdE2E, RequestBlockNeedingMoreThanTenReceivesIsUsedAsFarAsItCame) {
+    start();
+    Client c(path_);
+    const Bytes block = get().bytes();
+    // Fourteen small pieces, well apart: the server stops after ten receives and
+    // answers with what came; the rest of the block is never sent at all.
+    for (size_t i = 0; i < 14; ++i) {
+        c.sendRaw(block.data() + i * 100, 100);  // late pieces may meet a closed socket
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    }
+    const Reply r = c.readReply(3000);
+    ASSERT_TRUE(r.ok) << "answered without the full block";
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.body, HttpTestHandler::kPage);
+}
+
+TEST_F(HttpdE2E, PeerClosingDuringTheRequestBlockEndsTheTask) {
+    start();
+    {
+        Client c(path_);
+        const Bytes block = get().bytes();
+        ASSERT_TRUE(c.sendRaw(block.data(), 5000));
+        ASSERT_TRUE(settles([] { return getConnectionCount() == 1; }, 2000));
+    }
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
+    EXPECT_EQ(handler.prepared.load(), 0);
+}
+
+TEST_F(HttpdE2E, ChunkedBodyEndedByShuttingDownTheSendingSide) {
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kPrintJob, 31);
+    RequestBlock r = post(0);
+    r.chunked = 1;
+    ASSERT_TRUE(c.sendRequest(r));
+    ASSERT_TRUE(c.sendBlock(ipp));
+    const Bytes doc(3000, 0x11);
+    ASSERT_TRUE(c.sendBlock(doc));
+    // A last block announced as 3000 bytes of which only 1000 come, then the
+    // front end shuts down its sending side: end of data, not a failure.
+    const int32_t announced = 3000;
+    ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
+    ASSERT_TRUE(c.sendRaw(doc.data(), 1000));
+    ASSERT_EQ(shutdown(c.fd(), SHUT_WR), 0);
+    const Reply reply = c.readReply();
+    expectIppReply(reply, 31);
+    EXPECT_EQ(handler.dataCalls.load(), 2);
+    EXPECT_EQ(handler.dataBytes.load(), 4000u) << "the short last block is still delivered";
+    EXPECT_EQ(handler.aborted.load(), 0);
+}
+
+TEST_F(HttpdE2E, ChunkedBodyEndedAtABlockBoundaryByShutdown) {
+    start();
+    Client c(path_);
+    RequestBlock r = post(0, AHTTPD_CONN_KEEP_ALIVE);
+    r.chunked = 1;
+    ASSERT_TRUE(c.sendRequest(r));
+    ASSERT_TRUE(c.sendBlock(ippRequest(kPrintJob, 32)));
+    ASSERT_TRUE(c.sendBlock(Bytes(500, 1)));
+    ASSERT_EQ(shutdown(c.fd(), SHUT_WR), 0);
+    expectIppReply(c.readReply(), 32);
+    EXPECT_EQ(handler.dataBytes.load(), 500u);
+    EXPECT_TRUE(c.closedByPeer(2000)) << "the keep-alive wait sees the closed side";
+}
+
+TEST_F(HttpdE2E, KnownLengthBodyCutShortIsAFailureNotAnEnd) {
+    start();
+    Client c(path_);
+    const Bytes ipp = ippRequest(kPrintJob, 33);
+    ASSERT_TRUE(c.sendRequest(post(100000)));
+    ASSERT_TRUE(c.sendBlock(ipp));
+    const int32_t announced = 3000;
+    ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
+    ASSERT_TRUE(c.sendRaw(Bytes(100, 0).data(), 100));
+    ASSERT_EQ(shutdown(c.fd(), SHUT_WR), 0);
+    EXPECT_FALSE(c.readReply(3000).ok) << "the socket is closed without a reply";
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
+    EXPECT_EQ(handler.aborted.load(), 1) << "the stream is aborted";
+    EXPECT_EQ(handler.finished.load(), 1) << "and still ended";
+}
+
+// The front end goes away before its reply: the send fails with EPIPE and the
+// process must survive. SIGPIPE keeps its default action (death) here on
+// purpose, and the library must not have changed it.
+TEST_F(HttpdE2E, PeerGoneBeforeTheReplyDoesNotKillTheProcess) {
+    struct sigaction before;
+    ASSERT_EQ(sigaction(SIGPIPE, nullptr, &before), 0);
+    ASSERT_EQ(before.sa_handler, SIG_DFL);
+    handler.htmlBytes = 1 << 20;
+    handler.holdFinish = true;
+    start();
+    {
+        Client c(path_);
+        ASSERT_TRUE(c.sendRequest(get()));
+        ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
+    }  // closed while the handler still builds the page
+    handler.holdFinish = false;
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
+    struct sigaction after;
+    ASSERT_EQ(sigaction(SIGPIPE, nullptr, &after), 0);
+    EXPECT_EQ(after.sa_handler, SIG_DFL) << "process-wide signal handling left alone";
+    // Still serving.
+    handler.htmlBytes = 0;
+    Client again(path_);
+    ASSERT_TRUE(again.sendRequest(get()));
+    EXPECT_EQ(again.readReply().body, HttpTestHandler::kPage);
+}
+
+TEST_F(HttpdE2E, PeerGoneDuringTheReplyBodyDoesNotKillTheProcess) {
+    handler.htmlBytes = 1 << 20;
+    start();
+    TraceCapture trace(2);
+    {
+        Client c(path_);
+        ASSERT_TRUE(c.sendRequest(get()));
+        std::vector<unsigned char> record(AHTTPD_RSP_RECORD_SIZE);
+        ASSERT_TRUE(c.readExact(record.data(), record.size(), 5000));
+    }  // the 1 MB body is still on its way
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000));
+    EXPECT_TRUE(trace.contains("[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno["));
+    handler.htmlBytes = 0;
+    Client again(path_);
+    ASSERT_TRUE(again.sendRequest(get()));
+    EXPECT_EQ(again.readReply().body, HttpTestHandler::kPage);
+}
+
+TEST_F(HttpdE2E, LargeReplyBodyArrivesWhole) {
+    handler.htmlBytes = 300000;
+    start();
+    Client c(path_);
+    ASSERT_TRUE(c.sendRequest(get()));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.body, std::string(300000, 'h'));
+}
+
+TEST_F(HttpdE2E, EmptyReplyIsAccessDenied) {
+    handler.emptyReply = true;
+    start();
+    Client c(path_);
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 2), 0));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_401_ACCESS_DENIED);
+    EXPECT_EQ(r.body, " 401 Access Denied");
+    EXPECT_TRUE(c.closedByPeer(2000));
+}
+
+TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
+    AHTTPD_setReceiveTimeout(20);
+    start();
+    TraceCapture trace(0);
+    std::vector<std::unique_ptr<Client>> open;
+    for (int i = 0; i < AHTTPD_MAX_CONNECTIONS; ++i) {
+        open.emplace_back(new Client(path_));
+        ASSERT_TRUE(open.back()->connected());
+    }
+    ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS; }, 5000));
+    Client extra(path_);
+    ASSERT_TRUE(extra.connected()) << "accepted by the listener";
+    EXPECT_TRUE(extra.closedByPeer(3000)) << "and closed at once";
+    EXPECT_TRUE(trace.contains(
+        "cmp_ipp_httpmain: pn_httpd_main(349): HTTP has reached the max open connections.  Closing new request.\n"));
+    EXPECT_EQ(getConnectionCount(), AHTTPD_MAX_CONNECTIONS);
+
+    open.front()->closeNow();
+    ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS - 1; }, 5000));
+    Client next(path_);
+    ASSERT_TRUE(next.sendRequest(get()));
+    EXPECT_EQ(next.readReply().body, HttpTestHandler::kPage);
+    open.clear();
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000));
+}
+
+TEST_F(HttpdE2E, StopWithoutConnectionsReturnsPromptlyAndRemovesTheSocket) {
+    start();
+    const auto t0 = Clock::now();
+    stop();  // checks that the socket file is gone
+    EXPECT_LT(msSince(t0), 1000);
+    EXPECT_EQ(g_pn_httpd_num_ports.load(), 0);
+    EXPECT_EQ(g_pn_httpd_shutdown.load(), 0);
+    Client late(path_, 200);
+    EXPECT_FALSE(late.connected());
+}
+
+TEST_F(HttpdE2E, StopWaitsForARequestInProgress) {
+    handler.holdFinish = true;
+    start();
+    Client c(path_);
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 77), AHTTPD_CONN_KEEP_ALIVE));
+    ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
+    std::atomic<bool> stopped{false};
+    std::thread stopper([&] {
+        stop();
+        stopped = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_FALSE(stopped.load()) << "the open connection is waited for";
+    EXPECT_NE(access(path_.c_str(), F_OK), 0) << "but the listener has already gone";
+    handler.holdFinish = false;
+    expectIppReply(c.readReply(), 77);
+    EXPECT_TRUE(c.closedByPeer(2000)) << "a stop ends a keep-alive connection after its reply";
+    stopper.join();
+    EXPECT_TRUE(stopped.load());
+}
+
+TEST_F(HttpdE2E, StaleSocketFileIsReplaced) {
+    {
+        FILE* f = fopen(path_.c_str(), "w");
+        ASSERT_NE(f, nullptr);
+        fclose(f);
+    }
+    start();
+    EXPECT_TRUE(settles(
+        [&] {
+            struct stat st;
+            return stat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+        },
+        5000));
+    Client c(path_);
+    ASSERT_TRUE(c.sendRequest(get()));
+    EXPECT_TRUE(c.readReply().ok);
+}
+
+TEST_F(HttpdE2E, RestartAfterStopServesAgain) {
+    for (int round = 0; round < 3; ++round) {
+        start();
+        Client c(path_);
+        ASSERT_TRUE(c.sendRequest(get()));
+        EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << round;
+        c.closeNow();
+        stop();
+    }
+}
+
+TEST(HttpdSocketPath, FromTheEnvironment) {
+    struct Case {
+        const char* env;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {nullptr, "/tmp/zyn_ipp_server"},
+        {"/var/run/", "/var/run/zyn_ipp_server"},
+        {"/var/run", "/var/runzyn_ipp_server"},
+        {"", "zyn_ipp_server"},
+    };
+    for (const Case& c : cases) {
+        if (c.env == nullptr)
+            unsetenv("GEN_UNIX_PATH");
+        else
+            setenv("GEN_UNIX_PATH", c.env, 1);
+        char path[108];
+        pn_httpd_socket_path(path, sizeof path);
+        EXPECT_STREQ(path, c.expected) << (c.env ? c.env : "(unset)");
+    }
+    // Too long for the address: cut, terminated, never beyond the field.
+    const std::string longDir(200, 'd');
+    setenv("GEN_UNIX_PATH", longDir.c_str(), 1);
+    char path[108];
+    pn_httpd_socket_path(path, sizeof path);
+    EXPECT_EQ(std::strlen(path), 107u);
+    unsetenv("GEN_UNIX_PATH");
+}
+
+TEST(HttpdFacade, TermWithoutListenerReturnsZeroAndInstanceIsShared) {
+    EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
+    orvane::cmp_ipp_facade* seen[2] = {nullptr, nullptr};
+    std::thread a([&] { seen[0] = orvane::cmp_ipp_facade::cmp_ipp_get_instance(); });
+    std::thread b([&] { seen[1] = orvane::cmp_ipp_facade::cmp_ipp_get_instance(); });
+    a.join();
+    b.join();
+    EXPECT_NE(seen[0], nullptr);
+    EXPECT_EQ(seen[0], seen[1]);
+    EXPECT_EQ(seen[0], orvane::cmp_ipp_facade::s_instance_);
+}
+
+TEST_F(HttpdE2E, InitWithNullPrinterStillStartsTheListener) {
+    cmp_ipp_manager::get()->m_printer = nullptr;  // ScopedPrinter restores it
+    ASSERT_EQ(cmp_ipp_init_wrap(nullptr, &handler), 0);
+    running_ = true;
+    ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
+    Client c(path_);
+    ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 9), AHTTPD_CONN_CLOSE));
+    const Reply r = c.readReply();
+    ASSERT_TRUE(r.ok);
+    ASSERT_GE(r.body.size(), 4u);
+    EXPECT_NE(be32At(r.body, 0) & 0xFFFF, 0u) << "no printer: an error status";
+    EXPECT_EQ(handler.processed.load(), 0);
+    EXPECT_EQ(handler.prepared.load(), 1);
+    EXPECT_EQ(IPPCGI_Enabled(), 1);
+}
+
+}  // namespace

@@ -1,0 +1,623 @@
+// The HTTP server's pieces on their own: task layer, records and mappings, the
+// receive primitive, spooling, sending and the error replies (over socket pairs).
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <pthread.h>
+
+#include <memory>
+
+#include "containers/cmp_ipp_malloc.h"
+#include "httpd/cmp_ipp_pic.h"
+#include "httpd_fixture.h"
+
+namespace {
+
+// ---- task layer ---------------------------------------------------------------------
+
+TEST(PicTables, BisectionOverThePolicyRanges) {
+    PN_PIC_Init();
+    struct Case {
+        int level;
+        int32_t value;
+    };
+    // Linux: FIFO and RR range 1..99, OTHER 0..0.
+    const Case cases[] = {{0, 1}, {1, 7}, {3, 13}, {7, 25}, {10, 34}, {15, 50}, {23, 74}, {29, 92}, {30, 95}, {31, 99}};
+    for (const Case& c : cases) {
+        EXPECT_EQ(gPN_PIC_RR_Priorities[c.level], c.value) << "level " << c.level;
+        EXPECT_EQ(gPN_PIC_FIFO_Priorities[c.level], c.value) << "level " << c.level;
+    }
+    for (int level = 0; level < PN_PIC_NUM_PRIORITIES; ++level) {
+        EXPECT_EQ(gPN_PIC_OTHER_Priorities[level], 0) << level;
+        if (level > 0) {
+            EXPECT_GT(gPN_PIC_RR_Priorities[level], gPN_PIC_RR_Priorities[level - 1]) << level;
+        }
+    }
+}
+
+struct Gate {
+    std::atomic<bool> entered{false};
+    std::atomic<bool> open{false};
+    int detachState = -1;
+};
+
+void gatedEntry(void* arg) {
+    Gate* g = static_cast<Gate*>(arg);
+    pthread_attr_t a;
+    if (pthread_getattr_np(pthread_self(), &a) == 0) {
+        pthread_attr_getdetachstate(&a, &g->detachState);
+        pthread_attr_destroy(&a);
+    }
+    g->entered = true;
+    while (!g->open) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+struct TaskView {
+    bool found = false;
+    std::string name;
+    int32_t priority = -1;
+    pthread_t thread{};
+};
+
+TaskView findTask(const std::string& name) {
+    TaskView v;
+    sem_wait(&gPN_PIC_TaskInfoSem);
+    for (PN_PIC_TaskInfo* t = gPN_PIC_TaskInfoList; t != nullptr; t = t->next) {
+        if (name == t->name) {
+            v.found = true;
+            v.name = t->name;
+            v.priority = t->priority;
+            v.thread = t->threadId;
+        }
+    }
+    sem_post(&gPN_PIC_TaskInfoSem);
+    return v;
+}
+
+PN_PIC_TaskParam param(Gate* g, const char* name, int joinable = 0) {
+    PN_PIC_TaskParam p;
+    std::memset(&p, 0, sizeof p);
+    p.priority = 10;
+    p.policy = PN_PIC_SCHED_RR;
+    p.joinable = joinable;
+    p.entry = gatedEntry;
+    p.arg = g;
+    p.name = name;
+    p.stackSize = 30720;
+    return p;
+}
+
+TEST(PicTasks, NameIsCutAndRecordLeavesTheListWhenTheEntryReturns) {
+    PN_PIC_Init();
+    const int32_t blocks = emwOSWTestOutstandingBlocks();
+    Gate g;
+    const std::string name40(40, 'n');
+    const PN_PIC_TaskParam p = param(&g, name40.c_str());
+    ASSERT_EQ(PN_PIC_ThreadCreateB(&p), 0);
+    ASSERT_TRUE(settles([&] { return g.entered.load(); }, 3000));
+    const TaskView v = findTask(name40.substr(0, 31));
+    ASSERT_TRUE(v.found);
+    EXPECT_EQ(v.name.size(), 31u);
+    EXPECT_EQ(v.priority, 10);
+    EXPECT_EQ(g.detachState, PTHREAD_CREATE_DETACHED);
+    g.open = true;
+    EXPECT_TRUE(settles([&] { return !findTask(name40.substr(0, 31)).found; }, 3000));
+    EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == blocks; }, 3000));
+}
+
+TEST(PicTasks, NullNameLeavesTheNameEmptyAndJoinableThreadsCanBeJoined) {
+    PN_PIC_Init();
+    Gate g;
+    const PN_PIC_TaskParam p = param(&g, nullptr, 1);
+    ASSERT_EQ(PN_PIC_ThreadCreateB(&p), 0);
+    ASSERT_TRUE(settles([&] { return g.entered.load(); }, 3000));
+    const TaskView v = findTask("");
+    ASSERT_TRUE(v.found);
+    EXPECT_EQ(g.detachState, PTHREAD_CREATE_JOINABLE);
+    g.open = true;
+    EXPECT_EQ(pthread_join(v.thread, nullptr), 0);
+    EXPECT_FALSE(findTask("").found);
+}
+
+TEST(PicTasks, FailuresLeaveNothingBehind) {
+    PN_PIC_Init();
+    const int32_t blocks = emwOSWTestOutstandingBlocks();
+    Gate g;
+    PN_PIC_TaskParam p = param(&g, "t");
+    emwOSWTestFailNextAllocs(1);
+    EXPECT_EQ(PN_PIC_ThreadCreateB(&p), -1);
+    emwOSWTestFailNextAllocs(0);
+    for (int32_t level : {-1, 32}) {
+        p.priority = level;
+        EXPECT_EQ(PN_PIC_ThreadCreateB(&p), -1) << "level " << level;
+    }
+    EXPECT_EQ(PN_PIC_ThreadCreateB(nullptr), -1);
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+    EXPECT_FALSE(g.entered.load());
+}
+
+// ---- records and mappings ----------------------------------------------------------
+
+template <class T>
+std::unique_ptr<T> zeroed() {
+    std::unique_ptr<T> p(new T());
+    std::memset(static_cast<void*>(p.get()), 0, sizeof(T));
+    return p;
+}
+
+int32_t wordAt(const void* record, size_t offset) {
+    int32_t v;
+    std::memcpy(&v, static_cast<const unsigned char*>(record) + offset, sizeof v);
+    return v;
+}
+
+TEST(HttpMappings, HeaderTokens) {
+    const std::pair<int32_t, int32_t> cases[] = {{-1, 33}, {0, 0}, {21, 21}, {31, 31}, {32, 32}, {33, 33}, {1000, 33}};
+    for (const auto& c : cases) EXPECT_EQ(convert_cmp2http_HeadFieldToken(c.first), c.second) << c.first;
+}
+
+TEST(HttpMappings, ReturnCodesBothWays) {
+    const int32_t internal[] = {0,     -1983, -1982, -1981, -1980, -1979, -1978, -1976, -1975, -1974, -1973,
+                                -1972, -1971, -1970, -1967, -1966, -1965, -1962, -1961, -1960, -1959, -1957};
+    for (int32_t v = 0; v < 22; ++v) {
+        EXPECT_EQ(convert_cmp2http_ReturnCodes(v), internal[v]) << v;
+        EXPECT_EQ(convert_http2cmp_ReturnCodes(internal[v]), v) << internal[v];
+    }
+    for (int32_t v : {22, 100, -1}) EXPECT_EQ(convert_cmp2http_ReturnCodes(v), -1) << v;
+    for (int32_t code : {-1948, -1985, -1968, 1, 12345}) EXPECT_EQ(convert_http2cmp_ReturnCodes(code), 17) << code;
+}
+
+TEST(HttpHeaders, ResponseTableLimits) {
+    auto rsp = zeroed<ahttpdRspObj>();
+    EXPECT_EQ(AHTTPD_setResponseHeader(rsp.get(), 33, "x"), PRS_PRT_HTTP_RET_FIELD_NOT_FOUND);
+    const std::string fits(2023, 'a');
+    const std::string tooLong(2024, 'b');
+    EXPECT_EQ(AHTTPD_setResponseHeader(rsp.get(), 5, fits.c_str()), 0);
+    EXPECT_EQ(rsp->headers[0].value, fits);
+    EXPECT_EQ(AHTTPD_setResponseHeader(rsp.get(), 5, tooLong.c_str()), PRS_PRT_HTTP_RET_500_INTERNAL);
+    EXPECT_EQ(rsp->numHeaders, 1);
+    for (int i = 1; i < 15; ++i) EXPECT_EQ(AHTTPD_setResponseHeader(rsp.get(), i, "v"), 0) << i;
+    EXPECT_EQ(rsp->numHeaders, 15);
+    EXPECT_EQ(AHTTPD_setResponseHeader(rsp.get(), 1, "v"), PRS_PRT_HTTP_RET_HEADER_TABLE_FULL);
+    EXPECT_EQ(rsp->headers[14].token, 14);
+}
+
+TEST(HttpHeaders, RequestFieldLookup) {
+    auto req = zeroed<ahttpdReqObj>();
+    req->numHeaders = 3;
+    req->headers[0] = {2, "text/plain"};
+    req->headers[1] = {9, ""};
+    req->headers[2] = {2, "second"};
+    std::vector<char> buf(AHTTPD_FIELD_TEXT_SIZE, 0);
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 2, buf.data()), 0);
+    EXPECT_STREQ(buf.data(), "text/plain") << "the first field with the token";
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 9, buf.data()), PRS_PRT_HTTP_RET_FIELD_EMPTY);
+    std::strcpy(buf.data(), "old");
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 7, buf.data()), PRS_PRT_HTTP_RET_FIELD_NOT_FOUND);
+    EXPECT_STREQ(buf.data(), "old");
+    buf[0] = '\0';
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 7, buf.data()), PRS_PRT_HTTP_RET_FIELD_EMPTY);
+    req->numHeaders = 0;
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 2, buf.data()), PRS_PRT_HTTP_RET_FIELD_EMPTY);
+
+    // From the wire: a count beyond the table and a text without terminator.
+    req->numHeaders = 1000;
+    req->headers[14].token = 30;
+    std::memset(req->headers[14].value, 'z', AHTTPD_FIELD_TEXT_SIZE);
+    req->connectionId = 0x7a7a7a7a;  // what follows the table, also not a terminator
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 30, buf.data()), 0);
+    EXPECT_EQ(std::strlen(buf.data()), 2023u) << "cut to fit the field-sized buffer";
+    EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 31, buf.data()), PRS_PRT_HTTP_RET_FIELD_NOT_FOUND);
+}
+
+TEST(HttpHeaders, Base64Decoding) {
+    struct Case {
+        const char* in;
+        int32_t length;
+        const char* out;
+    };
+    const Case cases[] = {
+        {"QQ==", 1, "A"},          {"QUI=", 2, "AB"},   {"QUJD", 3, "ABC"},
+        {" \tdXNlcjpwYXNz", 9, "user:pass"},            {"", 0, ""},
+        {"dXNlcjpwYXNz extra", 9, "user:pass"},
+    };
+    for (const Case& c : cases) {
+        unsigned char out[32];
+        std::memset(out, 0, sizeof out);
+        EXPECT_EQ(ahttpdDecode(c.in, out, 32), c.length) << c.in;
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(out), static_cast<size_t>(c.length)), c.out) << c.in;
+    }
+    unsigned char first[4] = {0, 0, 0, 0};
+    ahttpdDecode("QQ==", first, 4);
+    EXPECT_EQ(first[0], 0x41);
+
+    // More than fits: the length is reported in full, nothing is written beyond.
+    const std::string many(400, 'A');
+    std::vector<unsigned char> guarded(20, 0xEE);
+    EXPECT_EQ(ahttpdDecode(many.c_str(), guarded.data(), 10), 300);
+    for (size_t i = 10; i < guarded.size(); ++i) EXPECT_EQ(guarded[i], 0xEE) << i;
+}
+
+struct InfoRig {
+    InfoRig() : req(zeroed<ahttpdReqObj>()), rsp(zeroed<ahttpdRspObj>()) {
+        req->rspObj = rsp.get();
+        rsp->reqObj = req.get();
+        std::memset(&info, 0, sizeof info);
+        info.ctx = req.get();
+    }
+    void field(int32_t token, const std::string& text) {
+        ahttpdHeaderField& f = req->headers[req->numHeaders++];
+        f.token = token;
+        std::strncpy(f.value, text.c_str(), sizeof f.value - 1);
+    }
+    std::unique_ptr<ahttpdReqObj> req;
+    std::unique_ptr<ahttpdRspObj> rsp;
+    cmp_ipp_if_info_s info;
+};
+
+TEST(HttpAccessors, AuthorisationAndOtherFields) {
+    InfoRig r;
+    r.field(CMP_IPP_IF_HDR_AUTHORIZATION, "Basic dXNlcjpwYXNz");
+    r.field(CMP_IPP_IF_HDR_HOST, "printer.local");
+    std::vector<char> buf(AHTTPD_FIELD_TEXT_SIZE, 0);
+    const auto get = [&](int token) {
+        std::fill(buf.begin(), buf.end(), 0);
+        return getHttpData(&r.info, static_cast<CMP_IPP_IF_HEADER_FC_FIELD_TOKENS>(token), buf.data());
+    };
+    EXPECT_EQ(get(CMP_IPP_IF_HDR_AUTHORIZATION), 1);
+    EXPECT_STREQ(buf.data(), "Basic user:pass");
+    EXPECT_EQ(get(CMP_IPP_IF_HDR_HOST), 1);
+    EXPECT_STREQ(buf.data(), "printer.local");
+    EXPECT_EQ(get(33), 0);
+    EXPECT_EQ(get(CMP_IPP_IF_HDR_COOKIE), 0) << "absent";
+
+    struct Case {
+        std::string text;
+        int result;
+        std::string seen;
+    };
+    const Case cases[] = {
+        {"Bearer abc.def", 1, "Bearer abc.def"},
+        {"Basic", 1, "Basic"},                     // nothing to decode
+        {"basic dXNlcjpwYXNz", 1, "basic dXNlcjpwYXNz"},  // case-sensitive
+        {"Basic " + std::string(400, 'Q'), 0, ""},  // decodes to more than 254 bytes
+        {"Basic " + std::string(336, 'Q'), 1, ""},  // 252 bytes: accepted
+    };
+    for (const Case& c : cases) {
+        InfoRig one;
+        one.field(CMP_IPP_IF_HDR_AUTHORIZATION, c.text);
+        std::fill(buf.begin(), buf.end(), 0);
+        EXPECT_EQ(getHttpData(&one.info, CMP_IPP_IF_HDR_AUTHORIZATION, buf.data()), c.result) << c.text.substr(0, 20);
+        if (c.result == 1 && c.text.size() < 100) {
+            EXPECT_EQ(std::string(buf.data()), c.seen);
+        } else if (c.result == 1) {
+            EXPECT_EQ(std::strlen(buf.data()), 6u + 252u);
+        }
+    }
+    char text[] = "realm";
+    EXPECT_EQ(setHttpData(&r.info, CMP_IPP_IF_HDR_WWW_AUTHENTICATE, text), 1);
+    EXPECT_EQ(r.rsp->numHeaders, 1);
+    EXPECT_EQ(setHttpData(&r.info, static_cast<CMP_IPP_IF_HEADER_FC_FIELD_TOKENS>(33), text), 0);
+    EXPECT_EQ(r.rsp->numHeaders, 1);
+}
+
+TEST(HttpAccessors, ReplyCodes) {
+    InfoRig r;
+    int out = -1;
+    EXPECT_EQ(getHttpReturnCode(&r.info, &out), 1);
+    EXPECT_EQ(out, 0) << "nothing set";
+    EXPECT_EQ(setHttpReturnCode(&r.info, CMP_IPP_IF_RC_UNAUTHORIZED), 1);
+    EXPECT_EQ(r.rsp->status, -1975);
+    EXPECT_EQ(setHttpReturnCode(&r.info, static_cast<CMP_IPP_IF_RETURN_CODES>(22)), 0);
+    EXPECT_EQ(r.rsp->status, -1975) << "unchanged";
+    EXPECT_EQ(setHttpReturnCode(&r.info, CMP_IPP_IF_RC_REQUEST_TIMEOUT), 1);
+    EXPECT_EQ(getHttpReturnCode(&r.info, &out), 1);
+    EXPECT_EQ(out, 13);
+    r.req->returnCode = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+    EXPECT_EQ(getHttpReturnCode(&r.info, &out), 1);
+    EXPECT_EQ(out, 17) << "the request's code wins and has no mapping";
+}
+
+// ---- receiving, spooling and sending over socket pairs ------------------------------
+
+// A connection task's records on one end of a socket pair; the test is the front end.
+struct Pair {
+    explicit Pair(int type = SOCK_STREAM) : req(zeroed<ahttpdReqObj>()), rsp(zeroed<ahttpdRspObj>()) {
+        int fds[2];
+        EXPECT_EQ(socketpair(AF_UNIX, type, 0, fds), 0);
+        server = fds[0];
+        peer = fds[1];
+        req->sock = static_cast<int16_t>(server);
+        req->connection = AHTTPD_CONN_CLOSE;
+        req->rspObj = rsp.get();
+        rsp->sock = static_cast<int16_t>(server);
+        rsp->reqObj = req.get();
+    }
+    ~Pair() {
+        if (req->messageBody != nullptr) ahttpdFreeMemory(req.get());
+        if (req->sock > 0) close(req->sock);
+        if (peer >= 0) close(peer);
+    }
+    bool serverOpen() const { return fcntl(server, F_GETFD) != -1; }
+    ssize_t peerRecv(void* b, size_t n, int timeoutMs = 3000) {
+        struct pollfd p = {peer, POLLIN, 0};
+        if (poll(&p, 1, timeoutMs) <= 0) return -2;
+        return recv(peer, b, n, 0);
+    }
+    std::unique_ptr<ahttpdReqObj> req;
+    std::unique_ptr<ahttpdRspObj> rsp;
+    int server = -1;
+    int peer = -1;
+};
+
+TEST(HttpReceive, PushbackByteComesFirst) {
+    Pair p;
+    unsigned char dest[8] = {0};
+    unsigned char pushback = 'P';
+    EXPECT_EQ(ahttpdSoread(p.req.get(), p.req->sock, dest, 1, &pushback, 1), 1);
+    EXPECT_EQ(dest[0], 'P');
+    EXPECT_EQ(pushback, 0);
+    ASSERT_EQ(send(p.peer, "abc", 3, 0), 3);
+    pushback = 'Q';
+    EXPECT_EQ(ahttpdSoread(p.req.get(), p.req->sock, dest, 4, &pushback, 1), 4);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(dest), 4), "Qabc");
+}
+
+TEST(HttpReceive, TimeOutWhenNothingArrives) {
+    Pair p;
+    TraceCapture trace(0);
+    unsigned char dest[4];
+    unsigned char pushback = 0;
+    const auto t0 = Clock::now();
+    EXPECT_EQ(ahttpdSoread(p.req.get(), p.req->sock, dest, 4, &pushback, 1), PRS_PRT_HTTP_RET_408_TIMEOUT);
+    EXPECT_GE(msSince(t0), 950);
+    EXPECT_LE(msSince(t0), 2000);
+    EXPECT_TRUE(trace.contains("[ERROR ]:cmp_ipp_httptask::ahttpdSoread(1173): ahttpdSoread: TIMEOUT.\n"));
+    EXPECT_TRUE(p.serverOpen());
+}
+
+TEST(HttpReceive, PeerGoneClosesTheSocketOnce) {
+    Pair p;
+    close(p.peer);
+    p.peer = -1;
+    unsigned char dest[4];
+    unsigned char pushback = 0;
+    EXPECT_EQ(ahttpdSoread(p.req.get(), p.req->sock, dest, 4, &pushback, 5), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+    EXPECT_EQ(p.req->sock, 0);
+    EXPECT_EQ(p.rsp->sock, 0) << "the reply side forgets it too";
+    EXPECT_FALSE(p.serverOpen());
+    EXPECT_EQ(ahttpdTransmitResponseHeader(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE) << "no send on it";
+}
+
+TEST(HttpReceive, ShutdownDuringAChunkedBodyIsEndOfData) {
+    struct Case {
+        int32_t chunked;
+        int16_t spooling;
+        int32_t expected;
+        bool stillOpen;
+    };
+    const Case cases[] = {
+        {1, 1, PRS_PRT_HTTP_RET_END_OF_DATA, true},
+        {0, 1, PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE, false},
+        {1, 0, PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE, false},
+    };
+    for (const Case& c : cases) {
+        Pair p;
+        p.req->chunked = c.chunked;
+        p.req->spooling = c.spooling;
+        ASSERT_EQ(shutdown(p.peer, SHUT_WR), 0);
+        unsigned char dest[4];
+        unsigned char pushback = 0;
+        EXPECT_EQ(ahttpdSoread(p.req.get(), p.req->sock, dest, 4, &pushback, 5), c.expected) << c.chunked;
+        EXPECT_EQ(p.serverOpen(), c.stillOpen);
+        if (c.stillOpen) {
+            p.req->returnCode = 0;
+            EXPECT_EQ(ahttpdTransmitResponseHeader(p.rsp.get()), 0) << "the reply still goes out";
+        }
+    }
+}
+
+TEST(HttpSpool, BadCallsAndABlockInPieces) {
+    Pair p;
+    int32_t got = -1;
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH)
+        << "no spool size yet";
+    ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+    EXPECT_EQ(p.req->spooling, 1);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), AHTTPD_SPOOL_SIZE + 1, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 0, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
+
+    std::thread writer([&] {
+        for (char c : {'a', 'b', 'c'}) {
+            std::string piece(1000, c);
+            send(p.peer, piece.data(), piece.size(), 0);
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        }
+    });
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 3000, &got, 10), 0);
+    writer.join();
+    EXPECT_EQ(got, 3000);
+    EXPECT_EQ(p.req->messageBody[0], 'a');
+    EXPECT_EQ(p.req->messageBody[2999], 'c');
+    EXPECT_EQ(p.req->messageBody[3000], 0) << "the spool buffer is cleared first";
+
+    AHTTPD_closeSpooling(p.req.get());
+    EXPECT_EQ(p.req->spooling, 0);
+    EXPECT_EQ(p.req->messageBody, nullptr);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_NOT_SPOOLING);
+}
+
+TEST(HttpSend, BodyGoesOutInPiecesOf2048) {
+    Pair p(SOCK_SEQPACKET);  // keeps the boundaries of every send
+    std::vector<unsigned char> body(5000);
+    for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<unsigned char>(i);
+    p.rsp->body = body.data();
+    p.rsp->bodyLength = 5000;
+    EXPECT_EQ(transmit_response_body(p.rsp.get()), 0);
+    std::vector<size_t> sizes;
+    std::vector<unsigned char> all;
+    unsigned char buf[4096];
+    for (int i = 0; i < 3; ++i) {
+        const ssize_t n = p.peerRecv(buf, sizeof buf);
+        ASSERT_GT(n, 0);
+        sizes.push_back(static_cast<size_t>(n));
+        all.insert(all.end(), buf, buf + n);
+    }
+    EXPECT_EQ(sizes, (std::vector<size_t>{2048, 2048, 904}));
+    EXPECT_EQ(all, body);
+    EXPECT_NE(fcntl(p.server, F_GETFL) & O_NONBLOCK, 0) << "non-blocking from the first body on";
+    p.rsp->body = nullptr;
+}
+
+TEST(HttpSend, ReplyRecordIsOneSendOfTheWirePart) {
+    Pair p(SOCK_SEQPACKET);
+    p.req->returnCode = -1970;
+    p.req->connection = AHTTPD_CONN_PAUSE_CLOSE;
+    p.rsp->bodyLength = 21;
+    ASSERT_EQ(AHTTPD_setResponseHeader(p.rsp.get(), 20, "Basic"), 0);
+    EXPECT_EQ(ahttpdTransmitResponseHeader(p.rsp.get()), 0);
+    EXPECT_EQ(p.rsp->headerSent, 1);
+    EXPECT_EQ(p.rsp->numHeaders, 0);
+    std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE + 100);
+    ASSERT_EQ(p.peerRecv(rec.data(), rec.size()), AHTTPD_RSP_RECORD_SIZE);
+    EXPECT_EQ(wordAt(rec.data(), 0), -1970);
+    EXPECT_EQ(wordAt(rec.data(), 4), AHTTPD_CONN_PAUSE_CLOSE);
+    EXPECT_EQ(wordAt(rec.data(), 8), 21);
+    int16_t count;
+    std::memcpy(&count, rec.data() + 12, sizeof count);
+    EXPECT_EQ(count, 1) << "the header count as it was when sent";
+    EXPECT_EQ(wordAt(rec.data(), 16), 20);
+}
+
+TEST(HttpSend, PartialAcceptanceOfTheRecordIsCompleted) {
+    Pair p;
+    const int small = 4096;
+    setsockopt(p.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    setsockopt(p.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    int on = 1;
+    ioctl(p.server, FIONBIO, &on);
+    size_t received = 0;
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        unsigned char buf[1000];
+        while (received < static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE)) {
+            const ssize_t n = p.peerRecv(buf, sizeof buf);
+            if (n <= 0) break;
+            received += static_cast<size_t>(n);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    EXPECT_EQ(ahttpdTransmitHeader(p.rsp.get()), 0);
+    reader.join();
+    EXPECT_EQ(received, static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
+}
+
+TEST(HttpSend, ClosedPeerIsASocketFailureNotASignal) {
+    Pair p;
+    close(p.peer);
+    p.peer = -1;
+    TraceCapture trace(2);
+    const int32_t blocks = emwOSWTestOutstandingBlocks();  // before the body exists
+    p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(3000));
+    std::memset(p.rsp->body, 'x', 3000);
+    p.rsp->bodyLength = 3000;
+    p.rsp->bodyOwned = 1;
+    EXPECT_EQ(ahttpdTransmitHeader(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+    EXPECT_EQ(transmit_response_body_frees(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+    EXPECT_EQ(p.rsp->body, nullptr) << "released on failure too";
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+    EXPECT_TRUE(trace.contains("[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n"));
+    EXPECT_TRUE(trace.contains("[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n"))
+        << "EPIPE";
+}
+
+// ---- error replies --------------------------------------------------------------------
+
+TEST(HttpErrorReply, TextCloseOrKeepByCode) {
+    struct Case {
+        int32_t code;
+        const char* text;  // null: record alone
+        bool closes;
+    };
+    const Case cases[] = {
+        {PRS_PRT_HTTP_RET_408_TIMEOUT, " 408 Request Time-Out", true},
+        {PRS_PRT_HTTP_RET_IPP_DISABLED, nullptr, true},
+        {PRS_PRT_HTTP_RET_401_UNAUTHORIZED, " 401 Unauthorized Access", false},
+        {PRS_PRT_HTTP_RET_500_INTERNAL, " 500 Internal Sever Error", true},
+        {PRS_PRT_HTTP_RET_REDIRECT, nullptr, true},  // keepAliveLevel 0
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.code);
+        Pair p;
+        p.req->returnCode = c.code;
+        const auto t0 = Clock::now();
+        ahttpdErrorResponseHandler(p.rsp.get());
+        const int64_t took = msSince(t0);
+        std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE);
+        size_t have = 0;
+        while (have < rec.size()) {
+            const ssize_t n = p.peerRecv(rec.data() + have, rec.size() - have);
+            ASSERT_GT(n, 0);
+            have += static_cast<size_t>(n);
+        }
+        EXPECT_EQ(wordAt(rec.data(), 0), c.code);
+        const int32_t length = wordAt(rec.data(), 8);
+        if (c.text != nullptr) {
+            ASSERT_EQ(length, static_cast<int32_t>(std::strlen(c.text)));
+            std::string body(static_cast<size_t>(length), '\0');
+            size_t got = 0;
+            while (got < body.size()) {
+                const ssize_t n = p.peerRecv(&body[got], body.size() - got);
+                ASSERT_GT(n, 0);
+                got += static_cast<size_t>(n);
+            }
+            EXPECT_EQ(body, c.text);
+        } else {
+            EXPECT_EQ(length, 0);
+        }
+        EXPECT_EQ(p.rsp->body, nullptr);
+        if (c.closes) {
+            EXPECT_GE(took, 45) << "a short pause before closing";
+            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
+            EXPECT_EQ(p.req->sock, 0);
+            unsigned char b;
+            EXPECT_EQ(p.peerRecv(&b, 1), 0) << "closed";
+        } else {
+            EXPECT_EQ(p.rsp->returnCode, PRS_PRT_HTTP_RET_401_UNAUTHORIZED);
+            EXPECT_TRUE(p.serverOpen());
+            EXPECT_NE(p.req->sock, 0);
+        }
+    }
+}
+
+TEST(HttpErrorReply, RedirectWithKeepAliveWaitsForTheNextRequest) {
+    Pair p;
+    p.req->returnCode = PRS_PRT_HTTP_RET_REDIRECT;
+    p.req->keepAliveLevel = 2;
+    std::thread next([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        send(p.peer, "x", 1, 0);
+    });
+    ahttpdErrorResponseHandler(p.rsp.get());
+    next.join();
+    EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
+    EXPECT_TRUE(p.serverOpen());
+}
+
+TEST(HttpErrorReply, SocketFailureWithClosedSocketSendsNothing) {
+    Pair p;
+    close(p.server);
+    p.req->sock = 0;
+    p.rsp->sock = 0;
+    p.req->returnCode = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 1);
+    ahttpdErrorResponseHandler(p.rsp.get());
+    EXPECT_EQ(p.rsp->headerSent, 0);
+    EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
+    unsigned char b;
+    EXPECT_EQ(p.peerRecv(&b, 1, 200), 0) << "nothing but the close";
+    p.req->returnCode = PRS_PRT_HTTP_RET_408_TIMEOUT;
+    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 0);
+}
+
+}  // namespace
