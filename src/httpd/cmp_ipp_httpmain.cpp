@@ -173,10 +173,10 @@ extern "C" int pn_httpd_main(void) {
         (void)ioctl(sock, FIONBIO, &off);
         (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
         set_cloexec_flag(sock, 1);
-        char taskName[16];
-        char fullName[32];  // task names are cut to 15 characters
+        char fullName[32] = {};
         snprintf(fullName, sizeof fullName, "tHttpCmp-%ld", static_cast<long>(connectionNumber));
-        strncpy(taskName, fullName, sizeof taskName - 1);
+        char taskName[16];  // task names are cut to 15 characters
+        memcpy(taskName, fullName, sizeof taskName - 1);
         taskName[sizeof taskName - 1] = '\0';
 
         if (g_pn_httpd_shutdown.load() != 0 || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {

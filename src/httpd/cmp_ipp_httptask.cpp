@@ -206,10 +206,10 @@ extern "C" void pn_httpd_task(void* arg) {
     const int16_t sock = static_cast<int16_t>(start->sock & 0xFFFF);
     const int32_t connectionNumber = start->connectionNumber;
     emwOSWOrgFreeMemPart(0, start);
-    char taskName[16];
-    char fullName[32];  // task names are cut to 15 characters
+    char fullName[32] = {};
     snprintf(fullName, sizeof fullName, "tHttpCmp-%ld", static_cast<long>(connectionNumber));
-    strncpy(taskName, fullName, sizeof taskName - 1);
+    char taskName[16];  // task names are cut to 15 characters
+    memcpy(taskName, fullName, sizeof taskName - 1);
     taskName[sizeof taskName - 1] = '\0';
 
     ahttpdRspObj* rsp = static_cast<ahttpdRspObj*>(emwOSWSubAllocMem(sizeof(ahttpdRspObj)));
