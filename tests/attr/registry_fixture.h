@@ -15,11 +15,11 @@ struct RegistryTables {
     std::vector<cmp_ipp_status_row_t> statuses;
 };
 
-class ScopedRegistry {
+// Puts the registry's tables back as they were when it was made.
+class RegistryRestore {
 public:
-    explicit ScopedRegistry(const RegistryTables& t) : m_tables(t), m_saved(*reg()) { install(); }
-    ScopedRegistry() : m_saved(*reg()) { install(); }
-    ~ScopedRegistry() {
+    RegistryRestore() : m_saved(*reg()) {}
+    ~RegistryRestore() {
         cmp_ipp_ipptable_def* r = reg();
         r->m_attrTable = m_saved.m_attrTable;
         r->m_altTypeTable = m_saved.m_altTypeTable;
@@ -32,12 +32,22 @@ public:
         r->m_operationIdCount = m_saved.m_operationIdCount;
         r->m_statusCodeCount = m_saved.m_statusCodeCount;
     }
-    ScopedRegistry(const ScopedRegistry&) = delete;
-    ScopedRegistry& operator=(const ScopedRegistry&) = delete;
+    RegistryRestore(const RegistryRestore&) = delete;
+    RegistryRestore& operator=(const RegistryRestore&) = delete;
 
-private:
+protected:
     static cmp_ipp_ipptable_def* reg() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance(); }
 
+private:
+    cmp_ipp_ipptable_def m_saved;
+};
+
+class ScopedRegistry : public RegistryRestore {
+public:
+    explicit ScopedRegistry(const RegistryTables& t) : m_tables(t) { install(); }
+    ScopedRegistry() { install(); }
+
+private:
     void install() {
         cmp_ipp_ipptable_def* r = reg();
         r->m_attrTable = m_tables.attrs.data();
@@ -53,7 +63,6 @@ private:
     }
 
     RegistryTables m_tables;
-    cmp_ipp_ipptable_def m_saved;
 };
 
 #endif

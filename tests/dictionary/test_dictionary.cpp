@@ -38,28 +38,9 @@ std::vector<uint16_t> oneSetOfIds() {
 }
 
 // Installs the dictionary for one scope and puts the previous tables back.
-class ScopedDictionary {
+class ScopedDictionary : public RegistryRestore {
 public:
-    ScopedDictionary() : m_saved(*reg()) { cmp_ipp_dictionary_install(); }
-    ~ScopedDictionary() {
-        cmp_ipp_ipptable_def* r = reg();
-        r->m_attrTable = m_saved.m_attrTable;
-        r->m_altTypeTable = m_saved.m_altTypeTable;
-        r->m_oneSetOfTable = m_saved.m_oneSetOfTable;
-        r->m_operationIdTable = m_saved.m_operationIdTable;
-        r->m_statusCodeTable = m_saved.m_statusCodeTable;
-        r->m_attrCount = m_saved.m_attrCount;
-        r->m_altTypeCount = m_saved.m_altTypeCount;
-        r->m_oneSetOfCount = m_saved.m_oneSetOfCount;
-        r->m_operationIdCount = m_saved.m_operationIdCount;
-        r->m_statusCodeCount = m_saved.m_statusCodeCount;
-    }
-    ScopedDictionary(const ScopedDictionary&) = delete;
-    ScopedDictionary& operator=(const ScopedDictionary&) = delete;
-
-private:
-    static cmp_ipp_ipptable_def* reg() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance(); }
-    cmp_ipp_ipptable_def m_saved;
+    ScopedDictionary() { cmp_ipp_dictionary_install(); }
 };
 
 // Largest length RFC 8010 allows for the values of a length-bounded tag; -1 for
