@@ -25,8 +25,7 @@ extern "C" int httpd_start_wrap(void) {
 
 extern "C" int pn_httpd_start(void) {
     (void)pn_httpd_wake_prepare();
-    char name[16];
-    strncpy(name, "HTTPLstnCmp", sizeof name);
+    char name[16] = "HTTPLstnCmp";
     PN_PIC_TaskParam param;
     memset(&param, 0, sizeof param);
     param.priority = kTaskPriorityLevel;

@@ -104,8 +104,7 @@ extern "C" void pn_httpd_socket_path(char* out, size_t size) {
     if (out == nullptr || size == 0) return;
     const char* base = getenv("GEN_UNIX_PATH");
     if (base == nullptr) {
-        strncpy(out, kDefaultPath, size);
-        out[size - 1] = '\0';
+        snprintf(out, size, "%s", kDefaultPath);
     } else {
         snprintf(out, size, "%s%s", base, kSocketName);
     }

@@ -4,6 +4,7 @@
 #include <cxxabi.h>
 #include <sched.h>
 
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 
@@ -120,8 +121,7 @@ extern "C" int PN_PIC_ThreadCreateB(const PN_PIC_TaskParam* param) {
     if (info == nullptr) return -1;
     std::memset(static_cast<void*>(info), 0, sizeof(PN_PIC_TaskInfo));
     if (param->name != nullptr) {
-        std::strncpy(info->name, param->name, PN_PIC_NAME_SIZE);
-        info->name[PN_PIC_NAME_SIZE - 1] = '\0';
+        std::snprintf(info->name, PN_PIC_NAME_SIZE, "%s", param->name);
     }
     info->entry = param->entry;
     info->arg = param->arg;
