@@ -14,6 +14,7 @@ packages=(
   qemu-user
   clang
   libclang-rt-14-dev
+  libmicrohttpd-dev       # the HTTP front end (apps/frontend)
 )
 
 missing=()

@@ -1,0 +1,375 @@
+// Threading: libmicrohttpd runs one thread per HTTP connection. Relaying blocks
+// on the Unix socket (the library reads body blocks at the handler's pace and
+// takes its time to build a reply), and in a thread of its own that blocking
+// holds up only the connection it belongs to; with a shared event thread every
+// wait would have to be turned into suspend/resume bookkeeping. The thread count
+// is bounded by the connection limit, which matches the library's own limit.
+//
+// Connections to the library: one Unix-socket connection per HTTP connection,
+// requests sent in keep-alive mode (2), so a client's persistent connection maps
+// onto one connection task in the library and a request costs no connect and no
+// task start. A kept connection is dropped whenever the library might not read
+// the next request on it: an answer other than success or 401, a reply that came
+// before the whole body was sent, or a connection idle for longer than the reuse
+// time (the library closes idle kept connections itself).
+#include "cmp_ipp_frontend.h"
+
+#include <arpa/inet.h>
+#include <microhttpd.h>
+#include <net/if.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "cmp_ipp_relay.h"
+#include "containers/cmp_ipp_if.h"
+
+using namespace cmp_ipp_fe;
+
+namespace {
+
+const int kEarlyReplyWaitMs = 1000;
+// The library answers nothing else on these two methods.
+const char kAllowed[] = "GET, POST";
+
+struct connection_state {
+    connection_state(int timeoutMs, const std::atomic<bool>* stopping) : relay(timeoutMs, stopping) {}
+    relay_connection relay;
+};
+
+struct request_state {
+    bool post = false;
+    bool keepAlive = false;
+    bool inFlight = false;   // record sent, reply not read: the Unix connection is mid-request
+    bool done = false;       // the outcome is known; further upload data is discarded
+    unsigned failStatus = 0; // set when the front end itself could not get an answer
+    relay_reply reply;
+};
+
+bool containsToken(const char* list, const char* token) {
+    if (list == nullptr) return false;
+    const size_t n = std::strlen(token);
+    for (const char* p = list; *p != '\0'; ++p)
+        if (strncasecmp(p, token, n) == 0) return true;
+    return false;
+}
+
+std::string numericHost(const struct sockaddr* sa) {
+    if (sa == nullptr) return std::string();
+    const socklen_t len = sa->sa_family == AF_INET6 ? sizeof(struct sockaddr_in6) : sizeof(struct sockaddr_in);
+    char host[NI_MAXHOST];
+    if (getnameinfo(sa, len, host, sizeof host, nullptr, 0, NI_NUMERICHOST) != 0) return std::string();
+    return host;
+}
+
+// The zone of a link-local IPv6 client in the percent-encoded form that goes
+// into URIs ("%25eth0"); empty for every other client.
+std::string clientZone(const struct sockaddr* sa) {
+    if (sa == nullptr || sa->sa_family != AF_INET6) return std::string();
+    const struct sockaddr_in6* s6 = reinterpret_cast<const struct sockaddr_in6*>(sa);
+    if (s6->sin6_scope_id == 0) return std::string();
+    char name[IF_NAMESIZE];
+    if (if_indextoname(s6->sin6_scope_id, name) == nullptr) return std::string();
+    return std::string("%25") + name;
+}
+
+MHD_Result collectHeader(void* cls, enum MHD_ValueKind, const char* key, const char* value) {
+    const int32_t token = requestHeaderToken(key);
+    if (token != 0 && value != nullptr) static_cast<std::vector<relay_header>*>(cls)->push_back({token, value});
+    return MHD_YES;
+}
+
+MHD_Result queueText(struct MHD_Connection* c, unsigned status, const char* text) {
+    struct MHD_Response* r =
+        MHD_create_response_from_buffer(std::strlen(text), const_cast<char*>(text), MHD_RESPMEM_MUST_COPY);
+    if (r == nullptr) return MHD_NO;
+    MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, kAllowed);
+    const MHD_Result rc = MHD_queue_response(c, status, r);
+    MHD_destroy_response(r);
+    return rc;
+}
+
+}  // namespace
+
+struct cmp_ipp_frontend::impl {
+    explicit impl(const options& o) : opts(o) {
+        socketPath = opts.socketPath.empty() ? defaultSocketPath() : opts.socketPath;
+    }
+
+    options opts;
+    std::string socketPath;
+    struct MHD_Daemon* daemon = nullptr;
+    uint16_t boundPort = 0;
+    std::atomic<bool> stopping{false};
+
+    static MHD_Result onRequest(void* cls, struct MHD_Connection* c, const char* url, const char* method,
+                                const char* version, const char* upload, size_t* uploadSize, void** reqCls);
+    static void onCompleted(void* cls, struct MHD_Connection* c, void** reqCls, enum MHD_RequestTerminationCode toe);
+    static void onConnection(void* cls, struct MHD_Connection* c, void** socketCtx,
+                             enum MHD_ConnectionNotificationCode toe);
+
+    MHD_Result begin(struct MHD_Connection* c, connection_state* conn, request_state* st, const char* url,
+                     const char* method, const char* version);
+    void relayBody(connection_state* conn, request_state* st, const unsigned char* data, size_t length);
+    void finish(connection_state* conn, request_state* st);
+    void takeEarlyReply(connection_state* conn, request_state* st);
+    MHD_Result respond(struct MHD_Connection* c, request_state* st);
+    relay_request buildRequest(struct MHD_Connection* c, const char* url, bool post, bool keepAlive);
+};
+
+relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, const char* url, bool post,
+                                                   bool keepAlive) {
+    relay_request req;
+    req.method = post ? 2 : 0;
+    req.connection = keepAlive ? 2 : 1;
+    // Level 1, not higher: above 1 the library answers a redirect by waiting on the
+    // connection itself; the front end would rather drop it and connect anew.
+    req.keepAliveLevel = keepAlive ? 1 : 0;
+    if (post) {
+        const char* te = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_TRANSFER_ENCODING);
+        const char* cl = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+        if (containsToken(te, "chunked")) {
+            req.chunked = true;
+        } else if (cl != nullptr) {
+            const unsigned long long n = strtoull(cl, nullptr, 10);
+            // The record's length is 32-bit; a longer body still ends with the end block.
+            if (n > 0x7FFFFFFFull)
+                req.chunked = true;
+            else
+                req.contentLength = static_cast<int32_t>(n);
+        }
+    }
+
+    std::vector<relay_header> candidates;
+    MHD_get_connection_values(c, MHD_HEADER_KIND, collectHeader, &candidates);
+    candidates.push_back({CMP_IPP_IF_HDR_REQUEST_URI, url});
+    const union MHD_ConnectionInfo* ci = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (ci != nullptr && ci->client_addr != nullptr) {
+        const std::string remote = numericHost(ci->client_addr);
+        if (!remote.empty()) candidates.push_back({CMP_IPP_IF_HDR_REMOTE_ADDR, remote});
+        const std::string zone = clientZone(ci->client_addr);
+        if (!zone.empty()) candidates.push_back({CMP_IPP_IF_HDR_CLIENT_ZONE, zone});
+    }
+    const union MHD_ConnectionInfo* fdi = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
+    if (fdi != nullptr) {
+        struct sockaddr_storage local;
+        socklen_t len = sizeof local;
+        if (getsockname(fdi->connect_fd, reinterpret_cast<struct sockaddr*>(&local), &len) == 0) {
+            const std::string addr = numericHost(reinterpret_cast<struct sockaddr*>(&local));
+            if (!addr.empty()) candidates.push_back({CMP_IPP_IF_HDR_LOCAL_ADDR, addr});
+        }
+    }
+    req.headers = selectHeaders(candidates);
+    return req;
+}
+
+MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_state* conn, request_state* st,
+                                         const char* url, const char* method, const char* version) {
+    const bool get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
+    st->post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
+    if (!get && !st->post) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n");
+    if (opts.ippPath != url && std::strcmp(url, "/") != 0) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
+
+    const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);
+    st->keepAlive = std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 && !containsToken(connHeader, "close");
+    const relay_request req = buildRequest(c, url, st->post, st->keepAlive);
+
+    relay_connection& relay = conn->relay;
+    const bool reused = relay.isOpen() && relay.reusable(opts.relayReuseMs);
+    if (!reused) relay.close();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (!relay.isOpen() && relay.connectTo(socketPath) != relay_connection::outcome::ok)
+            return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not reachable\n");
+        if (relay.sendRequest(req)) {
+            st->inFlight = true;
+            return MHD_YES;
+        }
+        // Nothing of this request has gone yet: a kept connection that the library
+        // closed meanwhile is replaced once.
+        relay.close();
+        if (!reused) break;
+    }
+    return queueText(c, MHD_HTTP_BAD_GATEWAY, "IPP service failed\n");
+}
+
+void cmp_ipp_frontend::impl::takeEarlyReply(connection_state* conn, request_state* st) {
+    if (!conn->relay.readReply(st->reply, kEarlyReplyWaitMs)) st->failStatus = MHD_HTTP_BAD_GATEWAY;
+    // The library stopped reading this body: what is left of it must never be
+    // taken for the next request.
+    conn->relay.close();
+    st->inFlight = false;
+    st->done = true;
+}
+
+void cmp_ipp_frontend::impl::relayBody(connection_state* conn, request_state* st, const unsigned char* data,
+                                       size_t length) {
+    if (st->done || !st->post) return;  // a GET's body means nothing to the library
+    if (conn->relay.replyWaiting() || !conn->relay.addBody(data, length)) takeEarlyReply(conn, st);
+}
+
+void cmp_ipp_frontend::impl::finish(connection_state* conn, request_state* st) {
+    if (st->done) return;
+    relay_connection& relay = conn->relay;
+    if (st->post && (relay.replyWaiting() || !relay.endBody())) {
+        takeEarlyReply(conn, st);
+        return;
+    }
+    st->done = true;
+    st->inFlight = false;
+    if (!relay.readReply(st->reply, opts.relayTimeoutMs)) {
+        st->failStatus = MHD_HTTP_BAD_GATEWAY;
+        relay.close();
+        return;
+    }
+    const bool libraryKeeps = st->reply.connection == 2 && (st->reply.status == 0 || st->reply.status == -1975);
+    if (!st->keepAlive || !libraryKeeps) relay.close();
+}
+
+MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_state* st) {
+    if (st->failStatus != 0) return queueText(c, st->failStatus, "IPP service failed\n");
+    const relay_reply& reply = st->reply;
+    const unsigned status = httpStatusFor(reply.status);
+
+    struct MHD_Response* r = nullptr;
+    if (reply.bodyLength > 0) {
+        r = MHD_create_response_from_buffer(reply.bodyLength, st->reply.body.get(), MHD_RESPMEM_MUST_FREE);
+        if (r != nullptr) (void)st->reply.body.release();
+    } else if (status >= 400) {
+        // The library sends no text for some codes (IPP disabled): say what happened.
+        const char* phrase = MHD_get_reason_phrase_for(status);
+        std::string text = std::string(phrase != nullptr ? phrase : "Error") + "\n";
+        r = MHD_create_response_from_buffer(text.size(), &text[0], MHD_RESPMEM_MUST_COPY);
+    } else {
+        r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+    }
+    if (r == nullptr) return MHD_NO;
+
+    bool haveType = false, haveChallenge = false;
+    for (const relay_header& h : reply.headers) {
+        const char* name = replyHeaderName(h.token);
+        if (name == nullptr || h.value.empty()) continue;
+        if (MHD_add_response_header(r, name, h.value.c_str()) != MHD_YES) continue;
+        haveType = haveType || h.token == CMP_IPP_IF_HDR_CONTENT_TYPE;
+        haveChallenge = haveChallenge || h.token == CMP_IPP_IF_HDR_WWW_AUTHENTICATE;
+    }
+    if (!haveType) {
+        const char* type = status != 200 ? "text/plain" : st->post ? "application/ipp" : "text/html; charset=utf-8";
+        MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, type);
+    }
+    // A 401 without a challenge leaves a client no way to authenticate.
+    if (status == MHD_HTTP_UNAUTHORIZED && !haveChallenge)
+        MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Basic realm=\"IPP\"");
+    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, kAllowed);
+    const MHD_Result rc = MHD_queue_response(c, status, r);
+    MHD_destroy_response(r);
+    return rc;
+}
+
+MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c, const char* url,
+                                             const char* method, const char* version, const char* upload,
+                                             size_t* uploadSize, void** reqCls) {
+    impl* self = static_cast<impl*>(cls);
+    const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    connection_state* conn = info != nullptr ? static_cast<connection_state*>(info->socket_context) : nullptr;
+    if (conn == nullptr) return MHD_NO;
+
+    request_state* st = static_cast<request_state*>(*reqCls);
+    if (st == nullptr) {
+        st = new request_state();
+        *reqCls = st;  // released when the request completes, however it ends
+        return self->begin(c, conn, st, url, method, version);
+    }
+    if (*uploadSize > 0) {
+        self->relayBody(conn, st, reinterpret_cast<const unsigned char*>(upload), *uploadSize);
+        *uploadSize = 0;
+        return MHD_YES;
+    }
+    self->finish(conn, st);
+    return self->respond(c, st);
+}
+
+void cmp_ipp_frontend::impl::onCompleted(void*, struct MHD_Connection* c, void** reqCls,
+                                         enum MHD_RequestTerminationCode) {
+    request_state* st = static_cast<request_state*>(*reqCls);
+    *reqCls = nullptr;
+    if (st == nullptr) return;
+    if (st->inFlight) {
+        // The client went away mid-request: the library is still waiting for this
+        // body, so the Unix connection cannot carry another request.
+        const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+        if (info != nullptr && info->socket_context != nullptr)
+            static_cast<connection_state*>(info->socket_context)->relay.close();
+    }
+    delete st;
+}
+
+void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection*, void** socketCtx,
+                                          enum MHD_ConnectionNotificationCode toe) {
+    impl* self = static_cast<impl*>(cls);
+    if (toe == MHD_CONNECTION_NOTIFY_STARTED) {
+        *socketCtx = new connection_state(self->opts.relayTimeoutMs, &self->stopping);
+    } else {
+        delete static_cast<connection_state*>(*socketCtx);
+        *socketCtx = nullptr;
+    }
+}
+
+cmp_ipp_frontend::cmp_ipp_frontend(const options& opts) : m_impl(new impl(opts)) {}
+
+cmp_ipp_frontend::~cmp_ipp_frontend() { stop(); }
+
+bool cmp_ipp_frontend::start(std::string* error) {
+    impl& d = *m_impl;
+    if (d.daemon != nullptr) return true;
+    struct sockaddr_storage addr;
+    std::memset(&addr, 0, sizeof addr);
+    unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ERROR_LOG;
+    struct sockaddr_in* a4 = reinterpret_cast<struct sockaddr_in*>(&addr);
+    struct sockaddr_in6* a6 = reinterpret_cast<struct sockaddr_in6*>(&addr);
+    if (inet_pton(AF_INET, d.opts.bindAddress.c_str(), &a4->sin_addr) == 1) {
+        a4->sin_family = AF_INET;
+        a4->sin_port = htons(d.opts.port);
+    } else if (inet_pton(AF_INET6, d.opts.bindAddress.c_str(), &a6->sin6_addr) == 1) {
+        a6->sin6_family = AF_INET6;
+        a6->sin6_port = htons(d.opts.port);
+        flags |= MHD_USE_IPv6;
+    } else {
+        if (error != nullptr) *error = "not a numeric address: " + d.opts.bindAddress;
+        return false;
+    }
+    d.stopping = false;
+    d.daemon = MHD_start_daemon(
+        flags, d.opts.port, nullptr, nullptr, &impl::onRequest, &d, MHD_OPTION_SOCK_ADDR,
+        reinterpret_cast<struct sockaddr*>(&addr), MHD_OPTION_CONNECTION_LIMIT, d.opts.connectionLimit,
+        MHD_OPTION_CONNECTION_TIMEOUT, d.opts.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &impl::onCompleted,
+        &d, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, &d, MHD_OPTION_END);
+    if (d.daemon == nullptr) {
+        if (error != nullptr) *error = "cannot listen on " + d.opts.bindAddress + " port " + std::to_string(d.opts.port);
+        return false;
+    }
+    const union MHD_DaemonInfo* info = MHD_get_daemon_info(d.daemon, MHD_DAEMON_INFO_BIND_PORT);
+    d.boundPort = info != nullptr ? info->port : d.opts.port;
+    return true;
+}
+
+void cmp_ipp_frontend::stop() {
+    impl& d = *m_impl;
+    if (d.daemon == nullptr) return;
+    d.stopping = true;  // relay waits end within one slice
+    MHD_stop_daemon(d.daemon);
+    d.daemon = nullptr;
+    d.boundPort = 0;
+}
+
+bool cmp_ipp_frontend::running() const { return m_impl->daemon != nullptr; }
+
+uint16_t cmp_ipp_frontend::port() const { return m_impl->boundPort; }
+
+const std::string& cmp_ipp_frontend::socketPath() const { return m_impl->socketPath; }

@@ -1,0 +1,373 @@
+#include "cmp_ipp_relay.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+// Only the record layouts and constants are taken from the library's header;
+// the front end does not link the library.
+#include "httpd/cmp_ipp_httpd.h"
+
+namespace cmp_ipp_fe {
+
+namespace {
+
+int64_t nowMs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+// Waits are cut into slices so that a stop is noticed within one of them.
+const int kWaitSliceMs = 100;
+
+struct header_name {
+    const char* name;
+    int32_t token;
+    bool inRequest;  // relayed from the HTTP request to the library
+    bool inReply;    // relayed from the reply record to the HTTP response
+};
+
+const header_name kHeaderNames[] = {
+    {"Host", CMP_IPP_IF_HDR_HOST, true, false},
+    {"Content-Type", CMP_IPP_IF_HDR_CONTENT_TYPE, true, true},
+    {"Content-Length", CMP_IPP_IF_HDR_CONTENT_LENGTH, true, false},
+    {"Transfer-Encoding", CMP_IPP_IF_HDR_TRANSFER_ENCODING, true, false},
+    {"Connection", CMP_IPP_IF_HDR_CONNECTION, true, false},
+    {"Keep-Alive", CMP_IPP_IF_HDR_KEEP_ALIVE, true, false},
+    {"User-Agent", CMP_IPP_IF_HDR_USER_AGENT, true, false},
+    {"Accept", CMP_IPP_IF_HDR_ACCEPT, true, false},
+    {"Accept-Language", CMP_IPP_IF_HDR_ACCEPT_LANGUAGE, true, false},
+    {"Accept-Encoding", CMP_IPP_IF_HDR_ACCEPT_ENCODING, true, false},
+    {"Accept-Charset", CMP_IPP_IF_HDR_ACCEPT_CHARSET, true, false},
+    {"Content-Encoding", CMP_IPP_IF_HDR_CONTENT_ENCODING, true, true},
+    {"Content-Language", CMP_IPP_IF_HDR_CONTENT_LANGUAGE, true, true},
+    {"Date", CMP_IPP_IF_HDR_DATE, true, false},  // the HTTP server dates its own responses
+    {"Expect", CMP_IPP_IF_HDR_EXPECT, true, false},
+    {"If-Modified-Since", CMP_IPP_IF_HDR_IF_MODIFIED_SINCE, true, false},
+    {"Last-Modified", CMP_IPP_IF_HDR_LAST_MODIFIED, false, true},
+    {"Location", CMP_IPP_IF_HDR_LOCATION, false, true},
+    {"Server", CMP_IPP_IF_HDR_SERVER, false, true},
+    {"WWW-Authenticate", CMP_IPP_IF_HDR_WWW_AUTHENTICATE, false, true},
+    {"Authorization", CMP_IPP_IF_HDR_AUTHORIZATION, true, false},
+    {"Cache-Control", CMP_IPP_IF_HDR_CACHE_CONTROL, true, true},
+    {"Pragma", CMP_IPP_IF_HDR_PRAGMA, true, true},
+    {"Referer", CMP_IPP_IF_HDR_REFERER, true, false},
+    {"Cookie", CMP_IPP_IF_HDR_COOKIE, true, false},
+    {"Set-Cookie", CMP_IPP_IF_HDR_SET_COOKIE, false, true},
+    {"Upgrade", CMP_IPP_IF_HDR_UPGRADE, true, false},
+};
+
+// Most important first: credentials and the addressing the handler builds URIs
+// from must survive when a client sends more headers than a record holds.
+const int32_t kPriority[] = {
+    CMP_IPP_IF_HDR_AUTHORIZATION,   CMP_IPP_IF_HDR_HOST,           CMP_IPP_IF_HDR_CLIENT_ZONE,
+    CMP_IPP_IF_HDR_REQUEST_URI,     CMP_IPP_IF_HDR_CONTENT_TYPE,   CMP_IPP_IF_HDR_REMOTE_ADDR,
+    CMP_IPP_IF_HDR_CONTENT_LENGTH,  CMP_IPP_IF_HDR_TRANSFER_ENCODING, CMP_IPP_IF_HDR_CONNECTION,
+    CMP_IPP_IF_HDR_ACCEPT_LANGUAGE, CMP_IPP_IF_HDR_USER_AGENT,     CMP_IPP_IF_HDR_LOCAL_ADDR,
+    CMP_IPP_IF_HDR_ACCEPT,          CMP_IPP_IF_HDR_EXPECT,         CMP_IPP_IF_HDR_IF_MODIFIED_SINCE,
+    CMP_IPP_IF_HDR_ACCEPT_ENCODING, CMP_IPP_IF_HDR_ACCEPT_CHARSET, CMP_IPP_IF_HDR_CONTENT_ENCODING,
+    CMP_IPP_IF_HDR_CONTENT_LANGUAGE, CMP_IPP_IF_HDR_KEEP_ALIVE,    CMP_IPP_IF_HDR_DATE,
+    CMP_IPP_IF_HDR_COOKIE,          CMP_IPP_IF_HDR_CACHE_CONTROL,  CMP_IPP_IF_HDR_PRAGMA,
+    CMP_IPP_IF_HDR_REFERER,         CMP_IPP_IF_HDR_UPGRADE,
+};
+
+size_t rankOf(int32_t token) {
+    const size_t n = sizeof kPriority / sizeof kPriority[0];
+    for (size_t i = 0; i < n; ++i)
+        if (kPriority[i] == token) return i;
+    return n;
+}
+
+void putInt32(unsigned char* out, size_t at, int32_t v) { std::memcpy(out + at, &v, sizeof v); }
+void putInt16(unsigned char* out, size_t at, int16_t v) { std::memcpy(out + at, &v, sizeof v); }
+int32_t getInt32(const unsigned char* in, size_t at) {
+    int32_t v;
+    std::memcpy(&v, in + at, sizeof v);
+    return v;
+}
+int16_t getInt16(const unsigned char* in, size_t at) {
+    int16_t v;
+    std::memcpy(&v, in + at, sizeof v);
+    return v;
+}
+
+}  // namespace
+
+void free_deleter::operator()(unsigned char* p) const { free(p); }
+
+int32_t requestHeaderToken(const char* name) {
+    if (name == nullptr) return 0;
+    for (const header_name& h : kHeaderNames)
+        if (h.inRequest && strcasecmp(h.name, name) == 0) return h.token;
+    return 0;
+}
+
+const char* replyHeaderName(int32_t token) {
+    for (const header_name& h : kHeaderNames)
+        if (h.inReply && h.token == token) return h.name;
+    return nullptr;
+}
+
+std::vector<relay_header> selectHeaders(const std::vector<relay_header>& candidates) {
+    std::vector<relay_header> kept;
+    for (const relay_header& c : candidates) {
+        if (c.token <= 0 || c.token > AHTTPD_MAX_TOKEN) continue;
+        // A cut value (credentials above all) would be worse than none.
+        if (c.value.size() >= static_cast<size_t>(AHTTPD_FIELD_TEXT_SIZE)) continue;
+        const bool seen = std::any_of(kept.begin(), kept.end(), [&](const relay_header& k) { return k.token == c.token; });
+        if (!seen) kept.push_back(c);
+    }
+    std::stable_sort(kept.begin(), kept.end(),
+                     [](const relay_header& a, const relay_header& b) { return rankOf(a.token) < rankOf(b.token); });
+    if (kept.size() > static_cast<size_t>(AHTTPD_NUM_HEADER_FIELDS)) kept.resize(AHTTPD_NUM_HEADER_FIELDS);
+    return kept;
+}
+
+unsigned httpStatusFor(int32_t code) {
+    switch (code) {
+    case PRS_PRT_HTTP_RET_OK: return 200;
+    case PRS_PRT_HTTP_RET_CREATED: return 201;
+    case PRS_PRT_HTTP_RET_ACCEPTED: return 202;
+    case PRS_PRT_HTTP_RET_NO_CONTENT: return 204;
+    case PRS_PRT_HTTP_RET_REDIRECT: return 302;
+    case PRS_PRT_HTTP_RET_NOT_MODIFIED: return 304;
+    case PRS_PRT_HTTP_RET_400_BAD_REQUEST: return 400;
+    case PRS_PRT_HTTP_RET_401_UNAUTHORIZED: return 401;
+    case PRS_PRT_HTTP_RET_401_ACCESS_DENIED: return 401;
+    case PRS_PRT_HTTP_RET_403_FORBIDDEN: return 403;
+    case PRS_PRT_HTTP_RET_404_NOT_FOUND: return 404;
+    case PRS_PRT_HTTP_RET_405_INVLD_MET: return 405;
+    case PRS_PRT_HTTP_RET_406_NOT_ACCEPTABLE: return 406;
+    case PRS_PRT_HTTP_RET_408_TIMEOUT: return 408;
+    case PRS_PRT_HTTP_RET_411_LENGTH_REQUIRED: return 411;
+    case PRS_PRT_HTTP_RET_413_TOO_LARGE: return 413;
+    case PRS_PRT_HTTP_RET_414_URI_TOO_LARGE: return 414;
+    case PRS_PRT_HTTP_RET_500_INTERNAL: return 500;
+    case PRS_PRT_HTTP_RET_501_NOT_IMPLEMENTED: return 501;
+    case PRS_PRT_HTTP_RET_502_BAD_GATEWAY: return 502;
+    case PRS_PRT_HTTP_RET_503_UNAVAILABLE: return 503;
+    case PRS_PRT_HTTP_RET_505_VERSION: return 505;
+    case PRS_PRT_HTTP_RET_SERVICE_UNAVAILABLE: return 503;
+    case PRS_PRT_HTTP_RET_IPP_DISABLED: return 503;
+    // The library lost the body on its socket: from the client's side the
+    // service behind this gateway failed.
+    case PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE: return 502;
+    case PRS_PRT_HTTP_RET_CONN_CLOSED: return 502;
+    default: return 500;
+    }
+}
+
+std::string socketPathIn(const char* dir) {
+    if (dir == nullptr) return "/tmp/zyn_ipp_server";
+    return std::string(dir) + "zyn_ipp_server";
+}
+
+std::string defaultSocketPath() { return socketPathIn(getenv("GEN_UNIX_PATH")); }
+
+size_t requestRecordSize() { return AHTTPD_REQ_BLOCK_SIZE; }
+size_t replyRecordSize() { return AHTTPD_RSP_RECORD_SIZE; }
+
+void encodeRequestRecord(const relay_request& req, unsigned char* out) {
+    std::memset(out, 0, AHTTPD_REQ_BLOCK_SIZE);
+    putInt32(out, offsetof(ahttpdReqObj, method), req.method);
+    putInt32(out, offsetof(ahttpdReqObj, keepAliveLevel), req.keepAliveLevel);
+    putInt32(out, offsetof(ahttpdReqObj, connection), req.connection);
+    putInt32(out, offsetof(ahttpdReqObj, contentLength), req.contentLength);
+    putInt32(out, offsetof(ahttpdReqObj, chunked), req.chunked ? 1 : 0);
+    int16_t n = 0;
+    for (const relay_header& h : req.headers) {
+        if (n == AHTTPD_NUM_HEADER_FIELDS) break;
+        const size_t field = offsetof(ahttpdReqObj, headers) + static_cast<size_t>(n) * sizeof(ahttpdHeaderField);
+        putInt32(out, field + offsetof(ahttpdHeaderField, token), h.token);
+        const size_t len = std::min(h.value.size(), static_cast<size_t>(AHTTPD_FIELD_TEXT_SIZE - 1));
+        std::memcpy(out + field + offsetof(ahttpdHeaderField, value), h.value.data(), len);
+        ++n;
+    }
+    putInt16(out, offsetof(ahttpdReqObj, numHeaders), n);
+}
+
+void decodeReplyRecord(const unsigned char* in, relay_reply& out) {
+    out.status = getInt32(in, offsetof(ahttpdRspObj, status));
+    out.connection = getInt32(in, offsetof(ahttpdRspObj, connection));
+    out.headers.clear();
+    const int16_t n = getInt16(in, offsetof(ahttpdRspObj, numHeaders));
+    for (int16_t i = 0; i < n && i < AHTTPD_NUM_HEADER_FIELDS; ++i) {
+        const size_t field = offsetof(ahttpdRspObj, headers) + static_cast<size_t>(i) * sizeof(ahttpdHeaderField);
+        const char* text = reinterpret_cast<const char*>(in + field + offsetof(ahttpdHeaderField, value));
+        out.headers.push_back({getInt32(in, field + offsetof(ahttpdHeaderField, token)),
+                               std::string(text, strnlen(text, AHTTPD_FIELD_TEXT_SIZE))});
+    }
+}
+
+// ---- relay_connection ------------------------------------------------------------
+
+relay_connection::relay_connection(int timeoutMs, const std::atomic<bool>* stopping)
+    : timeoutMs_(timeoutMs), stopping_(stopping), block_(AHTTPD_SPOOL_SIZE) {}
+
+relay_connection::~relay_connection() { close(); }
+
+relay_connection::outcome relay_connection::connectTo(const std::string& path) {
+    close();
+    struct sockaddr_un addr;
+    std::memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof addr.sun_path) return outcome::unreachable;
+    std::memcpy(addr.sun_path, path.c_str(), path.size());
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) return outcome::failed;
+    if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
+        if (errno != EAGAIN && errno != EINPROGRESS) {
+            ::close(fd);
+            return outcome::unreachable;
+        }
+        // A full backlog: wait for the listener to take us.
+        struct pollfd p = {fd, POLLOUT, 0};
+        int err = 0;
+        socklen_t len = sizeof err;
+        if (poll(&p, 1, timeoutMs_) <= 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) {
+            ::close(fd);
+            return outcome::unreachable;
+        }
+    }
+    fd_ = fd;
+    fill_ = 0;
+    bodySent_ = 0;
+    lastUseMs_ = nowMs();
+    return outcome::ok;
+}
+
+bool relay_connection::reusable(int64_t idleLimitMs) const {
+    if (fd_ < 0 || nowMs() - lastUseMs_ > idleLimitMs) return false;
+    // Between requests the library sends nothing: anything readable is its close.
+    struct pollfd p = {fd_, POLLIN, 0};
+    return poll(&p, 1, 0) == 0;
+}
+
+void relay_connection::close() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    fill_ = 0;
+}
+
+bool relay_connection::sendAll(const void* data, size_t length) {
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    int64_t lastProgress = nowMs();
+    while (length > 0) {
+        if (fd_ < 0) return false;
+        // MSG_NOSIGNAL: a library that went away is an error here, not the end of the process.
+        const ssize_t n = send(fd_, p, length, MSG_NOSIGNAL);
+        if (n > 0) {
+            p += n;
+            length -= static_cast<size_t>(n);
+            lastProgress = nowMs();
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_) return false;
+            struct pollfd pf = {fd_, POLLOUT, 0};
+            (void)poll(&pf, 1, kWaitSliceMs);
+            continue;
+        }
+        return false;
+    }
+    lastUseMs_ = nowMs();
+    return true;
+}
+
+bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
+    unsigned char* p = static_cast<unsigned char*>(dest);
+    int64_t lastProgress = nowMs();
+    while (length > 0) {
+        if (fd_ < 0) return false;
+        const ssize_t n = recv(fd_, p, length, MSG_DONTWAIT);
+        if (n > 0) {
+            p += n;
+            length -= static_cast<size_t>(n);
+            lastProgress = nowMs();
+            continue;
+        }
+        if (n == 0) return false;  // the library closed the connection
+        if (errno == EINTR) continue;
+        if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+        if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
+        struct pollfd pf = {fd_, POLLIN, 0};
+        (void)poll(&pf, 1, kWaitSliceMs);
+    }
+    lastUseMs_ = nowMs();
+    return true;
+}
+
+bool relay_connection::sendRequest(const relay_request& req) {
+    std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
+    encodeRequestRecord(req, record.data());
+    fill_ = 0;
+    bodySent_ = 0;
+    return sendAll(record.data(), record.size());
+}
+
+bool relay_connection::flushBlock() {
+    if (fill_ == 0) return true;
+    const int32_t length = static_cast<int32_t>(fill_);
+    // Length word and data in one send where the socket takes it.
+    std::vector<unsigned char> framed(sizeof length + fill_);
+    std::memcpy(framed.data(), &length, sizeof length);
+    std::memcpy(framed.data() + sizeof length, block_.data(), fill_);
+    if (!sendAll(framed.data(), framed.size())) return false;
+    bodySent_ += fill_;
+    fill_ = 0;
+    return true;
+}
+
+bool relay_connection::addBody(const unsigned char* data, size_t length) {
+    while (length > 0) {
+        const size_t take = std::min(length, block_.size() - fill_);
+        std::memcpy(block_.data() + fill_, data, take);
+        fill_ += take;
+        data += take;
+        length -= take;
+        if (fill_ == block_.size() && !flushBlock()) return false;
+    }
+    return true;
+}
+
+bool relay_connection::endBody() {
+    if (!flushBlock()) return false;
+    const int32_t end = 0;
+    return sendAll(&end, sizeof end);
+}
+
+bool relay_connection::replyWaiting() const {
+    if (fd_ < 0) return false;
+    struct pollfd p = {fd_, POLLIN, 0};
+    return poll(&p, 1, 0) > 0;
+}
+
+bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
+    std::vector<unsigned char> record(AHTTPD_RSP_RECORD_SIZE);
+    if (!readExact(record.data(), record.size(), timeoutMs)) return false;
+    decodeReplyRecord(record.data(), out);
+    const int32_t length = getInt32(record.data(), offsetof(ahttpdRspObj, contentLength));
+    out.body.reset();
+    out.bodyLength = 0;
+    if (length <= 0) return true;
+    // +1: a zero-length malloc could legally return null.
+    unsigned char* body = static_cast<unsigned char*>(malloc(static_cast<size_t>(length) + 1));
+    if (body == nullptr) return false;
+    out.body.reset(body);
+    if (!readExact(body, static_cast<size_t>(length), timeoutMs)) return false;
+    out.bodyLength = static_cast<size_t>(length);
+    return true;
+}
+
+}  // namespace cmp_ipp_fe

@@ -1,0 +1,99 @@
+// cmp-ipp-frontend: the HTTP front end as a process of its own, for deployments
+// where the IPP library runs in another process on the same machine.
+#include <getopt.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "cmp_ipp_frontend.h"
+#include "cmp_ipp_relay.h"
+
+namespace {
+
+void usage(FILE* out, const char* argv0) {
+    fprintf(out,
+            "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--help]\n"
+            "Relays HTTP/IPP requests to the IPP library's Unix-domain socket.\n"
+            "  --port N          TCP port (default 8631; 0 picks a free one)\n"
+            "  --bind ADDRESS    numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
+            "  --socket-dir DIR  directory of the library's socket \"zyn_ipp_server\"\n"
+            "                    (default: $GEN_UNIX_PATH, else /tmp/)\n"
+            "  --help            this text\n",
+            argv0);
+}
+
+bool parsePort(const char* text, uint16_t* out) {
+    char* end = nullptr;
+    const long v = strtol(text, &end, 10);
+    if (end == text || *end != '\0' || v < 0 || v > 65535) return false;
+    *out = static_cast<uint16_t>(v);
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    cmp_ipp_frontend::options opts;
+    static const struct option longOpts[] = {
+        {"port", required_argument, nullptr, 'p'},
+        {"bind", required_argument, nullptr, 'b'},
+        {"socket-dir", required_argument, nullptr, 's'},
+        {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    while ((c = getopt_long(argc, argv, "p:b:s:h", longOpts, nullptr)) != -1) {
+        switch (c) {
+        case 'p':
+            if (!parsePort(optarg, &opts.port)) {
+                fprintf(stderr, "%s: bad port: %s\n", argv[0], optarg);
+                return 2;
+            }
+            break;
+        case 'b':
+            opts.bindAddress = optarg;
+            break;
+        case 's': {
+            std::string dir = optarg;
+            if (dir.empty() || dir.back() != '/') dir += '/';
+            opts.socketPath = cmp_ipp_fe::socketPathIn(dir.c_str());
+            break;
+        }
+        case 'h':
+            usage(stdout, argv[0]);
+            return 0;
+        default:
+            usage(stderr, argv[0]);
+            return 2;
+        }
+    }
+    if (optind < argc) {
+        usage(stderr, argv[0]);
+        return 2;
+    }
+
+    // Block the stop signals before any thread starts, so that every thread
+    // inherits the mask and only sigwait() below ever sees them.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    cmp_ipp_frontend frontend(opts);
+    std::string error;
+    if (!frontend.start(&error)) {
+        fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+        return 1;
+    }
+    fprintf(stderr, "%s: listening on %s port %u, relaying to %s\n", argv[0], opts.bindAddress.c_str(),
+            static_cast<unsigned>(frontend.port()), frontend.socketPath().c_str());
+
+    int sig = 0;
+    sigwait(&stopSignals, &sig);
+    fprintf(stderr, "%s: stopping (signal %d)\n", argv[0], sig);
+    frontend.stop();
+    return 0;
+}
