@@ -15,6 +15,9 @@ packages=(
   clang
   libclang-rt-14-dev
   libmicrohttpd-dev       # the HTTP front end (apps/frontend)
+  pkg-config              # finds libmicrohttpd
+  cups-ipp-utils          # ipptool, for the end-to-end tests of cmp-ipp-printer
+  curl                    # fetches the printer's web page in those tests
 )
 
 missing=()

@@ -122,7 +122,19 @@ struct cmp_ipp_frontend::impl {
     void takeEarlyReply(connection_state* conn, request_state* st);
     MHD_Result respond(struct MHD_Connection* c, request_state* st);
     relay_request buildRequest(struct MHD_Connection* c, const char* url, bool post, bool keepAlive);
+    bool servedPath(const char* url) const;
 };
+
+// The printer's path, "/", and its job URIs ("<path>/<job-id>"): clients send
+// job operations to the job-uri they were given.
+bool cmp_ipp_frontend::impl::servedPath(const char* url) const {
+    if (std::strcmp(url, "/") == 0 || opts.ippPath == url) return true;
+    const size_t n = opts.ippPath.size();
+    if (std::strncmp(url, opts.ippPath.c_str(), n) != 0 || url[n] != '/' || url[n + 1] == '\0') return false;
+    for (const char* p = url + n + 1; *p != '\0'; ++p)
+        if (*p < '0' || *p > '9') return false;
+    return true;
+}
 
 relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, const char* url, bool post,
                                                    bool keepAlive) {
@@ -175,7 +187,7 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
     const bool get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
     st->post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
     if (!get && !st->post) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n");
-    if (opts.ippPath != url && std::strcmp(url, "/") != 0) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
+    if (!servedPath(url)) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
 
     const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);
     st->keepAlive = std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 && !containsToken(connHeader, "close");

@@ -266,9 +266,9 @@ protected:
     std::unique_ptr<cmp_ipp_frontend> frontend_;
 };
 
-TEST_F(FrontendE2E, GetGivesThePrinterPageOnBothPaths) {
+TEST_F(FrontendE2E, GetGivesThePrinterPageOnItsPathsAndJobUris) {
     startLibrary();
-    for (const char* path : {"/", "/ipp/print"}) {
+    for (const char* path : {"/", "/ipp/print", "/ipp/print/12"}) {
         SCOPED_TRACE(path);
         HttpClient c(port());
         ASSERT_TRUE(c.send(std::string("GET ") + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n"));
@@ -450,9 +450,12 @@ TEST_F(FrontendE2E, ClientGoneMidUploadReleasesTheLibraryConnection) {
 
 TEST_F(FrontendE2E, OtherPathsAndMethodsAreRefusedLocally) {
     startLibrary();
-    HttpClient c(port());
-    ASSERT_TRUE(c.send("GET /other HTTP/1.1\r\nHost: localhost\r\n\r\n"));
-    EXPECT_EQ(c.read().status, 404);
+    for (const char* path : {"/other", "/ipp/print/", "/ipp/print/7x", "/ipp/printer", "/ipp/print/7/1"}) {
+        SCOPED_TRACE(path);
+        HttpClient c(port());
+        ASSERT_TRUE(c.send(std::string("GET ") + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+        EXPECT_EQ(c.read().status, 404);
+    }
     HttpClient d(port());
     ASSERT_TRUE(d.send("DELETE /ipp/print HTTP/1.1\r\nHost: localhost\r\n\r\n"));
     const HttpResponse r = d.read();

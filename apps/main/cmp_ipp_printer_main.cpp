@@ -1,0 +1,231 @@
+// cmp-ipp-printer: the whole printer in one process on a workstation. The IPP
+// dictionary is installed, the reference printer registered with the library,
+// the library's listener started on a Unix-domain socket, and the HTTP front end
+// relays TCP clients to it. SIGINT or SIGTERM stops everything in reverse order.
+#include <errno.h>
+#include <getopt.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "cmp_ipp_dictionary.h"
+#include "cmp_ipp_frontend.h"
+#include "cmp_ipp_refprinter.h"
+#include "cmp_ipp_relay.h"
+#include "httpd/cmp_ipp_httpd.h"
+#include "platform/cmp_dbglog.h"
+
+namespace {
+
+struct Options {
+    uint16_t port = 8631;
+    std::string bind = "127.0.0.1";
+    std::string hostName;  // host part of the printer URI; from the bind address when empty
+    std::string spoolDir = "spool";
+    std::string socketDir;  // empty: a private directory, removed at exit
+    std::string name = "Reference Printer";
+    int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
+    bool printSeconds = false;
+    uint32_t processingMs = 2000;
+};
+
+void usage(FILE* out, const char* argv0) {
+    fprintf(out,
+            "Usage: %s [options]\n"
+            "A virtual IPP Everywhere printer: the IPP library, the reference printer and an\n"
+            "HTTP front end in one process. Stop it with Ctrl-C (SIGINT) or SIGTERM.\n"
+            "  --port N           TCP port (default 8631; 0 picks a free one)\n"
+            "  --bind ADDRESS     numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
+            "  --host NAME        host name in the printer URI (default: the bind address,\n"
+            "                     \"localhost\" for a loopback address)\n"
+            "  --name TEXT        printer-name (default \"Reference Printer\")\n"
+            "  --spool DIR        where documents are written (default ./spool, created if missing)\n"
+            "  --socket-dir DIR   directory of the library's Unix-domain socket\n"
+            "                     (default: a private directory under /tmp, removed at exit)\n"
+            "  --trace-level N    library trace threshold (0 errors only ... 3 all; default\n"
+            "                     $CMP_IPP_TRACE_LEVEL, else 0)\n"
+            "  --processing-ms N  how long each job stays processing (default 2000)\n"
+            "  --help             this text\n",
+            argv0);
+}
+
+bool parseNumber(const char* text, long low, long high, long* out) {
+    char* end = nullptr;
+    errno = 0;
+    const long v = strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < low || v > high) return false;
+    *out = v;
+    return true;
+}
+
+// The library takes its socket directory from GEN_UNIX_PATH, written with a trailing "/".
+std::string withSlash(std::string dir) {
+    if (dir.empty() || dir.back() != '/') dir += '/';
+    return dir;
+}
+
+bool ensureDirectory(const std::string& dir) {
+    if (mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) {
+        struct stat st;
+        return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    }
+    return false;
+}
+
+std::string uriHost(const Options& o) {
+    if (!o.hostName.empty()) return o.hostName;
+    if (o.bind == "127.0.0.1" || o.bind == "::1") return "localhost";
+    if (o.bind.find(':') != std::string::npos) return "[" + o.bind + "]";
+    return o.bind;
+}
+
+// The listener creates its socket file from a thread of its own; the printer is
+// announced only once clients can reach it.
+bool waitForFile(const std::string& path, int timeoutMs) {
+    for (int waited = 0; waited < timeoutMs; waited += 10) {
+        if (access(path.c_str(), F_OK) == 0) return true;
+        usleep(10 * 1000);
+    }
+    return false;
+}
+
+int parseArgs(int argc, char** argv, Options& o) {
+    static const struct option longOpts[] = {
+        {"port", required_argument, nullptr, 'p'},      {"bind", required_argument, nullptr, 'b'},
+        {"host", required_argument, nullptr, 'H'},      {"name", required_argument, nullptr, 'n'},
+        {"spool", required_argument, nullptr, 'd'},     {"socket-dir", required_argument, nullptr, 's'},
+        {"trace-level", required_argument, nullptr, 't'}, {"processing-ms", required_argument, nullptr, 'm'},
+        {"help", no_argument, nullptr, 'h'},            {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    long v = 0;
+    while ((c = getopt_long(argc, argv, "p:b:H:n:d:s:t:m:h", longOpts, nullptr)) != -1) {
+        switch (c) {
+        case 'p':
+            if (!parseNumber(optarg, 0, 65535, &v)) {
+                fprintf(stderr, "%s: bad port: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.port = static_cast<uint16_t>(v);
+            break;
+        case 'b': o.bind = optarg; break;
+        case 'H': o.hostName = optarg; break;
+        case 'n': o.name = optarg; break;
+        case 'd': o.spoolDir = optarg; break;
+        case 's': o.socketDir = optarg; break;
+        case 't':
+            if (!parseNumber(optarg, 0, 9, &v)) {
+                fprintf(stderr, "%s: bad trace level: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.traceLevel = static_cast<int>(v);
+            break;
+        case 'm':
+            if (!parseNumber(optarg, 0, 3600000, &v)) {
+                fprintf(stderr, "%s: bad processing time: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.processingMs = static_cast<uint32_t>(v);
+            break;
+        case 'h': usage(stdout, argv[0]); return 0;
+        default: usage(stderr, argv[0]); return 2;
+        }
+    }
+    if (optind < argc) {
+        usage(stderr, argv[0]);
+        return 2;
+    }
+    return -1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options o;
+    const int parsed = parseArgs(argc, argv, o);
+    if (parsed >= 0) return parsed;
+
+    if (!ensureDirectory(o.spoolDir)) {
+        fprintf(stderr, "%s: cannot use spool directory %s\n", argv[0], o.spoolDir.c_str());
+        return 1;
+    }
+    bool ownSocketDir = false;
+    if (o.socketDir.empty()) {
+        char dir[] = "/tmp/cmp-ipp-printer-XXXXXX";
+        if (mkdtemp(dir) == nullptr) {
+            fprintf(stderr, "%s: cannot create a socket directory under /tmp\n", argv[0]);
+            return 1;
+        }
+        o.socketDir = dir;
+        ownSocketDir = true;
+    } else if (!ensureDirectory(o.socketDir)) {
+        fprintf(stderr, "%s: cannot use socket directory %s\n", argv[0], o.socketDir.c_str());
+        return 1;
+    }
+    const std::string socketDir = withSlash(o.socketDir);
+    setenv("GEN_UNIX_PATH", socketDir.c_str(), 1);
+    const std::string socketPath = cmp_ipp_fe::socketPathIn(socketDir.c_str());
+    if (o.traceLevel >= 0) orvane::cmp_dbglog_common::get_instance().set_level(o.traceLevel);
+
+    // Every thread started below inherits this mask, so only sigwait() sees the stop signals.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    // The front end first: with port 0 the printer URI needs the port it got.
+    cmp_ipp_frontend::options fo;
+    fo.bindAddress = o.bind;
+    fo.port = o.port;
+    fo.socketPath = socketPath;
+    cmp_ipp_frontend frontend(fo);
+    std::string error;
+    if (!frontend.start(&error)) {
+        fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+        if (ownSocketDir) rmdir(o.socketDir.c_str());
+        return 1;
+    }
+
+    cmp_ipp_dictionary_install();
+    refprinter::Config config;
+    config.name = o.name;
+    config.spoolDir = o.spoolDir;
+    config.processingMs = o.processingMs;
+    const std::string uri = "ipp://" + uriHost(o) + ":" + std::to_string(frontend.port()) + "/ipp/print";
+    config.uris = {uri};
+    refprinter::Printer printer(config);
+
+    int rc = 0;
+    if (!printer.start()) {
+        fprintf(stderr, "%s: the IPP service did not start\n", argv[0]);
+        rc = 1;
+    } else {
+        (void)httpd_start_wrap();
+        if (!waitForFile(socketPath, 5000)) {
+            fprintf(stderr, "%s: the IPP listener did not come up on %s\n", argv[0], socketPath.c_str());
+            rc = 1;
+        }
+    }
+    if (rc == 0) {
+        printf("Printer URI: %s\n", uri.c_str());
+        printf("Web page:    http://%s:%u/\n", uriHost(o).c_str(), static_cast<unsigned>(frontend.port()));
+        printf("Spool:       %s\n", o.spoolDir.c_str());
+        fflush(stdout);
+        int sig = 0;
+        sigwait(&stopSignals, &sig);
+        fprintf(stderr, "%s: stopping (signal %d)\n", argv[0], sig);
+    }
+
+    // Reverse order: no new HTTP requests, then the listener, then the printer.
+    frontend.stop();
+    (void)httpd_stop_wrap();
+    printer.stop();
+    unlink(socketPath.c_str());
+    if (ownSocketDir) rmdir(o.socketDir.c_str());
+    return rc;
+}

@@ -1,0 +1,489 @@
+// The reference printer: its attribute set, job table and life cycle.
+#include "cmp_ipp_refprinter.h"
+
+#include <stdio.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <sstream>
+
+#include "cmp_ipp_refprinter_attrs.h"
+#include "cmp_ipp_refprinter_internal.h"
+#include "service/cmp_ipp_ippc.h"
+
+namespace refprinter {
+
+using namespace attrs;
+
+namespace {
+
+// "scheme://authority/path" -> "authority"; the whole text when it has no "//".
+std::string authorityOf(const std::string& uri) {
+    const size_t start = uri.find("//");
+    if (start == std::string::npos) return uri;
+    const size_t end = uri.find('/', start + 2);
+    return uri.substr(start + 2, end == std::string::npos ? std::string::npos : end - start - 2);
+}
+
+std::string htmlEscape(const std::string& s) {
+    std::string out;
+    for (char c : s) {
+        switch (c) {
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        case '&': out += "&amp;"; break;
+        case '"': out += "&quot;"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+struct MediaSize {
+    const char* name;
+    int32_t x;  // hundredths of a millimetre
+    int32_t y;
+};
+
+const MediaSize kMedia[] = {
+    {"na_letter_8.5x11in", 21590, 27940}, {"na_legal_8.5x14in", 21590, 35560},
+    {"iso_a4_210x297mm", 21000, 29700},   {"iso_a5_148x210mm", 14800, 21000},
+    {"na_index-4x6_4x6in", 10160, 15240},
+};
+
+const int32_t kMargin = 423;  // 1/6 inch, in hundredths of a millimetre
+
+void mediaCol(Collection& c, const char* valueName, const MediaSize& m, const char* source, const char* type) {
+    c.begin(valueName);
+    c.keyword("media-size-name", m.name);
+    c.memberCollection("media-size").begin("").integer("x-dimension", m.x).integer("y-dimension", m.y).end();
+    c.integer("media-bottom-margin", kMargin).integer("media-left-margin", kMargin);
+    c.integer("media-right-margin", kMargin).integer("media-top-margin", kMargin);
+    if (source != nullptr) c.keyword("media-source", source);
+    if (type != nullptr) c.keyword("media-type", type);
+    c.end();
+}
+
+}  // namespace
+
+// Name-based, so a printer keeps its UUID across restarts.
+std::string uuidFrom(const std::string& seed) {
+    uint64_t h1 = 1469598103934665603ull;
+    uint64_t h2 = 1099511628211ull;
+    for (unsigned char c : seed) {
+        h1 = (h1 ^ c) * 1099511628211ull;
+        h2 = (h2 + c) * 6364136223846793005ull + 1442695040888963407ull;
+    }
+    char out[64];
+    snprintf(out, sizeof out, "urn:uuid:%08x-%04x-%04x-%04x-%012llx", static_cast<unsigned>(h1 >> 32),
+             static_cast<unsigned>((h1 >> 16) & 0xFFFF), static_cast<unsigned>(0x5000 | (h1 & 0x0FFF)),
+             static_cast<unsigned>(0x8000 | (h2 >> 50)), static_cast<unsigned long long>(h2 & 0xFFFFFFFFFFFFull));
+    return out;
+}
+
+std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
+    switch (state) {
+    case JobState::Pending: return {lastDocument ? "none" : "job-incoming"};
+    case JobState::PendingHeld: return {"job-hold-until-specified"};
+    case JobState::Processing: return {"job-printing"};
+    case JobState::ProcessingStopped: return {"printer-stopped"};
+    case JobState::Canceled: return {"job-canceled-by-user"};
+    case JobState::Aborted: return {"aborted-by-system"};
+    case JobState::Completed: return {"job-completed-successfully"};
+    default: return {"none"};
+    }
+}
+
+const char* jobMessage(JobState state) {
+    switch (state) {
+    case JobState::Pending: return "Job pending.";
+    case JobState::Processing: return "Job printing.";
+    case JobState::Canceled: return "Job canceled.";
+    case JobState::Aborted: return "Job aborted.";
+    case JobState::Completed: return "Job completed.";
+    case JobState::PendingHeld: return "Job held.";
+    case JobState::ProcessingStopped: return "Job stopped.";
+    default: return "";
+    }
+}
+
+Printer::Printer(Config config) : m_config(std::move(config)), m_handler(*this) {
+    if (!m_config.clockMs) {
+        m_config.clockMs = [] {
+            return static_cast<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                            std::chrono::steady_clock::now().time_since_epoch())
+                                            .count());
+        };
+    }
+    if (m_config.uris.empty()) m_config.uris.push_back("ipp://localhost:631/ipp/print");
+    if (m_config.uuid.empty()) m_config.uuid = uuidFrom(m_config.name + "|" + m_config.uris[0]);
+    m_startMs = m_config.clockMs();
+    m_startWall = static_cast<int64_t>(time(nullptr));
+    m_stateChangeMs = m_startMs;
+    m_lastFinishMs = m_startMs;
+    m_obj.setName(m_config.name.c_str());
+    buildAttributes();
+}
+
+Printer::~Printer() {
+    stop();
+    for (auto& s : m_streams) {
+        if (s.second->fd >= 0) ::close(s.second->fd);
+    }
+}
+
+void Printer::buildAttributes() {
+    cmp_ipp_attrs& a = m_obj.m_attrs;
+    const std::string host = authorityOf(m_config.uris[0]);
+    const std::string web = "http://" + host + "/";
+    std::vector<std::string> security;
+    std::vector<std::string> authentication;
+    for (const std::string& u : m_config.uris) {
+        security.push_back(u.compare(0, 5, "ipps:") == 0 ? "tls" : "none");
+        authentication.push_back("none");
+    }
+
+    append(a, texts(CMP_IPP_TAG_CHARSET, "charset-configured", {"utf-8"}));
+    append(a, texts(CMP_IPP_TAG_CHARSET, "charset-supported", {"us-ascii", "utf-8"}));
+    append(a, boolean("color-supported", true));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "compression-supported", {"none"}));
+    append(a, integer("copies-default", 1));
+    append(a, range("copies-supported", 1, 999));
+    append(a, texts(CMP_IPP_TAG_MIMETYPE, "document-format-default", {"application/octet-stream"}));
+    append(a, texts(CMP_IPP_TAG_MIMETYPE, "document-format-supported",
+                    {"application/octet-stream", "application/pdf", "image/jpeg", "image/pwg-raster", "text/plain"}));
+    append(a, enums("finishings-default", {3}));
+    append(a, enums("finishings-supported", {3}));
+    append(a, enums("finishings-ready", {3}));
+    {
+        Collection c;
+        c.begin("finishings-col-default").keyword("finishing-template", "none").end();
+        c.begin("finishings-col-ready").keyword("finishing-template", "none").end();
+        c.begin("finishings-col-database").keyword("finishing-template", "none").end();
+        c.appendTo(a);
+    }
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "finishings-col-supported", {"finishing-template"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "finishing-template-supported", {"none"}));
+    append(a, texts(CMP_IPP_TAG_LANGUAGE, "generated-natural-language-supported", {"en"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "identify-actions-default", {"sound"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "identify-actions-supported", {"display", "sound"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "ipp-features-supported", {"ipp-everywhere"}));
+    // The decoder negotiates against these "major.minor" texts.
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "ipp-versions-supported", {"1.0", "1.1", "2.0"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-creation-attributes-supported",
+                    {"copies", "finishings", "finishings-col", "ipp-attribute-fidelity", "job-name", "job-priority",
+                     "media", "media-col", "multiple-document-handling", "orientation-requested", "output-bin",
+                     "overrides", "page-ranges", "print-color-mode", "print-content-optimize", "print-quality",
+                     "print-rendering-intent", "print-scaling", "printer-resolution", "sides"}));
+    append(a, boolean("job-ids-supported", true));
+    append(a, range("job-k-octets-supported", 0, 2097151));
+    append(a, integer("job-priority-default", 50));
+    append(a, integer("job-priority-supported", 100));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-sheets-default", {"none"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-sheets-supported", {"none"}));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "media-bottom-margin-supported", {kMargin}));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "media-left-margin-supported", {kMargin}));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "media-right-margin-supported", {kMargin}));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "media-top-margin-supported", {kMargin}));
+    {
+        Collection db;
+        bool first = true;
+        for (const MediaSize& m : kMedia) {
+            mediaCol(db, first ? "media-col-database" : "", m, nullptr, nullptr);
+            first = false;
+        }
+        db.appendTo(a);
+        Collection c;
+        mediaCol(c, "media-col-default", kMedia[0], "main", "stationery");
+        mediaCol(c, "media-col-ready", kMedia[0], "main", "stationery");
+        mediaCol(c, "", kMedia[2], "manual", "stationery");
+        c.appendTo(a);
+    }
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "media-col-supported",
+                    {"media-bottom-margin", "media-left-margin", "media-right-margin", "media-size", "media-size-name",
+                     "media-source", "media-top-margin", "media-type"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "media-default", {kMedia[0].name}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "media-ready", {kMedia[0].name, kMedia[2].name}));
+    {
+        std::vector<std::string> names;
+        for (const MediaSize& m : kMedia) names.push_back(m.name);
+        append(a, texts(CMP_IPP_TAG_KEYWORD, "media-supported", names));
+        Collection sizes;
+        bool first = true;
+        for (const MediaSize& m : kMedia) {
+            sizes.begin(first ? "media-size-supported" : "").integer("x-dimension", m.x).integer("y-dimension", m.y).end();
+            first = false;
+        }
+        sizes.appendTo(a);
+    }
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "media-source-supported", {"auto", "main", "manual"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "media-type-supported", {"auto", "envelope", "photographic", "stationery"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "multiple-document-handling-supported",
+                    {"separate-documents-uncollated-copies", "separate-documents-collated-copies"}));
+    append(a, boolean("multiple-document-jobs-supported", true));
+    append(a, integer("multiple-operation-time-out", kMultipleOperationTimeOutS));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "multiple-operation-time-out-action", {"abort-job"}));
+    append(a, texts(CMP_IPP_TAG_LANGUAGE, "natural-language-configured", {"en"}));
+    append(a, integer("number-up-default", 1));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "number-up-supported", {1}));
+    append(a, enums("operations-supported", {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A, 0x000B, 0x0039,
+                                             0x003B, 0x003C}));
+    append(a, enums("orientation-requested-default", {3}));
+    append(a, enums("orientation-requested-supported", {3, 4, 5, 6}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "output-bin-default", {"face-down"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "output-bin-supported", {"face-down"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "overrides-supported", {"document-number", "pages"}));
+    append(a, boolean("page-ranges-supported", true));
+    append(a, integer("pages-per-minute", 20));
+    append(a, integer("pages-per-minute-color", 15));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "pdl-override-supported", {"attempted"}));
+    append(a, boolean("preferred-attributes-supported", false));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-color-mode-default", {"auto"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-color-mode-supported", {"auto", "color", "monochrome"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-content-optimize-default", {"auto"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-content-optimize-supported",
+                    {"auto", "graphic", "photo", "text", "text-and-graphic"}));
+    append(a, enums("print-quality-default", {4}));
+    append(a, enums("print-quality-supported", {3, 4, 5}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-rendering-intent-default", {"auto"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-rendering-intent-supported", {"auto", "perceptual", "relative"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-scaling-default", {"auto"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "print-scaling-supported", {"auto", "auto-fit", "fill", "fit", "none"}));
+    append(a, dateTime("printer-config-change-date-time", static_cast<time_t>(m_startWall)));
+    append(a, integer("printer-config-change-time", 1));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-device-id", m_config.deviceId));
+    append(a, outOfBand(CMP_IPP_TAG_UNKNOWN, "printer-geo-location"));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "printer-get-attributes-supported", {"document-format"}));
+    append(a, texts(CMP_IPP_TAG_URI, "printer-icons", {web + "icon-sm.png", web + "icon.png"}));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-info", m_config.info));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "printer-kind", {"document", "envelope", "photo"}));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-location", m_config.location));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-make-and-model", m_config.makeAndModel));
+    append(a, text(CMP_IPP_TAG_URI, "printer-more-info", web));
+    append(a, text(CMP_IPP_TAG_NAME, "printer-name", m_config.name));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-organization", ""));
+    append(a, text(CMP_IPP_TAG_TEXT, "printer-organizational-unit", ""));
+    append(a, resolutions("printer-resolution-default", {600}));
+    append(a, resolutions("printer-resolution-supported", {300, 600}));
+    append(a, octets("printer-supply",
+                     {"index=1;class=supplyThatIsConsumed;type=toner;unit=percent;maxcapacity=100;level=80;"
+                      "colorantname=black;"}));
+    append(a, texts(CMP_IPP_TAG_TEXT, "printer-supply-description", {"Black Toner"}));
+    append(a, text(CMP_IPP_TAG_URI, "printer-supply-info-uri", web));
+    append(a, texts(CMP_IPP_TAG_URI, "printer-uri-supported", m_config.uris));
+    append(a, text(CMP_IPP_TAG_URI, "printer-uuid", m_config.uuid));
+    append(a, resolutions("pwg-raster-document-resolution-supported", {300, 600}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "pwg-raster-document-sheet-back", {"normal"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "pwg-raster-document-type-supported", {"black_1", "sgray_8", "srgb_8"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "sides-default", {"one-sided"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "sides-supported", {"one-sided", "two-sided-long-edge", "two-sided-short-edge"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "uri-authentication-supported", authentication));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "uri-security-supported", security));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "which-jobs-supported",
+                    {"completed", "not-completed", "all", "aborted", "canceled", "pending", "processing"}));
+}
+
+bool Printer::start() {
+    cmp_ipp_manager* m = cmp_ipp_manager::get();
+    if (m->m_printer != nullptr && m->m_printer != &m_obj) return false;
+    if (pn_ipp_start(&m_obj, &m_handler) != 1) return false;
+    m_started = true;
+    return true;
+}
+
+void Printer::stop() {
+    if (!m_started) return;
+    pn_ipp_stop(0, nullptr);
+    cmp_ipp_manager* m = cmp_ipp_manager::get();
+    m->removePrinter(reinterpret_cast<intptr_t>(&m_obj));
+    // The manager must not call into a handler that is about to go away.
+    if (m->m_handler == &m_handler) m->m_handler = nullptr;
+    m_started = false;
+}
+
+int64_t Printer::nowMs() const { return m_config.clockMs(); }
+
+int32_t Printer::upTime(int64_t ms) const { return static_cast<int32_t>((ms - m_startMs) / 1000) + 1; }
+
+Printer::Job* Printer::findJobLocked(int32_t id) {
+    auto it = m_jobs.find(id);
+    return it == m_jobs.end() ? nullptr : it->second.get();
+}
+
+void Printer::advanceLocked(int64_t now) {
+    const int64_t timeOutMs = static_cast<int64_t>(kMultipleOperationTimeOutS) * 1000;
+    for (auto& j : m_jobs) {
+        Job& job = *j.second;
+        if (job.state == JobState::Pending && !job.lastDocument && job.openStreams == 0 &&
+            now - job.lastActivityMs >= timeOutMs) {
+            job.state = JobState::Aborted;
+            job.completedMs = job.lastActivityMs + timeOutMs;
+        }
+    }
+    for (;;) {
+        Job* current = nullptr;
+        Job* next = nullptr;
+        for (auto& j : m_jobs) {
+            Job& job = *j.second;
+            if (job.state == JobState::Processing) current = &job;
+            if (next == nullptr && job.state == JobState::Pending && job.lastDocument && job.openStreams == 0) {
+                next = &job;
+            }
+        }
+        if (current != nullptr) {
+            if (current->doneAtMs > now) return;
+            current->state = JobState::Completed;
+            current->completedMs = current->doneAtMs;
+            m_lastFinishMs = current->doneAtMs;
+            m_stateChangeMs = current->doneAtMs;
+            continue;
+        }
+        if (next == nullptr) return;
+        const int64_t start = next->readyMs > m_lastFinishMs ? next->readyMs : m_lastFinishMs;
+        next->state = JobState::Processing;
+        next->processingMs = start;
+        next->doneAtMs = start + m_config.processingMs;
+        m_stateChangeMs = start;
+    }
+}
+
+void Printer::statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const {
+    bool printing = false;
+    int32_t queued = 0;
+    for (const auto& j : m_jobs) {
+        const JobState s = j.second->state;
+        if (s == JobState::Processing) printing = true;
+        if (s == JobState::Pending || s == JobState::Processing || s == JobState::PendingHeld) ++queued;
+    }
+    const time_t wall = static_cast<time_t>(m_startWall + (now - m_startMs) / 1000);
+    append(out, dateTime("printer-current-time", wall));
+    append(out, boolean("printer-is-accepting-jobs", m_accepting));
+    append(out, enums("printer-state", {printing ? 4 : 3}));
+    append(out, dateTime("printer-state-change-date-time",
+                         static_cast<time_t>(m_startWall + (m_stateChangeMs - m_startMs) / 1000)));
+    append(out, integer("printer-state-change-time", upTime(m_stateChangeMs)));
+    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", printing ? "Printing." : "Idle."));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", {"none"}));
+    append(out, integer("printer-up-time", upTime(now)));
+    append(out, integer("queued-job-count", queued));
+}
+
+void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) const {
+    auto wallOf = [this](int64_t ms) { return static_cast<time_t>(m_startWall + (ms - m_startMs) / 1000); };
+    append(out, integer("job-id", job.id));
+    append(out, text(CMP_IPP_TAG_URI, "job-uri", jobUri(job.id)));
+    append(out, text(CMP_IPP_TAG_URI, "job-uuid", job.uuid));
+    append(out, text(CMP_IPP_TAG_URI, "job-printer-uri", m_config.uris[0]));
+    append(out, text(CMP_IPP_TAG_URI, "job-more-info", "http://" + authorityOf(m_config.uris[0]) + "/"));
+    append(out, text(CMP_IPP_TAG_NAME, "job-name", job.name));
+    append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
+    append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
+    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
+    append(out, integer("job-printer-up-time", upTime(now)));
+    append(out, integer("time-at-creation", upTime(job.createdMs)));
+    append(out, job.processingMs >= 0 ? integer("time-at-processing", upTime(job.processingMs))
+                                      : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-processing"));
+    append(out, job.completedMs >= 0 ? integer("time-at-completed", upTime(job.completedMs))
+                                     : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-completed"));
+    append(out, dateTime("date-time-at-creation", wallOf(job.createdMs)));
+    append(out, job.processingMs >= 0 ? dateTime("date-time-at-processing", wallOf(job.processingMs))
+                                      : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-processing"));
+    append(out, job.completedMs >= 0 ? dateTime("date-time-at-completed", wallOf(job.completedMs))
+                                     : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-completed"));
+    append(out, integer("job-k-octets", static_cast<int32_t>((job.octets + 1023) / 1024)));
+    append(out, integer("number-of-documents", job.documents));
+    if (!job.format.empty()) append(out, text(CMP_IPP_TAG_MIMETYPE, "document-format-supplied", job.format));
+    if (!job.documentName.empty()) append(out, text(CMP_IPP_TAG_NAME, "document-name-supplied", job.documentName));
+    for (const cmp_ipp_attr& t : job.templateAttrs) append(out, t);
+}
+
+JobInfo Printer::infoOf(const Job& job) const {
+    JobInfo i;
+    i.id = job.id;
+    i.state = job.state;
+    i.reasons = jobReasons(job.state, job.lastDocument);
+    i.name = job.name;
+    i.user = job.user;
+    i.format = job.format;
+    i.octets = job.octets;
+    i.documents = job.documents;
+    i.lastDocumentReceived = job.lastDocument;
+    i.files = job.files;
+    return i;
+}
+
+std::string Printer::jobUri(int32_t id) const { return m_config.uris[0] + "/" + std::to_string(id); }
+
+std::string Printer::spoolPath(int32_t jobId, int32_t doc, const std::string& format) const {
+    const char* ext = "prn";
+    if (format == "application/pdf") ext = "pdf";
+    if (format == "image/jpeg") ext = "jpg";
+    if (format == "image/pwg-raster") ext = "pwg";
+    if (format == "text/plain") ext = "txt";
+    return m_config.spoolDir + "/job-" + std::to_string(jobId) + "-doc-" + std::to_string(doc) + "." + ext;
+}
+
+void Printer::setAcceptingJobs(bool accepting) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_accepting = accepting;
+}
+
+std::vector<JobInfo> Printer::jobs() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    advanceLocked(nowMs());
+    std::vector<JobInfo> out;
+    for (const auto& j : m_jobs) out.push_back(infoOf(*j.second));
+    return out;
+}
+
+bool Printer::job(int32_t id, JobInfo* out) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    advanceLocked(nowMs());
+    auto it = m_jobs.find(id);
+    if (it == m_jobs.end()) return false;
+    if (out != nullptr) *out = infoOf(*it->second);
+    return true;
+}
+
+uint32_t Printer::identifyCount() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_identifyCount;
+}
+
+size_t Printer::streamCount() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_streams.size();
+}
+
+std::string Printer::htmlPage() {
+    cmp_ipp_attrs all("Printer");
+    std::ostringstream jobsTable;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int64_t now = nowMs();
+        advanceLocked(now);
+        for (int32_t i = 0; i < m_obj.m_attrs.count(); ++i) append(all, m_obj.m_attrs[i]);
+        statusAttrsLocked(all, now);
+        jobsTable << "<H2>Jobs</H2>\n<TABLE BORDER=\"1\"><TR><TH>Job</TH><TH>Name</TH><TH>User</TH><TH>State</TH>"
+                     "<TH>Documents</TH><TH>k-octets</TH></TR>\n";
+        for (const auto& j : m_jobs) {
+            const Job& job = *j.second;
+            jobsTable << "<TR><TD>" << job.id << "</TD><TD>" << htmlEscape(job.name) << "</TD><TD>"
+                      << htmlEscape(job.user) << "</TD><TD>" << jobMessage(job.state) << "</TD><TD>" << job.documents
+                      << "</TD><TD>" << (job.octets + 1023) / 1024 << "</TD></TR>\n";
+        }
+        jobsTable << "</TABLE>\n";
+    }
+    const std::string title = htmlEscape(m_config.name);
+    std::string page = "<HTML><HEAD><TITLE>" + title + "</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H1>" + title +
+                       "</H1>\n<P>" + htmlEscape(m_config.info) + "</P>\n";
+    page += all.toHTML().c_str();
+    page += jobsTable.str();
+    page += "</BODY></HTML>\n";
+    return page;
+}
+
+}  // namespace refprinter

@@ -1,0 +1,161 @@
+// A virtual IPP Everywhere printer built on the IPP service library: the printer
+// object with its attributes, an in-memory job table, document spooling to a
+// directory, and the handler that carries out the IPP operations.
+//
+// Install the IPP dictionary in the registry before constructing a Printer: the
+// attribute identifiers are resolved when the printer object is built.
+#ifndef CMP_IPP_REFPRINTER_H
+#define CMP_IPP_REFPRINTER_H
+
+#include <stdint.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "msg/cmp_ipp_obj.h"
+#include "service/cmp_ipp_handler.h"
+#include "service/cmp_ipp_manager.h"
+
+namespace refprinter {
+
+// RFC 8011 job-state values.
+enum class JobState : int32_t {
+    Pending = 3,
+    PendingHeld = 4,
+    Processing = 5,
+    ProcessingStopped = 6,
+    Canceled = 7,
+    Aborted = 8,
+    Completed = 9,
+};
+
+struct Config {
+    std::string name = "Reference Printer";
+    std::string info = "Reference IPP Everywhere printer";
+    std::string location;
+    std::string makeAndModel = "Reference Printer R1";
+    std::string deviceId = "MFG:Reference;MDL:Printer R1;CMD:PDF,JPEG,PWGRaster;";
+    // printer-uri-supported; the first one is the base of every job-uri. An
+    // "ipps" URI is advertised with uri-security "tls".
+    std::vector<std::string> uris{"ipp://localhost:631/ipp/print"};
+    // "urn:uuid:..."; derived from the name when empty.
+    std::string uuid;
+    // Documents land here as job-<id>-doc-<n>.<ext>; the directory must exist.
+    std::string spoolDir = "/tmp";
+    // How long a job stays processing once all its data is in; jobs are
+    // processed one after the other, in job-id order.
+    uint32_t processingMs = 2000;
+    // Milliseconds on a monotonic clock; tests put a clock of their own here.
+    std::function<int64_t()> clockMs;
+};
+
+// A snapshot of one job, for diagnostics and tests.
+struct JobInfo {
+    int32_t id = 0;
+    JobState state = JobState::Pending;
+    std::vector<std::string> reasons;
+    std::string name;
+    std::string user;
+    std::string format;
+    uint64_t octets = 0;
+    int32_t documents = 0;
+    bool lastDocumentReceived = false;
+    std::vector<std::string> files;  // spool file of each document, in order
+};
+
+class Printer;
+class Operations;
+
+// The operations side: called by the library, concurrently for different streams.
+class Handler : public cmp_ipp_handler {
+public:
+    explicit Handler(Printer& printer) : m_printer(printer) {}
+    void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override;
+    void abortRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override;
+    void prepareRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override;
+    uint32_t streamData(cmp_ipp_streamed_ctx* ctx, const cmp_ipp_buf& data, void* printer) override;
+    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t fmt,
+                              void* printer) override;
+
+private:
+    Printer& m_printer;
+};
+
+class Printer {
+public:
+    explicit Printer(Config config);
+    ~Printer();
+    Printer(const Printer&) = delete;
+    Printer& operator=(const Printer&) = delete;
+
+    // Registers this printer and its handler with the library and switches IPP
+    // on. False when another printer object is already registered (the library
+    // keeps the first one it is given).
+    bool start();
+    // Switches IPP off and unregisters this printer and its handler.
+    void stop();
+
+    // The printer object handed to the library. Its attributes are fixed once
+    // constructed (the library reads them without locking); the status
+    // attributes (printer-state, queued-job-count, ...) are made per response.
+    cmp_ipp_obj& object() { return m_obj; }
+    Handler& handler() { return m_handler; }
+    const Config& config() const { return m_config; }
+
+    void setAcceptingJobs(bool accepting);
+    std::vector<JobInfo> jobs();
+    bool job(int32_t id, JobInfo* out);
+    uint32_t identifyCount() const;
+    // Requests currently holding per-stream state (an open document, a job reply).
+    size_t streamCount() const;
+    std::string jobUri(int32_t id) const;
+
+    // The printer's attributes as an HTML page, with the job list.
+    std::string htmlPage();
+
+private:
+    // The operations work on the job table and stream records directly.
+    friend class Operations;
+    struct Job;
+    struct Stream;
+
+    int64_t nowMs() const;
+    // Up-time in seconds, at least 1 (clients expect a positive value).
+    int32_t upTime(int64_t ms) const;
+    // Moves jobs through processing to completed as the clock says, and aborts
+    // jobs left waiting for documents longer than multiple-operation-time-out.
+    // Needs m_mutex.
+    void advanceLocked(int64_t now);
+    Job* findJobLocked(int32_t id);
+    // The printer's status attributes as they are now. Needs m_mutex.
+    void statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const;
+    // Every attribute of a job as it is now. Needs m_mutex.
+    void jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) const;
+    JobInfo infoOf(const Job& job) const;
+    std::string spoolPath(int32_t jobId, int32_t doc, const std::string& format) const;
+    void buildAttributes();
+
+    Config m_config;
+    cmp_ipp_obj m_obj;
+    Handler m_handler;
+    int64_t m_startMs;
+    int64_t m_startWall;
+    bool m_started = false;
+
+    mutable std::mutex m_mutex;  // guards everything below
+    std::map<int32_t, std::unique_ptr<Job>> m_jobs;
+    std::map<const cmp_ipp_streamed_ctx*, std::unique_ptr<Stream>> m_streams;
+    int32_t m_nextJobId = 1;
+    bool m_accepting = true;
+    uint32_t m_identifyCount = 0;
+    int64_t m_stateChangeMs;
+    int64_t m_lastFinishMs = 0;  // when the processor last became free
+};
+
+}  // namespace refprinter
+
+#endif

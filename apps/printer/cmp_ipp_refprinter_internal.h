@@ -1,0 +1,68 @@
+// Job and stream records of the reference printer, shared by its two sources.
+#ifndef CMP_IPP_REFPRINTER_INTERNAL_H
+#define CMP_IPP_REFPRINTER_INTERNAL_H
+
+#include <stdint.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "attr/cmp_ipp_attr.h"
+#include "cmp_ipp_refprinter.h"
+
+namespace refprinter {
+
+struct Printer::Job {
+    int32_t id = 0;
+    std::string uuid;
+    JobState state = JobState::Pending;
+    std::string name;
+    std::string user;
+    std::string format;  // document-format of the first document
+    std::string documentName;
+    // The job template attributes the client supplied and we support, as the
+    // flat entries of their group (collections included).
+    std::vector<cmp_ipp_attr> templateAttrs;
+    std::set<std::string> templateNames;
+    int64_t createdMs = 0;
+    int64_t processingMs = -1;
+    int64_t completedMs = -1;
+    int64_t readyMs = -1;   // all documents in
+    int64_t doneAtMs = -1;  // end of processing
+    // Last creation, document or close; a job waiting for documents is aborted
+    // once this is older than multiple-operation-time-out.
+    int64_t lastActivityMs = 0;
+    uint64_t octets = 0;
+    int32_t documents = 0;
+    int32_t openStreams = 0;    // documents still arriving
+    bool lastDocument = false;  // no further document will come
+    std::vector<std::string> files;
+};
+
+// Per-request state of a stream that writes a document or created a job.
+struct Printer::Stream {
+    int16_t op = 0;
+    int32_t jobId = 0;
+    int fd = -1;  // -1: nothing (more) to write
+    std::string path;
+    uint64_t bytes = 0;
+    bool document = false;  // counted in the job's openStreams
+    bool lastDocument = false;
+    bool failed = false;
+};
+
+// Seconds a job may wait for its next document (multiple-operation-time-out).
+const int32_t kMultipleOperationTimeOutS = 60;
+
+inline bool isTerminal(JobState state) { return state >= JobState::Canceled; }
+
+// Reasons and message that go with a job's state.
+std::vector<std::string> jobReasons(JobState state, bool lastDocument);
+const char* jobMessage(JobState state);
+// A stable name-based "urn:uuid:" identifier.
+std::string uuidFrom(const std::string& seed);
+
+}  // namespace refprinter
+
+#endif

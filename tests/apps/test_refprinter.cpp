@@ -1,0 +1,542 @@
+// The reference printer driven through the library's stream interface with real
+// encoded requests: statuses, attributes, job states and spooled documents.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../msg/msg_fixture.h"
+#include "cmp_ipp_dictionary.h"
+#include "cmp_ipp_refprinter.h"
+#include "containers/cmp_ipp_malloc.h"
+#include "service/cmp_ipp_ippc.h"
+
+namespace {
+
+using refprinter::JobInfo;
+using refprinter::JobState;
+
+enum : uint8_t { kOpGroup = 1, kJobGroup = 2, kPrinterGroup = 4, kUnsupportedGroup = 5 };
+enum : uint16_t { kPrintJob = 2, kCreateJob = 5, kSendDocument = 6, kCancelJob = 8, kGetJobAttributes = 9,
+                  kGetJobs = 10, kGetPrinterAttributes = 11, kIdentifyPrinter = 0x3C };
+
+struct Value {
+    uint8_t tag;
+    std::string bytes;
+    int32_t integer() const {
+        uint32_t v = 0;
+        for (unsigned char c : bytes) v = (v << 8) | c;
+        return static_cast<int32_t>(v);
+    }
+};
+struct Attr { std::string name; std::vector<Value> values; };
+struct Group { uint8_t tag; std::vector<Attr> attrs; };
+
+// A decoded reply: groups of top-level attributes (collection contents skipped).
+struct Response {
+    uint16_t status = 0xFFFF;
+    std::vector<Group> groups;
+
+    std::vector<const Group*> of(uint8_t tag) const {
+        std::vector<const Group*> out;
+        for (const Group& g : groups)
+            if (g.tag == tag) out.push_back(&g);
+        return out;
+    }
+    const Attr* find(uint8_t tag, const std::string& name) const {
+        for (const Group* g : of(tag))
+            for (const Attr& a : g->attrs)
+                if (a.name == name) return &a;
+        return nullptr;
+    }
+    int32_t integer(uint8_t tag, const std::string& name) const {
+        const Attr* a = find(tag, name);
+        return a != nullptr && !a->values.empty() ? a->values[0].integer() : -1;
+    }
+    std::string text(uint8_t tag, const std::string& name) const {
+        const Attr* a = find(tag, name);
+        return a != nullptr && !a->values.empty() ? a->values[0].bytes : "<absent>";
+    }
+};
+
+Response parse(const std::string& b) {
+    Response r;
+    if (b.size() < 9) return r;
+    auto u16 = [&b](size_t p) {
+        return p + 2 <= b.size() ? static_cast<size_t>((static_cast<uint8_t>(b[p]) << 8) | static_cast<uint8_t>(b[p + 1]))
+                                 : b.size();
+    };
+    r.status = static_cast<uint16_t>(u16(2));
+    size_t p = 8;
+    int depth = 0;
+    while (p < b.size()) {
+        const uint8_t tag = static_cast<uint8_t>(b[p++]);
+        if (tag == 0x03) break;
+        if (tag < 0x10) {
+            r.groups.push_back(Group{tag, {}});
+            continue;
+        }
+        const size_t nameLength = u16(p);
+        const std::string name = b.substr(std::min(p + 2, b.size()), nameLength);
+        p += 2 + nameLength;
+        const size_t valueLength = u16(p);
+        const std::string value = b.substr(std::min(p + 2, b.size()), valueLength);
+        p += 2 + valueLength;
+        if (tag == 0x37) --depth;
+        if (tag == 0x37 || (tag == 0x34 ? depth++ > 0 : depth > 0) || r.groups.empty()) continue;
+        Group& g = r.groups.back();
+        if (nameLength != 0 || g.attrs.empty()) g.attrs.push_back(Attr{name, {}});
+        g.attrs.back().values.push_back(Value{tag, value});
+    }
+    return r;
+}
+
+Bytes bytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+// A request with the usual operation attributes, left open for more.
+Ipp request(uint16_t op) {
+    Ipp m;
+    m.header(2, 0, op, 7).opGroup();
+    return m;
+}
+
+void mediaCol(Ipp& m, int32_t x, int32_t y) {
+    m.attr(0x34, "media-col", {}).attr(0x4A, "", bytesOf("media-size")).attr(0x34, "", {});
+    m.attr(0x4A, "", bytesOf("x-dimension")).integer(0x21, "", x);
+    m.attr(0x4A, "", bytesOf("y-dimension")).integer(0x21, "", y).attr(0x37, "", {});
+    m.attr(0x4A, "", bytesOf("media-source")).text(0x44, "", "main").attr(0x37, "", {});
+}
+
+// One request in flight.
+class Stream {
+public:
+    Stream(const Bytes& first, cmp_ipp_if_info_s* record)
+        : m_h(IPP_StreamDataStart(first.data(), static_cast<uint32_t>(first.size()), record)) {}
+    uint32_t data(const std::string& block) {
+        return IPP_StreamData(m_h, reinterpret_cast<const unsigned char*>(block.data()),
+                              static_cast<uint32_t>(block.size()));
+    }
+    Response end(bool abortFirst = false) {
+        if (abortFirst) IPP_StreamDataAbort(m_h);
+        int length = 0;
+        unsigned char* reply = IPP_StreamDataEnd(m_h, 0, &length);
+        const std::string bytes(reinterpret_cast<char*>(reply), reply != nullptr ? static_cast<size_t>(length) : 0);
+        cmp_ipp_free(reply);
+        return parse(bytes);
+    }
+
+private:
+    IPP_STREAM_HANDLE m_h;
+};
+
+class RefPrinterTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        cmp_ipp_dictionary_install();
+        char dir[] = "/tmp/refprinter-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        spool = dir;
+        refprinter::Config c;
+        c.name = "Test Printer";
+        c.spoolDir = spool;
+        c.processingMs = 1000;
+        c.clockMs = [this] { return clock.load(); };
+        printer.reset(new refprinter::Printer(c));
+        ASSERT_TRUE(printer->start());
+    }
+    void TearDown() override {
+        printer.reset();
+        if (DIR* d = opendir(spool.c_str())) {
+            while (dirent* e = readdir(d))
+                if (e->d_name[0] != '.') unlink((spool + "/" + e->d_name).c_str());
+            closedir(d);
+        }
+        rmdir(spool.c_str());
+    }
+
+    Response send(const Bytes& first, const std::vector<std::string>& blocks = {}) {
+        Stream s(first, &record);
+        for (const std::string& b : blocks) s.data(b);
+        return s.end();
+    }
+    Response printJob(const std::string& user, const std::string& doc) {
+        Ipp m = request(kPrintJob);
+        m.text(0x42, "requesting-user-name", user).text(0x49, "document-format", "text/plain").tag(3);
+        return send(m.b, {doc});
+    }
+    Response createJob(const std::string& user) {
+        return send(request(kCreateJob).text(0x42, "requesting-user-name", user).tag(3).b);
+    }
+    Response jobRequest(uint16_t op, int32_t id, const std::vector<std::string>& requested = {}) {
+        Ipp m = request(op);
+        m.integer(0x21, "job-id", id);
+        for (size_t i = 0; i < requested.size(); ++i) m.text(0x44, i == 0 ? "requested-attributes" : "", requested[i]);
+        return send(m.tag(3).b);
+    }
+    // 0 for a job the printer does not have.
+    int stateOf(int32_t id) {
+        JobInfo info;
+        return printer->job(id, &info) ? static_cast<int>(info.state) : 0;
+    }
+    // Open descriptors of this process that point into the spool directory.
+    int openSpoolFiles() const {
+        int n = 0;
+        DIR* d = opendir("/proc/self/fd");
+        while (dirent* e = d != nullptr ? readdir(d) : nullptr) {
+            char target[512] = {0};
+            const std::string link = std::string("/proc/self/fd/") + e->d_name;
+            if (readlink(link.c_str(), target, sizeof target - 1) > 0 && std::string(target).find(spool) == 0) ++n;
+        }
+        if (d != nullptr) closedir(d);
+        return n;
+    }
+
+    std::atomic<int64_t> clock{0};
+    std::string spool;
+    std::unique_ptr<refprinter::Printer> printer;
+    cmp_ipp_if_info_s record{};
+};
+
+TEST_F(RefPrinterTest, RequestsAreCheckedInOrderAndUnsupportedAttributesReported) {
+    struct Case { const char* label; std::function<Ipp()> build; uint16_t status; const char* unsupported; size_t newJobs; };
+    auto printJobWith = [](std::function<void(Ipp&)> op, std::function<void(Ipp&)> job) {
+        return [op, job] {
+            Ipp m = request(kPrintJob);
+            if (op) op(m);
+            if (job) job(m.tag(2));
+            return m.tag(3);
+        };
+    };
+    const Case cases[] = {
+        {"request-id 0", [] { Ipp m; return m.header(2, 0, kGetPrinterAttributes, 0).opGroup().tag(3); }, 0x0400, "", 0},
+        {"charset missing", [] { Ipp m; m.header(2, 0, kGetPrinterAttributes, 1).tag(1);
+                                 return m.text(0x48, "attributes-natural-language", "en").tag(3); }, 0x0400, "", 0},
+        {"language first", [] { Ipp m; m.header(2, 0, kGetPrinterAttributes, 1).tag(1);
+                                m.text(0x48, "attributes-natural-language", "en");
+                                return m.text(0x47, "attributes-charset", "utf-8").tag(3); }, 0x0400, "", 0},
+        {"printer-uri missing", [] { Ipp m; m.header(2, 0, kGetJobs, 1).tag(1).text(0x47, "attributes-charset", "utf-8");
+                                     return m.text(0x48, "attributes-natural-language", "en").tag(3); }, 0x0400, "", 0},
+        {"charset unsupported", [] { Ipp m; m.header(2, 0, kGetJobs, 1).tag(1).text(0x47, "attributes-charset", "koi8-r");
+                                     return m.text(0x48, "attributes-natural-language", "en").tag(3); },
+         0x040D, "attributes-charset", 0},
+        {"which-jobs", [] { return request(kGetJobs).text(0x44, "which-jobs", "sometimes").tag(3); }, 0x040B, "which-jobs", 0},
+        {"document-format", printJobWith([](Ipp& m) { m.text(0x49, "document-format", "application/x-what"); }, nullptr),
+         0x040A, "document-format", 0},
+        {"compression", printJobWith([](Ipp& m) { m.text(0x44, "compression", "gzip"); }, nullptr), 0x040F, "compression", 0},
+        {"unknown operation attribute", printJobWith([](Ipp& m) { m.text(0x41, "x-note", "hi"); }, nullptr), 0x0001, "x-note", 1},
+        {"unsupported sides", printJobWith(nullptr, [](Ipp& m) { m.text(0x44, "sides", "three-sided"); }), 0x0001, "sides", 1},
+        {"fidelity", printJobWith([](Ipp& m) { m.attr(0x22, "ipp-attribute-fidelity", {1}); },
+                                  [](Ipp& m) { m.text(0x44, "sides", "three-sided"); }), 0x040B, "sides", 0},
+        {"copies out of range", printJobWith(nullptr, [](Ipp& m) { m.integer(0x21, "copies", 5000); }), 0x0001, "copies", 1},
+        {"unknown job attribute", printJobWith(nullptr, [](Ipp& m) { m.text(0x44, "x-staple", "yes"); }), 0x0001, "x-staple", 1},
+        {"media-col odd size", printJobWith(nullptr, [](Ipp& m) { mediaCol(m, 1000, 1000); }), 0x0001, "media-col", 1},
+        {"media-col 4x6", printJobWith(nullptr, [](Ipp& m) { mediaCol(m, 10160, 15240); }), 0x0000, "", 1},
+        {"supported template", printJobWith(nullptr, [](Ipp& m) {
+             m.integer(0x21, "copies", 3).text(0x44, "sides", "two-sided-long-edge").integer(0x23, "print-quality", 5); }),
+         0x0000, "", 1},
+        {"send-document without last-document", [] { return request(kSendDocument).integer(0x21, "job-id", 1).tag(3); },
+         0x0400, "", 0},
+        {"send-document unknown job", [] { return request(kSendDocument).integer(0x21, "job-id", 99)
+                                                      .attr(0x22, "last-document", {1}).tag(3); }, 0x0406, "", 0},
+        {"cancel without job-id", [] { return request(kCancelJob).tag(3); }, 0x0400, "", 0},
+        {"cancel unknown job", [] { return request(kCancelJob).integer(0x21, "job-id", 99).tag(3); }, 0x0406, "", 0},
+        {"unknown job-uri", [] { return request(kGetJobAttributes).text(0x45, "job-uri", "ipp://localhost/ipp/print/77").tag(3); },
+         0x0406, "", 0},
+        {"identify-actions", [] { return request(kIdentifyPrinter).text(0x44, "identify-actions", "flash").tag(3); },
+         0x040B, "identify-actions", 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.label);
+        const size_t before = printer->jobs().size();
+        const Response r = send(c.build().b, {"%!data"});
+        EXPECT_EQ(r.status, c.status);
+        ASSERT_FALSE(r.groups.empty());
+        ASSERT_GE(r.groups[0].attrs.size(), 2u) << "charset and language open every reply";
+        EXPECT_EQ(r.groups[0].attrs[0].name, "attributes-charset");
+        EXPECT_EQ(r.groups[0].attrs[1].name, "attributes-natural-language");
+        if (c.unsupported[0] != '\0') {
+            const Attr* u = r.find(kUnsupportedGroup, c.unsupported);
+            ASSERT_NE(u, nullptr);
+            // An attribute the printer does not know comes back as "unsupported",
+            // a value it does not support comes back as given.
+            EXPECT_EQ(u->values[0].tag == 0x10, std::string(c.unsupported).compare(0, 2, "x-") == 0);
+        } else {
+            EXPECT_TRUE(r.of(kUnsupportedGroup).empty());
+        }
+        EXPECT_EQ(printer->jobs().size() - before, c.newJobs);
+        EXPECT_EQ(printer->streamCount(), 0u);
+    }
+}
+
+TEST_F(RefPrinterTest, GetPrinterAttributesHonoursRequestedNamesAndGroups) {
+    struct Case { std::vector<std::string> requested, present, absent; };
+    const Case cases[] = {
+        {{}, {"printer-name", "copies-supported", "printer-state", "queued-job-count"}, {"media-col-database"}},
+        {{"printer-uri-supported"}, {"printer-uri-supported"}, {"printer-name", "printer-state"}},
+        {{"job-template"}, {"copies-supported", "media-col-default", "sides-default"}, {"printer-name", "printer-state"}},
+        {{"printer-description"}, {"printer-name", "printer-state", "printer-up-time"}, {"copies-default", "media-supported"}},
+        {{"all", "media-col-database"}, {"media-col-database", "printer-name", "printer-is-accepting-jobs"}, {}},
+    };
+    for (const Case& c : cases) {
+        Ipp m = request(kGetPrinterAttributes);
+        for (size_t i = 0; i < c.requested.size(); ++i)
+            m.text(0x44, i == 0 ? "requested-attributes" : "", c.requested[i]);
+        const Response r = send(m.tag(3).b);
+        EXPECT_EQ(r.status, 0);
+        for (const std::string& n : c.present) EXPECT_NE(r.find(kPrinterGroup, n), nullptr) << n;
+        for (const std::string& n : c.absent) EXPECT_EQ(r.find(kPrinterGroup, n), nullptr) << n;
+    }
+    printer->setAcceptingJobs(false);
+    const Response r = send(request(kGetPrinterAttributes).tag(3).b);
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-is-accepting-jobs"), 0);
+    EXPECT_EQ(printJob("alice", "x").status, 0x0506);
+    EXPECT_EQ(createJob("alice").status, 0x0506);
+}
+
+TEST_F(RefPrinterTest, PrintJobSpoolsEveryBlockAndRunsToCompletion) {
+    std::string doc;
+    for (int i = 0; i < 70000; ++i) doc += static_cast<char>(i * 7 % 251);
+    Ipp m = request(kPrintJob);
+    m.text(0x42, "requesting-user-name", "alice").text(0x42, "job-name", "report");
+    m.text(0x49, "document-format", "application/pdf").tag(2).integer(0x21, "copies", 2).tag(3);
+    m.raw(Bytes(doc.begin(), doc.begin() + 1000));  // the first block carries the start of the document
+    const Response r = send(m.b, {doc.substr(1000, 30000), doc.substr(31000, 1), doc.substr(31001)});
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.integer(kJobGroup, "job-id"), 1);
+    EXPECT_EQ(r.text(kJobGroup, "job-uri"), "ipp://localhost:631/ipp/print/1");
+    EXPECT_EQ(r.integer(kJobGroup, "job-state"), 5) << "an idle printer starts at once";
+    EXPECT_EQ(r.text(kJobGroup, "job-state-reasons"), "job-printing");
+
+    JobInfo info;
+    ASSERT_TRUE(printer->job(1, &info));
+    ASSERT_EQ(info.files, std::vector<std::string>{spool + "/job-1-doc-1.pdf"});
+    const Bytes spooled = readFile(info.files[0]);
+    EXPECT_TRUE(std::string(spooled.begin(), spooled.end()) == doc) << "spool file differs";
+    EXPECT_EQ(info.octets, doc.size());
+
+    clock += 999;
+    EXPECT_EQ(jobRequest(kGetJobAttributes, 1).integer(kJobGroup, "job-state"), 5);
+    clock += 1;
+    const Response done = jobRequest(kGetJobAttributes, 1);
+    EXPECT_EQ(done.integer(kJobGroup, "job-state"), 9);
+    EXPECT_EQ(done.text(kJobGroup, "job-state-reasons"), "job-completed-successfully");
+    EXPECT_EQ(done.integer(kJobGroup, "job-k-octets"), 69);
+    EXPECT_EQ(done.text(kJobGroup, "job-originating-user-name"), "alice");
+    EXPECT_EQ(done.text(kJobGroup, "job-name"), "report");
+    EXPECT_EQ(done.integer(kJobGroup, "copies"), 2);
+
+    const Response tmpl = jobRequest(kGetJobAttributes, 1, {"job-template"});
+    EXPECT_EQ(tmpl.integer(kJobGroup, "copies"), 2);
+    EXPECT_EQ(tmpl.find(kJobGroup, "job-state"), nullptr);
+    const Response desc = jobRequest(kGetJobAttributes, 1, {"job-description"});
+    EXPECT_EQ(desc.find(kJobGroup, "copies"), nullptr);
+    EXPECT_EQ(desc.integer(kJobGroup, "job-state"), 9);
+}
+
+TEST_F(RefPrinterTest, JobsPrintOneAfterAnother) {
+    ASSERT_EQ(printJob("a", "one").integer(kJobGroup, "job-state"), 5);
+    const Response second = printJob("b", "two");
+    EXPECT_EQ(second.integer(kJobGroup, "job-state"), 3);
+    EXPECT_EQ(second.text(kJobGroup, "job-state-reasons"), "none");
+    Response p = send(request(kGetPrinterAttributes).tag(3).b);
+    EXPECT_EQ(p.integer(kPrinterGroup, "printer-state"), 4);
+    EXPECT_EQ(p.integer(kPrinterGroup, "queued-job-count"), 2);
+    clock += 1000;
+    EXPECT_EQ(stateOf(1), int(JobState::Completed));
+    EXPECT_EQ(stateOf(2), int(JobState::Processing));
+    clock += 1000;
+    EXPECT_EQ(stateOf(2), int(JobState::Completed));
+    p = send(request(kGetPrinterAttributes).tag(3).b);
+    EXPECT_EQ(p.integer(kPrinterGroup, "printer-state"), 3);
+    EXPECT_EQ(p.integer(kPrinterGroup, "queued-job-count"), 0);
+}
+
+TEST_F(RefPrinterTest, CreateJobTakesDocumentsUntilTheLastOne) {
+    const Response created = createJob("bob");
+    ASSERT_EQ(created.status, 0);
+    EXPECT_EQ(created.integer(kJobGroup, "job-state"), 3);
+    EXPECT_EQ(created.text(kJobGroup, "job-state-reasons"), "job-incoming");
+    auto sendDoc = [this](int32_t id, bool last, const std::string& format, const std::vector<std::string>& blocks) {
+        Ipp m = request(kSendDocument);
+        m.integer(0x21, "job-id", id).attr(0x22, "last-document", {static_cast<unsigned char>(last)});
+        if (!format.empty()) m.text(0x49, "document-format", format);
+        return send(m.tag(3).b, blocks);
+    };
+    EXPECT_EQ(sendDoc(1, false, "", {"first"}).integer(kJobGroup, "job-state"), 3);
+    const Response last = sendDoc(1, true, "text/plain", {"sec", "ond"});
+    EXPECT_EQ(last.status, 0);
+    EXPECT_EQ(last.integer(kJobGroup, "job-state"), 5);
+    EXPECT_EQ(sendDoc(1, true, "", {"late"}).status, 0x0404) << "no documents after the last one";
+
+    JobInfo info;
+    ASSERT_TRUE(printer->job(1, &info));
+    ASSERT_EQ(info.files.size(), 2u);
+    EXPECT_EQ(info.files[0], spool + "/job-1-doc-1.prn");
+    const Bytes first = readFile(info.files[0]), second = readFile(info.files[1]);
+    EXPECT_EQ(std::string(first.begin(), first.end()), "first");
+    EXPECT_EQ(std::string(second.begin(), second.end()), "second");
+
+    // A last-document without data closes the job without an empty document.
+    ASSERT_EQ(createJob("bob").integer(kJobGroup, "job-id"), 2);
+    EXPECT_EQ(sendDoc(2, false, "", {"only"}).status, 0);
+    EXPECT_EQ(sendDoc(2, true, "", {}).status, 0);
+    ASSERT_TRUE(printer->job(2, &info));
+    EXPECT_EQ(info.documents, 1);
+    EXPECT_EQ(info.files.size(), 1u);
+    EXPECT_TRUE(info.lastDocumentReceived);
+
+    // A job left waiting for documents is aborted after the time-out.
+    ASSERT_EQ(createJob("bob").integer(kJobGroup, "job-id"), 3);
+    clock += 59999;
+    EXPECT_EQ(stateOf(3), int(JobState::Pending));
+    clock += 1;
+    EXPECT_EQ(stateOf(3), int(JobState::Aborted));
+}
+
+TEST_F(RefPrinterTest, GetJobsFiltersByStateOwnerAndLimit) {
+    printJob("alice", "1");      // job 1: completes at 1000
+    clock += 1000;
+    printJob("bob", "2");        // job 2: canceled at 1010
+    clock += 10;
+    ASSERT_EQ(jobRequest(kCancelJob, 2).status, 0);
+    printJob("alice", "3");      // job 3: processing
+    createJob("bob");            // job 4: pending
+    struct Case { const char* which; const char* myJobsUser; int32_t limit; std::vector<int32_t> ids; };
+    const Case cases[] = {
+        {nullptr, nullptr, 0, {3, 4}},   {"completed", nullptr, 0, {2, 1}}, {"all", nullptr, 0, {3, 4, 2, 1}},
+        {"all", "alice", 0, {3, 1}},     {"all", nullptr, 2, {3, 4}},       {"canceled", nullptr, 0, {2}},
+        {"processing", nullptr, 0, {3}}, {"pending", "bob", 0, {4}},        {"aborted", nullptr, 0, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.which ? c.which : "default") + "/" + (c.myJobsUser ? c.myJobsUser : "-"));
+        Ipp m = request(kGetJobs);
+        if (c.which != nullptr) m.text(0x44, "which-jobs", c.which);
+        if (c.myJobsUser != nullptr) m.text(0x42, "requesting-user-name", c.myJobsUser).attr(0x22, "my-jobs", {1});
+        if (c.limit > 0) m.integer(0x21, "limit", c.limit);
+        const Response r = send(m.tag(3).b);
+        EXPECT_EQ(r.status, 0);
+        std::vector<int32_t> ids;
+        for (const Group* g : r.of(kJobGroup)) {
+            ASSERT_EQ(g->attrs.size(), 2u) << "job-id and job-uri unless asked for more";
+            EXPECT_EQ(g->attrs[1].name, "job-uri");
+            ids.push_back(g->attrs[0].values[0].integer());
+        }
+        EXPECT_EQ(ids, c.ids);
+    }
+}
+
+TEST_F(RefPrinterTest, CancelJobOnlyWhileTheJobIsActive) {
+    printJob("a", "1");
+    clock += 1000;  // job 1 completed
+    printJob("a", "2");  // job 2 processing
+    printJob("a", "3");  // job 3 pending behind it
+    clock += 100;
+    const struct { int32_t id; uint16_t status; } steps[] = {{1, 0x0404}, {2, 0}, {2, 0x0404}, {42, 0x0406}};
+    for (const auto& s : steps) EXPECT_EQ(jobRequest(kCancelJob, s.id).status, s.status) << "job " << s.id;
+    EXPECT_EQ(stateOf(2), int(JobState::Canceled));
+    EXPECT_EQ(stateOf(3), int(JobState::Processing)) << "the next job starts when the canceled one stops";
+    clock += 999;
+    EXPECT_EQ(stateOf(3), int(JobState::Processing)) << "and takes its full time from there";
+    clock += 1;
+    EXPECT_EQ(stateOf(3), int(JobState::Completed));
+    const Response byUri = send(request(kCancelJob).text(0x45, "job-uri", printer->jobUri(3)).tag(3).b);
+    EXPECT_EQ(byUri.status, 0x0404);
+}
+
+TEST_F(RefPrinterTest, AbortedStreamsAbortTheirJobAndLeaveNothingOpen) {
+    Ipp m = request(kPrintJob);
+    m.tag(3).raw(bytesOf("head"));
+    Stream print(m.b, &record);
+    EXPECT_EQ(print.data("more"), 0u);
+    EXPECT_EQ(printer->streamCount(), 1u);
+    EXPECT_EQ(openSpoolFiles(), 1);
+    print.end(true);
+    Stream create(request(kCreateJob).tag(3).b, &record);
+    create.end(true);
+    EXPECT_EQ(stateOf(1), int(JobState::Aborted));
+    EXPECT_EQ(stateOf(2), int(JobState::Aborted));
+    EXPECT_EQ(printer->streamCount(), 0u);
+    EXPECT_EQ(openSpoolFiles(), 0);
+    EXPECT_EQ(jobRequest(kGetJobAttributes, 1).text(kJobGroup, "job-state-reasons"), "aborted-by-system");
+}
+
+TEST_F(RefPrinterTest, CancelDuringTransferDropsTheRestOfTheDocument) {
+    Stream print(request(kPrintJob).tag(3).raw(bytesOf("abc")).b, &record);
+    EXPECT_EQ(jobRequest(kCancelJob, 1).status, 0);
+    EXPECT_EQ(print.data("def"), 0u) << "taken, not written";
+    const Response r = print.end();
+    EXPECT_EQ(r.integer(kJobGroup, "job-state"), 7);
+    const Bytes spooled = readFile(spool + "/job-1-doc-1.prn");
+    EXPECT_EQ(std::string(spooled.begin(), spooled.end()), "abc");
+    EXPECT_EQ(openSpoolFiles(), 0);
+}
+
+TEST_F(RefPrinterTest, DocumentThatCannotBeStoredAbortsTheJob) {
+    ASSERT_EQ(symlink("/dev/full", (spool + "/job-1-doc-1.prn").c_str()), 0);
+    Stream full(request(kPrintJob).tag(3).b, &record);
+    EXPECT_NE(full.data(std::string(4096, 'x')), 0u) << "a failed write refuses the data";
+    const Response r = full.end(true);
+    EXPECT_EQ(r.status, 0x0500);
+    EXPECT_NE(r.text(kOpGroup, "status-message").find("write"), std::string::npos);
+    EXPECT_EQ(stateOf(1), int(JobState::Aborted));
+
+    const std::string saved = spool;
+    spool += "/missing";  // a spool directory that does not exist
+    printer.reset();
+    refprinter::Config c;
+    c.spoolDir = spool;
+    c.clockMs = [this] { return clock.load(); };
+    printer.reset(new refprinter::Printer(c));
+    ASSERT_TRUE(printer->start());
+    EXPECT_EQ(printJob("a", "x").status, 0x0500);
+    EXPECT_EQ(stateOf(1), int(JobState::Aborted));
+    EXPECT_EQ(printer->streamCount(), 0u);
+    spool = saved;
+    EXPECT_EQ(openSpoolFiles(), 0);
+}
+
+TEST_F(RefPrinterTest, IdentifyAndHtmlPage) {
+    EXPECT_EQ(send(request(kIdentifyPrinter).text(0x44, "identify-actions", "sound").tag(3).b).status, 0);
+    EXPECT_EQ(printer->identifyCount(), 1u);
+    printJob("carol", "x");
+    int length = 0;
+    unsigned char* page = IPP_GetPrnAttrHtml(&length, &record);
+    ASSERT_NE(page, nullptr);
+    const std::string html(reinterpret_cast<char*>(page), static_cast<size_t>(length));
+    cmp_ipp_free(page);
+    EXPECT_NE(html.find("<TITLE>Test Printer</TITLE>"), std::string::npos);
+    EXPECT_NE(html.find("<TD>carol</TD>"), std::string::npos);
+}
+
+TEST_F(RefPrinterTest, ConcurrentPrintJobsKeepTheirDocumentsApart) {
+    const int kThreads = 4, kJobsEach = 10;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([this, t] {
+            for (int j = 0; j < kJobsEach; ++j) {
+                const std::string name = std::to_string(t) + "-" + std::to_string(j);
+                Ipp m = request(kPrintJob);
+                m.text(0x42, "job-name", name).tag(3);
+                send(m.b, {name + ":", std::string(5000, static_cast<char>('a' + t)), ":" + name});
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    const std::vector<JobInfo> jobs = printer->jobs();
+    ASSERT_EQ(jobs.size(), static_cast<size_t>(kThreads * kJobsEach));
+    for (const JobInfo& j : jobs) {
+        ASSERT_EQ(j.files.size(), 1u);
+        const Bytes b = readFile(j.files[0]);
+        const char fill = static_cast<char>('a' + (j.name[0] - '0'));
+        EXPECT_EQ(std::string(b.begin(), b.end()), j.name + ":" + std::string(5000, fill) + ":" + j.name);
+    }
+    EXPECT_EQ(printer->streamCount(), 0u);
+}
+
+}  // namespace
