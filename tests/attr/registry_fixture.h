@@ -65,4 +65,15 @@ private:
     RegistryTables m_tables;
 };
 
+// The small dictionary of the attribute tests.
+inline RegistryTables attrTestTables() {
+    RegistryTables t;
+    t.attrs = {
+        {1, "copies", 0x21, 1, 999},         {2, "media-col", 0x34, 0, 0}, {3, "media-size", 0x34, 0, 0},
+        {4, "x-dimension", 0x21, 0, 100000}, {5, "sides", 0x44, 1, 255},  {6, "job-name", 0x42, 0, 255},
+        {7, "rng", 0x33, 5, 50},             {8, "oct", 0x50, 0, 10},     {9, "media", 0x44, 1, 255},
+    };
+    return t;
+}
+
 #endif

@@ -3,11 +3,6 @@
 // framing (8-byte header, delimiter tags, end-of-attributes) is walked here.
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
-#include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <set>
@@ -20,26 +15,7 @@
 
 namespace {
 
-struct Message {
-    std::string file;
-    std::vector<uint8_t> bytes;
-};
-
-std::vector<Message> loadCorpus() {
-    std::vector<Message> out;
-    const std::string dir = CMP_IPP_CORPUS_DIR;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) return out;
-    while (dirent* e = readdir(d)) {
-        const std::string name = e->d_name;
-        if (name.size() < 4 || name.compare(name.size() - 4, 4, ".ipp") != 0) continue;
-        std::ifstream in(dir + "/" + name, std::ios::binary);
-        out.push_back({name, std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {})});
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end(), [](const Message& a, const Message& b) { return a.file < b.file; });
-    return out;
-}
+using Message = std::pair<std::string, Bytes>;
 
 struct WalkResult {
     int attributes = 0;
@@ -51,16 +27,17 @@ struct WalkResult {
 // Decodes every attribute of every message, writes each back at its own offset
 // into a copy of the message and compares the two.
 void walk(const std::vector<Message>& corpus, WalkResult& r) {
-    for (const Message& m : corpus) {
-        SCOPED_TRACE(m.file);
-        if (m.bytes.size() < 8) continue;
-        cmp_ipp_buf in(m.bytes.data(), static_cast<uint32_t>(m.bytes.size()), false);  // wraps, as the HTTP side does
-        cmp_ipp_buf out(static_cast<uint32_t>(m.bytes.size()), true);
-        for (uint32_t i = 0; i < 8; ++i) out.setByteAt(i, m.bytes[i]);
+    for (const auto& message : corpus) {
+        SCOPED_TRACE(message.first);
+        const Bytes& bytes = message.second;
+        if (bytes.size() < 8) continue;
+        cmp_ipp_buf in(bytes.data(), static_cast<uint32_t>(bytes.size()), false);  // wraps, as the HTTP side does
+        cmp_ipp_buf out(static_cast<uint32_t>(bytes.size()), true);
+        for (uint32_t i = 0; i < 8; ++i) out.setByteAt(i, bytes[i]);
         out.resize(8);
         uint32_t offset = 8;
-        while (offset < m.bytes.size()) {
-            const uint8_t tag = m.bytes[offset];
+        while (offset < bytes.size()) {
+            const uint8_t tag = bytes[offset];
             if (tag < 0x10) {
                 out.setByteAt(offset, tag);
                 out.resize(++offset);
@@ -73,13 +50,13 @@ void walk(const std::vector<Message>& corpus, WalkResult& r) {
             std::unique_ptr<cmp_ipp_attr> a(cmp_ipp_attr::Create(in, static_cast<int32_t>(offset), &status, &count));
             ASSERT_NE(a, nullptr) << "status " << status;
             ASSERT_GT(count, 0);
-            ASSERT_LE(offset + static_cast<uint32_t>(count), m.bytes.size());
+            ASSERT_LE(offset + static_cast<uint32_t>(count), bytes.size());
             EXPECT_EQ(a->getByteLength(), count);
             a->getBytes(out, static_cast<int32_t>(offset));
             ASSERT_EQ(out.length(), offset + static_cast<uint32_t>(count));
-            const std::vector<uint8_t> want(m.bytes.begin() + offset, m.bytes.begin() + offset + count);
-            const std::vector<uint8_t> got(out.data() + offset, out.data() + offset + count);
-            EXPECT_EQ(hexOf(got), hexOf(want)) << a->cmp_ipp_attr_get_name();
+            EXPECT_EQ(hexOf(Bytes(out.data() + offset, out.data() + offset + count)),
+                      hexOf(Bytes(bytes.begin() + offset, bytes.begin() + offset + count)))
+                << a->cmp_ipp_attr_get_name();
             EXPECT_GT(a->toHTML(false).length(), 0);
 
             ++r.attributes;
@@ -91,14 +68,14 @@ void walk(const std::vector<Message>& corpus, WalkResult& r) {
             }
             offset += static_cast<uint32_t>(count);
         }
-        EXPECT_EQ(hexOf(contentOf(out)), hexOf(std::vector<uint8_t>(m.bytes.begin(), m.bytes.begin() + offset)));
+        EXPECT_EQ(hexOf(contentOf(out)), hexOf(Bytes(bytes.begin(), bytes.begin() + offset)));
     }
 }
 
 class AttrCorpus : public ::testing::Test {
 protected:
     void SetUp() override {
-        corpus = loadCorpus();
+        corpus = capturedMessages(".ipp");
         ASSERT_GE(corpus.size(), 2u) << "no corpus in " << CMP_IPP_CORPUS_DIR;
     }
     std::vector<Message> corpus;

@@ -99,15 +99,13 @@ TEST(Buf, WrappedBlockIsNeverReleasedAndGrowthTakesOwnership) {
     EXPECT_EQ(caller[9], 9);
 }
 
-struct GetCase {
-    Bytes bytes;
-    uint32_t pos;
-    int32_t shortValue;
-    int32_t intValue;
-};
-
 TEST(Buf, BigEndianGettersAndShortReads) {
-    const GetCase cases[] = {
+    const struct {
+        Bytes bytes;
+        uint32_t pos;
+        int32_t shortValue;
+        int32_t intValue;
+    } cases[] = {
         {{0xFF, 0xFE}, 0, -2, 0},
         {{0x00, 0x00, 0x01, 0x00}, 0, 0, 256},
         {{0x80, 0x00, 0x00, 0x00}, 0, -32768, INT32_MIN},
@@ -115,7 +113,7 @@ TEST(Buf, BigEndianGettersAndShortReads) {
         {{0x00, 0x12, 0x34, 0x56, 0x78}, 1, 0x1234, 0x12345678},
         {{0x00}, 0xFFFFFFFFu, 0, 0},              // no wrap-around of the position
     };
-    for (const GetCase& c : cases) {
+    for (const auto& c : cases) {
         cmp_ipp_buf b = owned(c.bytes);
         EXPECT_EQ(b.getShortAt(c.pos), c.shortValue);
         EXPECT_EQ(b.getIntAt(c.pos), c.intValue);
@@ -190,12 +188,6 @@ TEST(Buf, GetStringAt) {
     EXPECT_FALSE(b.getStringAt(0, -1).isSet());
     EXPECT_TRUE(b.getStringAt(7, 0).isSet()) << "a zero-length read at the end is an empty text";
 }
-
-struct SetCase {
-    const char* name;
-    uint32_t pos;
-    bool written;
-};
 
 TEST(Buf, SettersAreBoundedByTheBlockAndKeepTheLength) {
     cmp_ipp_buf b(8u, true);  // block of 9 bytes

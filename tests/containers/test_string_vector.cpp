@@ -48,20 +48,18 @@ TEST(String, AppendOfNothingAllocatesNothing) {
     EXPECT_EQ(emwOSWTestAllocCalls(), calls + 2) << "each append allocates exactly once";
 }
 
-struct CompareCase {
-    const char* self;  // null: unset
-    const char* other;
-    bool less;
-    bool greater;
-};
-
 TEST(String, OrderingRules) {
-    const CompareCase cases[] = {
+    const struct {
+        const char* self;  // null: unset
+        const char* other;
+        bool less;
+        bool greater;
+    } cases[] = {
         {"ab", "abc", true, false}, {"ab", "ab", false, false}, {"ab", "b", true, false},
         {"ab", "a", false, true},   {nullptr, "a", true, false}, {nullptr, "", false, false},
         {"a", "", false, true},     {"\xff", "a", false, true},  {"ab", nullptr, false, true},
     };
-    for (const CompareCase& c : cases) {
+    for (const auto& c : cases) {
         cmp_ipp_string s;
         if (c.self != nullptr) s.assignBytes(c.self, -1);
         SCOPED_TRACE(std::string(c.self ? c.self : "<unset>") + " vs " + (c.other ? c.other : "<null>"));
@@ -70,21 +68,19 @@ TEST(String, OrderingRules) {
     }
 }
 
-struct FindCase {
-    const char* pattern;
-    int32_t n;
-    int32_t start;
-    int32_t find;
-    int32_t rfind;
-};
-
 TEST(String, FindAndRfind) {
     cmp_ipp_string s("abcab");
-    const FindCase cases[] = {
+    const struct {
+        const char* pattern;
+        int32_t n;
+        int32_t start;
+        int32_t find;
+        int32_t rfind;
+    } cases[] = {
         {"ab", 2, 1, 3, 0},   {"ab", 2, -5, 0, 3},  {"ab", 2, -1, 0, 3},  {"ab", 2, 2, 3, 0},
         {"ab", 2, 10, -1, 3}, {"abcabx", 6, 0, -1, -1}, {"zz", 2, 0, -1, -1}, {"", 0, 2, 2, 2},
     };
-    for (const FindCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.pattern) + " from " + std::to_string(c.start));
         EXPECT_EQ(s.find(c.pattern, c.n, c.start), c.find);
         EXPECT_EQ(s.rfind(c.pattern, c.n, c.start), c.rfind);

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -64,9 +65,22 @@ struct RequestBlock {
     int32_t chunked = 0;
     std::vector<std::pair<int32_t, std::string>> headers;
 
+    static RequestBlock get(int32_t mode = AHTTPD_CONN_CLOSE) {
+        RequestBlock r;
+        r.connection = mode;
+        return r;
+    }
+    static RequestBlock post(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
+        RequestBlock r;
+        r.method = AHTTPD_METHOD_POST;
+        r.connection = mode;
+        r.contentLength = contentLength;
+        return r;
+    }
+
     Bytes bytes() const {
-        ahttpdReqObj* r = new ahttpdReqObj();
-        std::memset(static_cast<void*>(r), 0, sizeof *r);
+        std::unique_ptr<ahttpdReqObj> r(new ahttpdReqObj());
+        std::memset(static_cast<void*>(r.get()), 0, sizeof *r);
         r->method = method;
         r->keepAliveLevel = keepAliveLevel;
         r->connection = connection;
@@ -77,10 +91,8 @@ struct RequestBlock {
             r->headers[i].token = headers[i].first;
             std::strncpy(r->headers[i].value, headers[i].second.c_str(), AHTTPD_FIELD_TEXT_SIZE - 1);
         }
-        const unsigned char* p = reinterpret_cast<const unsigned char*>(r);
-        Bytes out(p, p + AHTTPD_REQ_BLOCK_SIZE);
-        delete r;
-        return out;
+        const unsigned char* p = reinterpret_cast<const unsigned char*>(r.get());
+        return Bytes(p, p + AHTTPD_REQ_BLOCK_SIZE);
     }
 };
 
@@ -89,7 +101,6 @@ struct Reply {
     int32_t status = 0;
     int32_t connection = 0;
     int32_t contentLength = 0;
-    int16_t numHeaders = 0;
     std::vector<std::pair<int32_t, std::string>> headers;
     std::string body;
 };
@@ -162,15 +173,13 @@ public:
         Reply r;
         std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE);
         if (!readExact(rec.data(), rec.size(), timeoutMs)) return r;
-        ahttpdRspObj* o = new ahttpdRspObj();
-        std::memcpy(static_cast<void*>(o), rec.data(), rec.size());
+        std::unique_ptr<ahttpdRspObj> o(new ahttpdRspObj());
+        std::memcpy(static_cast<void*>(o.get()), rec.data(), rec.size());
         r.status = o->status;
         r.connection = o->connection;
         r.contentLength = o->contentLength;
-        r.numHeaders = o->numHeaders;
         for (int i = 0; i < o->numHeaders && i < 15; ++i)
             r.headers.emplace_back(o->headers[i].token, std::string(o->headers[i].value));
-        delete o;
         if (r.contentLength > 0) {
             r.body.resize(static_cast<size_t>(r.contentLength));
             if (!readExact(&r.body[0], r.body.size(), timeoutMs)) return r;
@@ -233,7 +242,7 @@ public:
         ++finished;
         while (holdFinish.load()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
         if (fmt == cmp_ipp_manager::CMP_IPP_REPLY_FMT_HTML) {
-            if (htmlBytes > 0) return cmp_ipp_buf(std::string(htmlBytes, 'h').c_str(), true);
+            if (htmlBytes > 0) return cmp_ipp_buf(std::string(htmlBytes.load(), 'h').c_str(), true);
             return cmp_ipp_buf(kPage, true);
         }
         if (emptyReply) return cmp_ipp_buf(true);
@@ -249,11 +258,11 @@ public:
     // Changed between requests while the server runs.
     std::atomic<int> replyCode{-1};
     std::atomic<int> setHeaderToken{-1};
+    std::atomic<bool> emptyReply{false};
+    std::atomic<size_t> htmlBytes{0};
     // Set before the server runs.
     int refuseFromCall = 0;
     uint32_t expectBlockSize = 0;
-    bool emptyReply = false;
-    size_t htmlBytes = 0;
     std::string setHeaderText;
     int readHeaderToken = -1;
     std::mutex lock;
@@ -268,10 +277,24 @@ inline Bytes ippRequest(uint16_t op, uint32_t id) {
 }
 
 inline uint32_t be32At(const std::string& s, size_t at) {
-    return (static_cast<uint32_t>(static_cast<unsigned char>(s[at])) << 24) |
-           (static_cast<uint32_t>(static_cast<unsigned char>(s[at + 1])) << 16) |
-           (static_cast<uint32_t>(static_cast<unsigned char>(s[at + 2])) << 8) |
-           static_cast<uint32_t>(static_cast<unsigned char>(s[at + 3]));
+    uint32_t v = 0;
+    for (size_t i = at; i < at + 4; ++i) v = v << 8 | static_cast<unsigned char>(s[i]);
+    return v;
+}
+
+// One IPP POST in a single block plus the end block.
+inline bool sendIpp(Client& c, const Bytes& ipp, int32_t mode = AHTTPD_CONN_CLOSE) {
+    return c.sendRequest(RequestBlock::post(static_cast<int32_t>(ipp.size()), mode)) && c.sendBlock(ipp) &&
+           c.sendEnd();
+}
+
+inline void expectIppReply(const Reply& r, uint32_t requestId) {
+    ASSERT_TRUE(r.ok);
+    EXPECT_EQ(r.status, 0);
+    ASSERT_GE(r.body.size(), 9u);
+    EXPECT_EQ(r.body[0], 1);
+    EXPECT_EQ(r.body[1], 1);
+    EXPECT_EQ(be32At(r.body, 4), requestId) << "request id echoed";
 }
 
 // Runs the real service (facade start: IPP side and listener) on a socket path of

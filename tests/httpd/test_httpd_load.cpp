@@ -28,19 +28,11 @@ TEST_F(HttpdLoad, SixteenClientsOnKeepAliveConnections) {
                 const uint32_t id = static_cast<uint32_t>(t * 100000 + i + 1);
                 bool ok;
                 if (i % 4 == 3) {
-                    RequestBlock r;
-                    r.method = AHTTPD_METHOD_GET;
-                    r.connection = mode;
-                    ok = c.sendRequest(r);
+                    ok = c.sendRequest(RequestBlock::get(mode));
                     const Reply reply = c.readReply();
                     ok = ok && reply.ok && reply.status == 0 && reply.body == HttpTestHandler::kPage;
                 } else {
-                    const Bytes ipp = ippRequest(0x000B, id);
-                    RequestBlock r;
-                    r.method = AHTTPD_METHOD_POST;
-                    r.connection = mode;
-                    r.contentLength = static_cast<int32_t>(ipp.size());
-                    ok = c.sendRequest(r) && c.sendBlock(ipp) && c.sendEnd();
+                    ok = sendIpp(c, ippRequest(0x000B, id), mode);
                     const Reply reply = c.readReply();
                     ok = ok && reply.ok && reply.status == 0 && reply.connection == mode && reply.body.size() >= 8 &&
                          be32At(reply.body, 4) == id && (be32At(reply.body, 0) & 0xFFFF) == 0;

@@ -5,19 +5,16 @@
 
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "../attr/codec_test_util.h"
 #include "../attr/registry_fixture.h"
 #include "attr/cmp_ipp_attr.h"
 #include "msg/cmp_ipp_obj.h"
 #include "platform/cmp_dbglog.h"
 #include "service/cmp_ipp_manager.h"
-
-using Bytes = std::vector<unsigned char>;
 
 // Builds IPP wire bytes.
 class Ipp {
@@ -117,29 +114,18 @@ inline RegistryTables messageTables() {
 // registered with the manager for the life of the scope.
 class ScopedPrinter {
 public:
-    explicit ScopedPrinter(std::vector<std::string> versions = {"1.0", "1.1", "2.0"},
-                           std::vector<int32_t> ops = {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A,
-                                                       0x000B},
-                           bool withVersions = true, bool withOps = true) {
-        if (withVersions && !versions.empty()) {
-            cmp_ipp_attr v(0x44, cmp_ipp_attr::cmp_ipp_attr_name_to_id("ipp-versions-supported"), versions[0].c_str());
-            if (v.m_nameId == 0) v.setName("ipp-versions-supported", 22);
-            for (size_t i = 1; i < versions.size(); ++i) {
-                v.m_strings.append(cmp_ipp_string(versions[i].c_str()));
-                v.m_strings.append(cmp_ipp_string(""));
-                ++v.m_numValues;
-            }
-            printer.m_attrs.cmp_ipp_attrs_set_attr(&v, false);
+    explicit ScopedPrinter(const std::vector<std::string>& versions = {"1.0", "1.1", "2.0"},
+                           const std::vector<int32_t>& ops = {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A,
+                                                              0x000B}) {
+        cmp_ipp_attr v(0x44, cmp_ipp_attr::cmp_ipp_attr_name_to_id("ipp-versions-supported"));
+        for (const std::string& s : versions) {
+            v.m_strings.append(cmp_ipp_string(s.c_str()));
+            v.m_strings.append(cmp_ipp_string(""));
         }
-        if (withOps && !ops.empty()) {
-            cmp_ipp_attr o(0x23, cmp_ipp_attr::cmp_ipp_attr_name_to_id("operations-supported"), ops[0]);
-            if (o.m_nameId == 0) o.setName("operations-supported", 20);
-            for (size_t i = 1; i < ops.size(); ++i) {
-                o.m_longs.append(ops[i]);
-                ++o.m_numValues;
-            }
-            printer.m_attrs.cmp_ipp_attrs_set_attr(&o, false);
-        }
+        cmp_ipp_attr o(0x23, cmp_ipp_attr::cmp_ipp_attr_name_to_id("operations-supported"));
+        for (int32_t op : ops) o.m_longs.append(op);
+        install(v, static_cast<int32_t>(versions.size()), "ipp-versions-supported");
+        install(o, static_cast<int32_t>(ops.size()), "operations-supported");
         saved_ = cmp_ipp_manager::get()->m_printer;
         cmp_ipp_manager::get()->m_printer = &printer;
     }
@@ -148,37 +134,13 @@ public:
     cmp_ipp_obj printer;
 
 private:
+    void install(cmp_ipp_attr& a, int32_t values, const char* name) {
+        if (values == 0) return;
+        a.m_numValues = values;
+        if (a.m_nameId == 0) a.setName(name, static_cast<int32_t>(std::strlen(name)));
+        printer.m_attrs.cmp_ipp_attrs_set_attr(&a, false);
+    }
     void* saved_;
 };
-
-// Captures trace lines written at or below a level during one scope.
-class TraceCapture {
-public:
-    explicit TraceCapture(int level = 2) : saved_(log().level()) {
-        log().set_level(level);
-        log().clear();
-    }
-    ~TraceCapture() {
-        log().set_level(saved_);
-        log().clear();
-    }
-    std::vector<std::string> lines() const { return log().lines(); }
-    bool contains(const std::string& piece) const {
-        for (const std::string& l : lines())
-            if (l.find(piece) != std::string::npos) return true;
-        return false;
-    }
-
-private:
-    static orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instance(); }
-    int saved_;
-};
-
-inline Bytes readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-inline Bytes contentOf(const cmp_ipp_buf& b) { return Bytes(b.data(), b.data() + b.length()); }
 
 #endif

@@ -16,16 +16,12 @@ protected:
 
 int32_t valueOf(const cmp_ipp_attr& a) { return a.m_longs.length() > 0 ? a.m_longs[0] : -999; }
 
-TEST_F(AttrsTest, LookupsOnAnEmptyList) {
+TEST_F(AttrsTest, ByNameAppendsDuplicatesAndByIdOverwritesTheFirst) {
     cmp_ipp_attrs g;
     EXPECT_EQ(g.find(uint16_t{8}), nullptr);
     EXPECT_EQ(g.find("copies"), nullptr);
     EXPECT_EQ(g.cmp_ipp_attrs_index_of(static_cast<const char*>(nullptr)), -1);
     EXPECT_FALSE(g.contains(8));
-}
-
-TEST_F(AttrsTest, ByNameAppendsDuplicatesAndByIdOverwritesTheFirst) {
-    cmp_ipp_attrs g;
     cmp_ipp_attr one(0x21, 8, 1), two(0x21, 8, 2), three(0x21, 8, 3);
     g.cmp_ipp_attrs_set_attr_by_name(&one, false);
     g.cmp_ipp_attrs_set_attr_by_name(&two, false);
@@ -58,16 +54,14 @@ TEST_F(AttrsTest, UnregisteredNamesAreKeyedByName) {
     EXPECT_EQ(g.find("x"), &g[1]);
 }
 
-struct MarkerCase {
-    int16_t tag;
-    int32_t values;
-    bool replaceMember;
-    int32_t expectedCount;
-    bool overwritten;
-};
-
 TEST_F(AttrsTest, CollectionMarkersFollowTheReplaceMemberRule) {
-    const MarkerCase cases[] = {
+    const struct {
+        int16_t tag;
+        int32_t values;
+        bool replaceMember;
+        int32_t expectedCount;
+        bool overwritten;
+    } cases[] = {
         {0x34, 0, true, 1, false},  // begCollection with a known id: dropped
         {0x34, 0, false, 2, false},
         {0x37, 0, true, 1, false},
@@ -75,7 +69,7 @@ TEST_F(AttrsTest, CollectionMarkersFollowTheReplaceMemberRule) {
         {0x4A, 1, true, 1, true},   // member with values: overwrites
         {0x4A, 1, false, 2, false},
     };
-    for (const MarkerCase& c : cases) {
+    for (const auto& c : cases) {
         cmp_ipp_attrs g;
         cmp_ipp_attr existing(0x45, 11, "ipp://old");
         g.cmp_ipp_attrs_set_attr(&existing, false);
@@ -174,7 +168,6 @@ TEST_F(AttrsTest, MutexFailuresAreTracedAndTheObjectStaysUsable) {
         EXPECT_EQ(o.m_attrs.count(), 1);
         EXPECT_TRUE(trace.contains("[ERROR]:cmp_ipp_obj::cmp_ipp_attrs_set_attr("));
     }
-    trace.lines();
     cmp_ipp_obj p;
     emwOSWTestFailNextMutexOps(1);
     p.resetAttr(8);

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <dirent.h>
 
 #include <algorithm>
 #include <map>
@@ -10,21 +9,7 @@
 
 namespace {
 
-const std::string kCorpus = CMP_IPP_CORPUS_DIR;
-
-std::vector<std::string> corpusFiles(const std::string& suffix) {
-    std::vector<std::string> out;
-    DIR* d = opendir(kCorpus.c_str());
-    if (d == nullptr) return out;
-    while (dirent* e = readdir(d)) {
-        std::string n = e->d_name;
-        if (n.size() > suffix.size() && n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0)
-            out.push_back(n);
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    return out;
-}
+using Messages = std::vector<std::pair<std::string, Bytes>>;
 
 // Names and first tags of every named attribute in a message, read straight off
 // the framing.
@@ -52,7 +37,7 @@ class CorpusDictionary {
 public:
     CorpusDictionary() {
         std::map<std::string, int16_t> names;
-        for (const std::string& f : corpusFiles(".req.ipp")) collectNames(readFile(kCorpus + "/" + f), names);
+        for (const auto& m : capturedMessages(".req.ipp")) collectNames(m.second, names);
         names.emplace("ipp-versions-supported", 0x44);
         names.emplace("operations-supported", 0x23);
         for (const auto& kv : names) storage.push_back(kv.first);
@@ -61,25 +46,6 @@ public:
     }
     std::vector<std::string> storage;
     RegistryTables tables;
-};
-
-struct Piecewise {
-    Bytes rest;
-    size_t chunk = 0;
-    size_t at = 0;
-    cmp_ipp_if_info_s info{};
-    Piecewise() {
-        info.ctx = this;
-        info.pfnGetMoreData = [](void* ctx, int, unsigned char** data, int* len) -> int {
-            auto* self = static_cast<Piecewise*>(ctx);
-            if (self->at >= self->rest.size()) return 2;
-            const size_t n = std::min(self->chunk, self->rest.size() - self->at);
-            *data = self->rest.data() + self->at;
-            *len = static_cast<int>(n);
-            self->at += n;
-            return self->at >= self->rest.size() ? 2 : 1;
-        };
-    }
 };
 
 uint32_t expectedResult(const std::string& file) {
@@ -95,32 +61,31 @@ class CorpusTest : public ::testing::Test {
 protected:
     CorpusDictionary dict;
     ScopedRegistry reg{dict.tables};
-    ScopedPrinter printer{{"1.0", "1.1", "2.0"}, {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A, 0x000B}};
+    ScopedPrinter printer;
+    const Messages requests = capturedMessages(".req.ipp");
 };
 
 TEST_F(CorpusTest, EveryRequestDecodesAndEncodesBackToItsBytes) {
-    const std::vector<std::string> files = corpusFiles(".req.ipp");
-    ASSERT_GE(files.size(), 28u) << "corpus not found at " << kCorpus;
-    for (const std::string& f : files) {
-        SCOPED_TRACE(f);
-        const Bytes bytes = readFile(kCorpus + "/" + f);
-        cmp_ipp_buf buf(bytes.data(), static_cast<uint32_t>(bytes.size()), true);
+    ASSERT_GE(requests.size(), 28u) << "corpus not found at " << CMP_IPP_CORPUS_DIR;
+    for (const auto& m : requests) {
+        SCOPED_TRACE(m.first);
+        const Bytes& bytes = m.second;
+        cmp_ipp_buf buf = bufOf(bytes);
         cmp_ipp_request req;
-        ASSERT_EQ(req.decode(buf, nullptr), expectedResult(f));
-        if (expectedResult(f) != 0) continue;
+        ASSERT_EQ(req.decode(buf, nullptr), expectedResult(m.first));
+        if (expectedResult(m.first) != 0) continue;
         EXPECT_EQ(req.m_version, bytes[0] << 8 | bytes[1]);
-        const cmp_ipp_buf encoded = req.cmp_ipp_msg_encode();
-        EXPECT_EQ(contentOf(encoded), bytes);
+        EXPECT_EQ(contentOf(req.cmp_ipp_msg_encode()), bytes);
         EXPECT_EQ(req.m_msgLength, bytes.size());
     }
 }
 
 TEST_F(CorpusTest, RequestsInPiecesDecodeAsInOnePiece) {
-    for (const std::string& f : corpusFiles(".req.ipp")) {
-        if (expectedResult(f) != 0) continue;
-        SCOPED_TRACE(f);
-        const Bytes bytes = readFile(kCorpus + "/" + f);
-        cmp_ipp_buf whole(bytes.data(), static_cast<uint32_t>(bytes.size()), true);
+    for (const auto& m : requests) {
+        if (expectedResult(m.first) != 0) continue;
+        SCOPED_TRACE(m.first);
+        const Bytes& bytes = m.second;
+        cmp_ipp_buf whole = bufOf(bytes);
         cmp_ipp_request reference;
         ASSERT_EQ(reference.decode(whole, nullptr), 0u);
         reference.m_docData.resize(0);
@@ -129,16 +94,15 @@ TEST_F(CorpusTest, RequestsInPiecesDecodeAsInOnePiece) {
         const size_t attrEnd = expected.size();  // header, groups and end tag
         for (size_t chunk : {size_t{64}, size_t{512}}) {
             for (size_t split = 1; split < std::min(bytes.size(), attrEnd + 2); ++split) {
-                Piecewise port;
-                port.chunk = chunk;
-                port.rest.assign(bytes.begin() + static_cast<long>(split), bytes.end());
+                PiecePort port = PiecePort::inChunks(bytes, split, chunk);
                 cmp_ipp_buf first(bytes.data(), static_cast<uint32_t>(split), true);
                 cmp_ipp_request req;
                 ASSERT_EQ(req.decode(first, &port.info), 0u) << "split at " << split << ", pieces of " << chunk;
                 EXPECT_EQ(first.getPort(), nullptr) << "the record is detached after decoding";
                 // The data read so far plus what the port still holds is the whole document.
                 Bytes data = contentOf(req.m_docData);
-                data.insert(data.end(), port.rest.begin() + static_cast<long>(port.at), port.rest.end());
+                const Bytes unread = port.unread();
+                data.insert(data.end(), unread.begin(), unread.end());
                 EXPECT_EQ(data, Bytes(bytes.begin() + static_cast<long>(attrEnd), bytes.end()));
                 req.m_docData.resize(0);
                 ASSERT_EQ(contentOf(req.cmp_ipp_msg_encode()), expected) << "split at " << split;

@@ -11,7 +11,7 @@ namespace {
 class DecodeTest : public ::testing::Test {
 protected:
     uint32_t decode(const Bytes& bytes) {
-        cmp_ipp_buf buf(bytes.data(), static_cast<uint32_t>(bytes.size()), true);
+        cmp_ipp_buf buf = bufOf(bytes);
         return req.decode(buf, nullptr);
     }
     ScopedRegistry reg{messageTables()};
@@ -19,18 +19,16 @@ protected:
     cmp_ipp_request req;
 };
 
-struct VersionCase {
-    uint8_t major, minor;
-    uint32_t result;
-    uint16_t version;
-};
-
 TEST_F(DecodeTest, VersionNegotiation) {
-    const VersionCase cases[] = {
+    const struct {
+        uint8_t major, minor;
+        uint32_t result;
+        uint16_t version;
+    } cases[] = {
         {1, 1, 0, 0x0101}, {1, 0, 0, 0x0100}, {2, 0, 0, 0x0200}, {1, 5, 0, 0x0101},
         {2, 7, 0, 0x0200}, {3, 0, 0x0503, 0x0200}, {0, 9, 0x0503, 0x0100},
     };
-    for (const VersionCase& c : cases) {
+    for (const auto& c : cases) {
         Ipp m;
         m.header(c.major, c.minor, 0x000B, 1).opGroup().tag(0x03);
         TraceCapture trace(0);
@@ -47,38 +45,28 @@ TEST_F(DecodeTest, VersionNegotiation) {
     }
 }
 
-struct PrinterVersions {
-    std::vector<std::string> values;
-    bool present;
-    uint32_t result;
-    uint16_t version;
-};
-
 TEST(DecodeVersions, UnparsableOrMissingVersionsRefuseWithInternalError) {
     ScopedRegistry reg{messageTables()};
-    const PrinterVersions cases[] = {
-        {{}, false, 0x0500, 0x0200},
-        {{"1.1", "2"}, true, 0x0500, 0x0200},      // "2" has no minor part
-        {{"10.0"}, true, 0x0500, 0x0200},          // only three characters are read
-        {{"2.0", "1.1"}, true, 0, 0x0101},
+    const struct {
+        std::vector<std::string> printerVersions;
+        uint32_t result;
+        uint16_t version;
+    } cases[] = {
+        {{}, 0x0500, 0x0200},
+        {{"1.1", "2"}, 0x0500, 0x0200},  // "2" has no minor part
+        {{"10.0"}, 0x0500, 0x0200},      // only three characters are read
+        {{"2.0", "1.1"}, 0, 0x0101},
     };
-    for (const PrinterVersions& c : cases) {
-        ScopedPrinter printer(c.values, {0x000B}, c.present);
+    for (const auto& c : cases) {
+        ScopedPrinter printer(c.printerVersions, {0x000B});
         cmp_ipp_request req;
         Ipp m;
         m.header(1, 1, 0x000B, 1).opGroup().tag(0x03);
-        cmp_ipp_buf buf(m.b.data(), static_cast<uint32_t>(m.b.size()), true);
+        cmp_ipp_buf buf = bufOf(m.b);
         EXPECT_EQ(req.decode(buf, nullptr), c.result);
         EXPECT_EQ(req.m_version, c.version);
     }
 }
-
-struct FramingCase {
-    const char* what;
-    Bytes bytes;
-    uint32_t result;
-    std::vector<const char*> traces;  // a piece of each expected trace line, in order
-};
 
 Bytes build(const std::function<void(Ipp&)>& f) {
     Ipp m;
@@ -87,7 +75,12 @@ Bytes build(const std::function<void(Ipp&)>& f) {
 }
 
 TEST_F(DecodeTest, FramingErrorsAndTheirTraces) {
-    const FramingCase cases[] = {
+    const struct {
+        const char* what;
+        Bytes bytes;
+        uint32_t result;
+        std::vector<const char*> traces;  // a piece of each expected trace line, in order
+    } cases[] = {
         {"empty", {}, 0x0400, {"Parse Error: 603 at offset 0 (0x0), value=0 (0x0)."}},
         {"request id 0", build([](Ipp& m) { m.header(1, 1, 0x000B, 0).opGroup().tag(3); }), 0x0400, {}},
         {"operation not supported", build([](Ipp& m) { m.header(1, 1, 0x0010, 1).opGroup().tag(3); }), 0x0501, {"Parse Error: 601 at offset 2 (0x2), value=16 (0x10)."}},
@@ -110,7 +103,7 @@ TEST_F(DecodeTest, FramingErrorsAndTheirTraces) {
         {"Op, Unsupported, Job", build([](Ipp& m) { m.header(1, 1, 2, 1).opGroup().tag(5).tag(2).tag(3); }), 0, {}},
         {"Op, Subscription x2", build([](Ipp& m) { m.header(1, 1, 2, 1).opGroup().tag(6).tag(6).tag(3); }), 0, {}},
     };
-    for (const FramingCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         TraceCapture trace(0);
         EXPECT_EQ(decode(c.bytes), c.result);
@@ -180,14 +173,12 @@ TEST_F(DecodeTest, AdditionalValuesAndTypeChecks) {
     EXPECT_NE(trace2.lines()[0].find(") parse error. Id[15] Type[65]\n"), std::string::npos) << trace2.lines()[0];
 }
 
-struct RangeCase {
-    const char* what;
-    std::function<void(Ipp&)> attrs;
-    uint32_t result;
-};
-
 TEST_F(DecodeTest, RangeChecks) {
-    const RangeCase cases[] = {
+    const struct {
+        const char* what;
+        std::function<void(Ipp&)> attrs;
+        uint32_t result;
+    } cases[] = {
         {"first range reversed", [](Ipp& m) { m.range("page-ranges", 5, 1); }, 0x0400},
         {"only the first range of an attribute is checked",
          [](Ipp& m) {
@@ -199,7 +190,7 @@ TEST_F(DecodeTest, RangeChecks) {
         {"additional range after the last",
          [](Ipp& m) { m.range("page-ranges", 1, 5).integer(0x21, "copies", 1).range("", 6, 9); }, 0},
     };
-    for (const RangeCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         Ipp m;
         m.header(1, 1, 2, 1).opGroup().tag(2);

@@ -62,7 +62,7 @@ TEST_F(EncodeTest, UnknownGroupsKeepTheirTagOrAreLeftOut) {
     Ipp m;
     m.header(1, 1, 2, 5).opGroup().tag(9).text(0x41, "vendor-x", "v").tag(3);
     cmp_ipp_request req;
-    cmp_ipp_buf buf(m.b.data(), static_cast<uint32_t>(m.b.size()), true);
+    cmp_ipp_buf buf = bufOf(m.b);
     ASSERT_EQ(req.decode(buf, nullptr), 0u);
     ASSERT_NE(req.getAttrGroup("unknownGroup9")->count(), 0);
     EXPECT_EQ(contentOf(req.cmp_ipp_msg_encode()), m.b) << "written back with the tag it was read with";
@@ -127,19 +127,16 @@ TEST(RequestOperations, OperationsSupportedDecides) {
         EXPECT_TRUE(req.isValidOperation(0x000B));
         EXPECT_FALSE(req.isValidOperation(0x0004));
     }
-    ScopedPrinter without({"1.1"}, {}, true, false);
+    ScopedPrinter without({"1.1"}, {});
     cmp_ipp_request req;
     EXPECT_FALSE(req.isValidOperation(0x000B)) << "no operations-supported: nothing is supported";
 }
 
-struct ReasonCase {
-    uint16_t version;
-    std::vector<std::string> before;
-    std::vector<std::string> after;
-};
-
 TEST_F(EncodeTest, JobStateReasonsForOldClients) {
-    const ReasonCase cases[] = {
+    const struct {
+        uint16_t version;
+        std::vector<std::string> before, after;
+    } cases[] = {
         {0x0101, {"document-format-error"}, {"document-format-error"}},
         {0x0100, {"document-format-error", "other"}, {"aborted_by_system"}},
         {0x0100, {"job-queued-for-marker"}, {"job-printing"}},
@@ -147,14 +144,12 @@ TEST_F(EncodeTest, JobStateReasonsForOldClients) {
         {0x0100, {"job-data-insufficient"}, {"job-incoming"}},
         {0x0100, {"job-printing", "job-queued-for-marker"}, {"job-printing", "job-queued-for-marker"}},
     };
-    for (const ReasonCase& c : cases) {
+    for (const auto& c : cases) {
         cmp_ipp_response rsp;
         rsp.m_version = c.version;
         cmp_ipp_attr a(0x44, 10, c.before[0].c_str());
-        for (size_t i = 1; i < c.before.size(); ++i) {
-            cmp_ipp_attr more(0x44, 0, c.before[i].c_str());
-            a.cmp_ipp_attr_add_multi(more);
-        }
+        for (size_t i = 1; i < c.before.size(); ++i)
+            a.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x44, 0, c.before[i].c_str()));
         rsp.cmp_ipp_msg_get_job_attrs(0)->cmp_ipp_attrs_set_attr(&a, false);
         rsp.cmp_ipp_res_convert_to_version();
         const cmp_ipp_attr* r = rsp.cmp_ipp_msg_get_job_attrs(0)->find(uint16_t{10});
@@ -180,14 +175,10 @@ struct ZoneRecord {
     }
 };
 
-struct ZoneCase {
-    const char* zone;
-    const char* uri;
-    const char* expected;
-};
-
 TEST_F(EncodeTest, ClientZoneIsInsertedIntoPrinterUris) {
-    const ZoneCase cases[] = {
+    const struct {
+        const char *zone, *uri, *expected;
+    } cases[] = {
         {"%25eth0", "ipp://[fe80::1]:631/ipp/print", "ipp://[fe80::1%25eth0]:631/ipp/print"},
         {"+eth0", "ipp://[fe80::1]:631/ipp/print", "ipp://[v1.fe80::1+eth0]:631/ipp/print"},
         {"%25eth0", "ipp://printer.local/ipp/print", "ipp://printer.local/ipp/print"},
@@ -195,16 +186,14 @@ TEST_F(EncodeTest, ClientZoneIsInsertedIntoPrinterUris) {
         {"#eth0", "ipp://[fe80::1]/", "ipp://[fe80::1]/"},
         {"%", "ipp://[fe80::1]/", "ipp://[fe80::1]/"},
     };
-    for (const ZoneCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.zone) + " " + c.uri);
         ZoneRecord record(c.zone);
         cmp_ipp_response rsp;
         rsp.m_ifInfo = &record.info;
         cmp_ipp_attrs* p = rsp.getAttrGroup("Printer");
         p->cmp_ipp_attrs_set_attr(0x21, 8, 1);
-        cmp_ipp_attr uris(0x45, 11, c.uri);
-        cmp_ipp_attr second(0x45, 0, "ipp://[fe80::2]/x");
-        uris.cmp_ipp_attr_add_multi(second);
+        cmp_ipp_attr uris = multi(cmp_ipp_attr(0x45, 11, c.uri), {cmp_ipp_attr(0x45, 0, "ipp://[fe80::2]/x")});
         p->cmp_ipp_attrs_set_attr(&uris, false);
         rsp.convertToClientZone();
 

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/cmp_dbglog.h"
 #include "platform/emw_osw.h"
@@ -70,22 +72,9 @@ TEST(PlatformMutex, ExcludesAndReportsFailures) {
     ASSERT_EQ(emwOSWCreateMutexSem(&m, 0, 1), 0);
     ASSERT_EQ(emwOSWRequestMutexSem(m, -1), 0);
 
-    std::atomic<int> tryResult{99};
-    pthread_t t;
-    struct Arg {
-        emwOSWMutex_t m;
-        std::atomic<int>* out;
-    } arg{m, &tryResult};
-    pthread_create(
-        &t, nullptr,
-        [](void* p) -> void* {
-            auto* a = static_cast<Arg*>(p);
-            a->out->store(emwOSWRequestMutexSem(a->m, 20));
-            return nullptr;
-        },
-        &arg);
-    pthread_join(t, nullptr);
-    EXPECT_NE(tryResult.load(), 0) << "a held mutex must time out in another thread";
+    int tryResult = 99;
+    std::thread([&] { tryResult = emwOSWRequestMutexSem(m, 20); }).join();
+    EXPECT_NE(tryResult, 0) << "a held mutex must time out in another thread";
 
     EXPECT_EQ(emwOSWReleaseMutexSem(m), 0);
     emwOSWTestFailNextMutexOps(1);
@@ -109,20 +98,16 @@ TEST(PlatformGuard, IsRecursiveAndExclusive) {
         ++counter;
     }
     const int kThreads = 4, kRounds = 2000;
-    pthread_t ts[kThreads];
-    for (pthread_t& t : ts) {
-        pthread_create(
-            &t, nullptr,
-            [](void*) -> void* {
-                for (int i = 0; i < kRounds; ++i) {
-                    OSW_Thread_Guard g;
-                    ++counter;
-                }
-                return nullptr;
-            },
-            nullptr);
+    std::vector<std::thread> ts;
+    for (int t = 0; t < kThreads; ++t) {
+        ts.emplace_back([] {
+            for (int i = 0; i < kRounds; ++i) {
+                OSW_Thread_Guard g;
+                ++counter;
+            }
+        });
     }
-    for (pthread_t t : ts) pthread_join(t, nullptr);
+    for (std::thread& t : ts) t.join();
     EXPECT_EQ(counter, 1 + kThreads * kRounds);
 }
 

@@ -22,13 +22,11 @@ public:
     }
     uint32_t streamData(cmp_ipp_streamed_ctx* ctx, const cmp_ipp_buf& data, void* printer) override {
         record("data " + std::to_string(data.length()), ctx, printer);
-        dataBytes += data.length();
         return dataResult;
     }
     cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t fmt,
                               void* printer) override {
         record(fmt == cmp_ipp_manager::CMP_IPP_REPLY_FMT_HTML ? "finish html" : "finish ipp", ctx, printer);
-        if (ctx != nullptr) lastRequestOp = ctx->m_request.getAttrGroup("Op")->count();
         if (!reply.empty()) return cmp_ipp_buf(reply.c_str(), true);
         if (ctx == nullptr) return cmp_ipp_buf(true);
         return ctx->m_response.cmp_ipp_msg_encode();
@@ -43,13 +41,9 @@ public:
     int processStatus = -1;
     uint32_t dataResult = 0;
     std::string reply;
-    uint64_t dataBytes = 0;
-    int32_t lastRequestOp = -1;
-    bool recordCalls = true;
 
 private:
     void record(const std::string& what, cmp_ipp_streamed_ctx* ctx, void* printer) {
-        if (!recordCalls) return;
         char suffix[64];
         std::snprintf(suffix, sizeof suffix, " status=0x%04x printer=%s",
                       ctx != nullptr ? ctx->m_response.getStatusCode() : 0xFFFF, printer != nullptr ? "set" : "null");
