@@ -27,6 +27,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "cmp_ipp_icons.h"
 #include "cmp_ipp_relay.h"
 #include "containers/cmp_ipp_if.h"
 
@@ -85,13 +86,23 @@ MHD_Result collectHeader(void* cls, enum MHD_ValueKind, const char* key, const c
     return MHD_YES;
 }
 
-MHD_Result queueText(struct MHD_Connection* c, unsigned status, const char* text) {
+MHD_Result queueText(struct MHD_Connection* c, unsigned status, const char* text, const char* allow = kAllowed) {
     struct MHD_Response* r =
         MHD_create_response_from_buffer(std::strlen(text), const_cast<char*>(text), MHD_RESPMEM_MUST_COPY);
     if (r == nullptr) return MHD_NO;
     MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
-    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, kAllowed);
+    if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, allow);
     const MHD_Result rc = MHD_queue_response(c, status, r);
+    MHD_destroy_response(r);
+    return rc;
+}
+
+MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
+    struct MHD_Response* r =
+        MHD_create_response_from_buffer(icon.size, const_cast<unsigned char*>(icon.data), MHD_RESPMEM_PERSISTENT);
+    if (r == nullptr) return MHD_NO;
+    MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "image/png");
+    const MHD_Result rc = MHD_queue_response(c, MHD_HTTP_OK, r);
     MHD_destroy_response(r);
     return rc;
 }
@@ -187,6 +198,9 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
     const bool get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
     st->post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
     if (!get && !st->post) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n");
+    // The icons are static: answered here, the library never sees them.
+    if (const icon_file* icon = iconFor(url))
+        return get ? queueIcon(c, *icon) : queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
     if (!servedPath(url)) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
 
     const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);

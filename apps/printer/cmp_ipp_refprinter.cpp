@@ -55,6 +55,19 @@ const MediaSize kMedia[] = {
 
 const int32_t kMargin = 423;  // 1/6 inch, in hundredths of a millimetre
 
+// What the engine prints at and so what raster it takes: draft, normal, best.
+const std::vector<int32_t> kResolutionsDpi{150, 300, 600};
+
+struct Supply {
+    const char* colorant;
+    const char* description;
+    int level;  // percent
+};
+const Supply kToners[] = {{"black", "Black Toner", 80},
+                          {"cyan", "Cyan Toner", 65},
+                          {"magenta", "Magenta Toner", 70},
+                          {"yellow", "Yellow Toner", 55}};
+
 void mediaCol(Collection& c, const char* valueName, const MediaSize& m, const char* source, const char* type) {
     c.begin(valueName);
     c.keyword("media-size-name", m.name);
@@ -86,7 +99,9 @@ std::string uuidFrom(const std::string& seed) {
 std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
     switch (state) {
     case JobState::Pending: return {lastDocument ? "none" : "job-incoming"};
-    case JobState::PendingHeld: return {"job-hold-until-specified"};
+    case JobState::PendingHeld:
+        if (lastDocument) return {"job-hold-until-specified"};
+        return {"job-hold-until-specified", "job-incoming"};
     case JobState::Processing: return {"job-printing"};
     case JobState::ProcessingStopped: return {"printer-stopped"};
     case JobState::Canceled: return {"job-canceled-by-user"};
@@ -148,12 +163,14 @@ void Printer::buildAttributes() {
     append(a, texts(CMP_IPP_TAG_CHARSET, "charset-configured", {"utf-8"}));
     append(a, texts(CMP_IPP_TAG_CHARSET, "charset-supported", {"us-ascii", "utf-8"}));
     append(a, boolean("color-supported", true));
-    append(a, texts(CMP_IPP_TAG_KEYWORD, "compression-supported", {"none"}));
+    // Compressed documents are spooled as they come; whatever renders them inflates them.
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "compression-supported", {"none", "deflate", "gzip"}));
     append(a, integer("copies-default", 1));
     append(a, range("copies-supported", 1, 999));
     append(a, texts(CMP_IPP_TAG_MIMETYPE, "document-format-default", {"application/octet-stream"}));
     append(a, texts(CMP_IPP_TAG_MIMETYPE, "document-format-supported",
-                    {"application/octet-stream", "application/pdf", "image/jpeg", "image/pwg-raster", "text/plain"}));
+                    {"application/octet-stream", "application/pdf", "application/postscript", "image/jpeg",
+                     "image/pwg-raster", "text/plain"}));
     append(a, enums("finishings-default", {3}));
     append(a, enums("finishings-supported", {3}));
     append(a, enums("finishings-ready", {3}));
@@ -173,16 +190,20 @@ void Printer::buildAttributes() {
     // The decoder negotiates against these "major.minor" texts.
     append(a, texts(CMP_IPP_TAG_KEYWORD, "ipp-versions-supported", {"1.0", "1.1", "2.0"}));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "job-creation-attributes-supported",
-                    {"copies", "finishings", "finishings-col", "ipp-attribute-fidelity", "job-name", "job-priority",
-                     "media", "media-col", "multiple-document-handling", "orientation-requested", "output-bin",
-                     "overrides", "page-ranges", "print-color-mode", "print-content-optimize", "print-quality",
-                     "print-rendering-intent", "print-scaling", "printer-resolution", "sides"}));
+                    {"copies", "finishings", "finishings-col", "ipp-attribute-fidelity", "job-hold-until", "job-name",
+                     "job-priority", "job-sheets", "media", "media-col", "multiple-document-handling", "number-up",
+                     "orientation-requested", "output-bin", "overrides", "page-ranges", "print-color-mode",
+                     "print-content-optimize", "print-quality", "print-rendering-intent", "print-scaling",
+                     "printer-resolution", "sides"}));
+    // Only holds that a client ends itself: a held job waits for Release-Job.
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-hold-until-default", {"no-hold"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-hold-until-supported", {"no-hold", "indefinite"}));
     append(a, boolean("job-ids-supported", true));
     append(a, range("job-k-octets-supported", 0, 2097151));
     append(a, integer("job-priority-default", 50));
     append(a, integer("job-priority-supported", 100));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "job-sheets-default", {"none"}));
-    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-sheets-supported", {"none"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "job-sheets-supported", {"none", "standard"}));
     append(a, ints(CMP_IPP_TAG_INTEGER, "media-bottom-margin-supported", {kMargin}));
     append(a, ints(CMP_IPP_TAG_INTEGER, "media-left-margin-supported", {kMargin}));
     append(a, ints(CMP_IPP_TAG_INTEGER, "media-right-margin-supported", {kMargin}));
@@ -227,9 +248,10 @@ void Printer::buildAttributes() {
     append(a, texts(CMP_IPP_TAG_KEYWORD, "multiple-operation-time-out-action", {"abort-job"}));
     append(a, texts(CMP_IPP_TAG_LANGUAGE, "natural-language-configured", {"en"}));
     append(a, integer("number-up-default", 1));
-    append(a, ints(CMP_IPP_TAG_INTEGER, "number-up-supported", {1}));
-    append(a, enums("operations-supported", {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A, 0x000B, 0x0039,
-                                             0x003B, 0x003C}));
+    append(a, ints(CMP_IPP_TAG_INTEGER, "number-up-supported", {1, 2, 4}));
+    // The library refuses any operation missing here.
+    append(a, enums("operations-supported", {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A, 0x000B, 0x000C,
+                                             0x000D, 0x0039, 0x003B, 0x003C}));
     append(a, enums("orientation-requested-default", {3}));
     append(a, enums("orientation-requested-supported", {3, 4, 5, 6}));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "output-bin-default", {"face-down"}));
@@ -256,6 +278,7 @@ void Printer::buildAttributes() {
     append(a, text(CMP_IPP_TAG_TEXT, "printer-device-id", m_config.deviceId));
     append(a, outOfBand(CMP_IPP_TAG_UNKNOWN, "printer-geo-location"));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "printer-get-attributes-supported", {"document-format"}));
+    // 48x48 and 128x128, served by the HTTP front end itself.
     append(a, texts(CMP_IPP_TAG_URI, "printer-icons", {web + "icon-sm.png", web + "icon.png"}));
     append(a, text(CMP_IPP_TAG_TEXT, "printer-info", m_config.info));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "printer-kind", {"document", "envelope", "photo"}));
@@ -266,23 +289,33 @@ void Printer::buildAttributes() {
     append(a, text(CMP_IPP_TAG_TEXT, "printer-organization", ""));
     append(a, text(CMP_IPP_TAG_TEXT, "printer-organizational-unit", ""));
     append(a, resolutions("printer-resolution-default", {600}));
-    append(a, resolutions("printer-resolution-supported", {300, 600}));
-    append(a, octets("printer-supply",
-                     {"index=1;class=supplyThatIsConsumed;type=toner;unit=percent;maxcapacity=100;level=80;"
-                      "colorantname=black;"}));
-    append(a, texts(CMP_IPP_TAG_TEXT, "printer-supply-description", {"Black Toner"}));
+    append(a, resolutions("printer-resolution-supported", kResolutionsDpi));
+    {
+        std::vector<std::string> supplies, descriptions;
+        int index = 1;
+        for (const Supply& t : kToners) {
+            supplies.push_back("index=" + std::to_string(index++) +
+                               ";class=supplyThatIsConsumed;type=toner;unit=percent;maxcapacity=100;level=" +
+                               std::to_string(t.level) + ";colorantname=" + t.colorant + ";");
+            descriptions.push_back(t.description);
+        }
+        append(a, octets("printer-supply", supplies));
+        append(a, texts(CMP_IPP_TAG_TEXT, "printer-supply-description", descriptions));
+    }
     append(a, text(CMP_IPP_TAG_URI, "printer-supply-info-uri", web));
     append(a, texts(CMP_IPP_TAG_URI, "printer-uri-supported", m_config.uris));
     append(a, text(CMP_IPP_TAG_URI, "printer-uuid", m_config.uuid));
-    append(a, resolutions("pwg-raster-document-resolution-supported", {300, 600}));
+    append(a, resolutions("pwg-raster-document-resolution-supported", kResolutionsDpi));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "pwg-raster-document-sheet-back", {"normal"}));
-    append(a, texts(CMP_IPP_TAG_KEYWORD, "pwg-raster-document-type-supported", {"black_1", "sgray_8", "srgb_8"}));
+    append(a, texts(CMP_IPP_TAG_KEYWORD, "pwg-raster-document-type-supported",
+                    {"black_1", "cmyk_8", "sgray_8", "srgb_8", "srgb_16"}));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "sides-default", {"one-sided"}));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "sides-supported", {"one-sided", "two-sided-long-edge", "two-sided-short-edge"}));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "uri-authentication-supported", authentication));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "uri-security-supported", security));
     append(a, texts(CMP_IPP_TAG_KEYWORD, "which-jobs-supported",
-                    {"completed", "not-completed", "all", "aborted", "canceled", "pending", "processing"}));
+                    {"completed", "not-completed", "all", "aborted", "canceled", "pending", "pending-held",
+                     "processing"}));
 }
 
 bool Printer::start() {
@@ -316,7 +349,7 @@ void Printer::advanceLocked(int64_t now) {
     const int64_t timeOutMs = static_cast<int64_t>(kMultipleOperationTimeOutS) * 1000;
     for (auto& j : m_jobs) {
         Job& job = *j.second;
-        if (job.state == JobState::Pending && !job.lastDocument && job.openStreams == 0 &&
+        if (isWaiting(job.state) && !job.lastDocument && job.openStreams == 0 &&
             now - job.lastActivityMs >= timeOutMs) {
             job.state = JobState::Aborted;
             job.completedMs = job.lastActivityMs + timeOutMs;
@@ -397,6 +430,7 @@ void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) co
     append(out, integer("number-of-documents", job.documents));
     if (!job.format.empty()) append(out, text(CMP_IPP_TAG_MIMETYPE, "document-format-supplied", job.format));
     if (!job.documentName.empty()) append(out, text(CMP_IPP_TAG_NAME, "document-name-supplied", job.documentName));
+    if (!job.holdUntil.empty()) append(out, text(CMP_IPP_TAG_KEYWORD, "job-hold-until", job.holdUntil));
     for (const cmp_ipp_attr& t : job.templateAttrs) append(out, t);
 }
 
@@ -417,13 +451,16 @@ JobInfo Printer::infoOf(const Job& job) const {
 
 std::string Printer::jobUri(int32_t id) const { return m_config.uris[0] + "/" + std::to_string(id); }
 
-std::string Printer::spoolPath(int32_t jobId, int32_t doc, const std::string& format) const {
+std::string Printer::spoolPath(int32_t jobId, int32_t doc, const std::string& format,
+                               const std::string& compression) const {
     const char* ext = "prn";
     if (format == "application/pdf") ext = "pdf";
+    if (format == "application/postscript") ext = "ps";
     if (format == "image/jpeg") ext = "jpg";
     if (format == "image/pwg-raster") ext = "pwg";
     if (format == "text/plain") ext = "txt";
-    return m_config.spoolDir + "/job-" + std::to_string(jobId) + "-doc-" + std::to_string(doc) + "." + ext;
+    const char* packed = compression == "gzip" ? ".gz" : compression == "deflate" ? ".zz" : "";
+    return m_config.spoolDir + "/job-" + std::to_string(jobId) + "-doc-" + std::to_string(doc) + "." + ext + packed;
 }
 
 void Printer::setAcceptingJobs(bool accepting) {

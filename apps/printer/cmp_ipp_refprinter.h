@@ -38,13 +38,15 @@ struct Config {
     std::string info = "Reference IPP Everywhere printer";
     std::string location;
     std::string makeAndModel = "Reference Printer R1";
-    std::string deviceId = "MFG:Reference;MDL:Printer R1;CMD:PDF,JPEG,PWGRaster;";
+    std::string deviceId = "MFG:Reference;MDL:Printer R1;CMD:PDF,POSTSCRIPT,JPEG,PWGRaster;";
     // printer-uri-supported; the first one is the base of every job-uri. An
     // "ipps" URI is advertised with uri-security "tls".
     std::vector<std::string> uris{"ipp://localhost:631/ipp/print"};
     // "urn:uuid:..."; derived from the name when empty.
     std::string uuid;
-    // Documents land here as job-<id>-doc-<n>.<ext>; the directory must exist.
+    // Documents land here as job-<id>-doc-<n>.<ext>, kept as they came: a
+    // compressed one gets ".gz" (gzip) or ".zz" (deflate, a raw RFC 1951
+    // stream) on top. The directory must exist.
     std::string spoolDir = "/tmp";
     // How long a job stays processing once all its data is in; jobs are
     // processed one after the other, in job-id order.
@@ -136,7 +138,8 @@ private:
     // Every attribute of a job as it is now. Needs m_mutex.
     void jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) const;
     JobInfo infoOf(const Job& job) const;
-    std::string spoolPath(int32_t jobId, int32_t doc, const std::string& format) const;
+    std::string spoolPath(int32_t jobId, int32_t doc, const std::string& format,
+                          const std::string& compression) const;
     void buildAttributes();
 
     Config m_config;

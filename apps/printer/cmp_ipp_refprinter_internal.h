@@ -25,6 +25,9 @@ struct Printer::Job {
     // flat entries of their group (collections included).
     std::vector<cmp_ipp_attr> templateAttrs;
     std::set<std::string> templateNames;
+    // job-hold-until, kept apart from templateAttrs because Hold-Job and
+    // Release-Job change it; empty when never given.
+    std::string holdUntil;
     int64_t createdMs = 0;
     int64_t processingMs = -1;
     int64_t completedMs = -1;
@@ -56,6 +59,8 @@ struct Printer::Stream {
 const int32_t kMultipleOperationTimeOutS = 60;
 
 inline bool isTerminal(JobState state) { return state >= JobState::Canceled; }
+// Pending or held: still before processing, and still able to take documents.
+inline bool isWaiting(JobState state) { return state == JobState::Pending || state == JobState::PendingHeld; }
 
 // Reasons and message that go with a job's state.
 std::vector<std::string> jobReasons(JobState state, bool lastDocument);

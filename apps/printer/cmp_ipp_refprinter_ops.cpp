@@ -46,6 +46,8 @@ enum : int16_t {
     kGetJobAttributes = 0x0009,
     kGetJobs = 0x000A,
     kGetPrinterAttributes = 0x000B,
+    kHoldJob = 0x000C,
+    kReleaseJob = 0x000D,
     kCancelMyJobs = 0x0039,
     kCloseJob = 0x003B,
     kIdentifyPrinter = 0x003C,
@@ -88,6 +90,7 @@ bool knownOperationAttr(int16_t op, const std::string& name) {
                                                     "document-name",   "compression", "document-format",
                                                     "document-natural-language"};
     static const std::set<std::string> jobControl{"job-id", "job-uri", "message"};
+    static const std::set<std::string> holdJob{"job-id", "job-uri", "message", "job-hold-until"};
     static const std::set<std::string> getJobAttributes{"job-id", "job-uri", "requested-attributes"};
     static const std::set<std::string> getJobs{"limit", "requested-attributes", "which-jobs", "my-jobs",
                                                "first-index"};
@@ -101,7 +104,9 @@ bool knownOperationAttr(int16_t op, const std::string& name) {
     case kCreateJob: return jobCreation.count(name) != 0;
     case kSendDocument: return sendDocument.count(name) != 0;
     case kCancelJob:
+    case kReleaseJob:
     case kCloseJob: return jobControl.count(name) != 0;
+    case kHoldJob: return holdJob.count(name) != 0;
     case kGetJobAttributes: return getJobAttributes.count(name) != 0;
     case kGetJobs: return getJobs.count(name) != 0;
     case kGetPrinterAttributes: return getPrinterAttributes.count(name) != 0;
@@ -191,6 +196,7 @@ const TemplateRule kTemplateRules[] = {
     {"copies", Rule::IntInRange, "copies-supported", false},
     {"finishings", Rule::IntInList, "finishings-supported", true},
     {"finishings-col", Rule::FinishingsCol, "finishing-template-supported", true},
+    {"job-hold-until", Rule::KeywordInList, "job-hold-until-supported", false},
     {"job-priority", Rule::Priority, nullptr, false},
     {"job-sheets", Rule::KeywordInList, "job-sheets-supported", false},
     {"media", Rule::KeywordInList, "media-supported", false},
@@ -273,6 +279,8 @@ private:
     bool targetJob(int32_t* id);
     bool checkDocument();
     bool checkTemplate(std::vector<cmp_ipp_attr>* accepted, std::set<std::string>* names);
+    // What Validate-Job, Print-Job and Create-Job check alike; false when the request failed.
+    bool checkJobRequest(std::vector<cmp_ipp_attr>* accepted, std::set<std::string>* names);
     bool valueSupported(const TemplateRule& rule, const cmp_ipp_attrs& g, const Span& s) const;
     bool mediaColSupported(const cmp_ipp_attrs& g, const Span& s) const;
     bool finishingsColSupported(const cmp_ipp_attrs& g, const Span& s) const;
@@ -291,6 +299,8 @@ private:
     void validateJob();
     void sendDocument();
     void cancelJob();
+    void holdJob();
+    void releaseJob();
     void cancelMyJobs();
     void closeJob();
     void getJobAttributes();
@@ -302,12 +312,15 @@ private:
     Printer::Job* findLocked(int32_t id, int64_t now);
     void cancelLocked(Printer::Job& job, int64_t now);
     void abortLocked(Printer::Job& job, int64_t now);
+    // Holds a waiting job, or lets it go on for "no-hold".
+    void holdLocked(Printer::Job& job, const std::string& until, int64_t now);
     void pruneLocked();
     void jobSummaryLocked(const Printer::Job& job, cmp_ipp_attrs& out) const;
     void jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp_ipp_attrs& out, int64_t now) const;
     // Opens the spool file of document doc and registers this stream as
     // writing it; false (job aborted, status set) when the file cannot be made.
     bool openDocumentLocked(Printer::Job& job, int32_t doc, const std::string& format, bool last, int64_t now);
+    std::string compression() const { return opText("compression", "none"); }
     void writeFirstBlock();
 
     Printer& m_p;
@@ -343,6 +356,8 @@ void Operations::process() {
     case kCreateJob: createJob(false); break;
     case kSendDocument: sendDocument(); break;
     case kCancelJob: cancelJob(); break;
+    case kHoldJob: holdJob(); break;
+    case kReleaseJob: releaseJob(); break;
     case kGetJobAttributes: getJobAttributes(); break;
     case kGetJobs: getJobs(); break;
     case kGetPrinterAttributes: getPrinterAttributes(); break;
@@ -684,6 +699,20 @@ void Operations::abortLocked(Printer::Job& job, int64_t now) {
     job.completedMs = now;
 }
 
+void Operations::holdLocked(Printer::Job& job, const std::string& until, int64_t now) {
+    job.holdUntil = until;
+    job.templateNames.insert("job-hold-until");
+    if (until != "no-hold") {
+        job.state = JobState::PendingHeld;
+        return;
+    }
+    const bool wasHeld = job.state == JobState::PendingHeld;
+    job.state = JobState::Pending;
+    // Its documents may have been in for long; processing starts no earlier than the release.
+    if (wasHeld && job.lastDocument && job.openStreams == 0) job.readyMs = now;
+    m_p.advanceLocked(now);
+}
+
 void Operations::pruneLocked() {
     size_t terminal = 0;
     for (const auto& j : m_p.m_jobs) {
@@ -717,7 +746,7 @@ void Operations::jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp
 
 bool Operations::openDocumentLocked(Printer::Job& job, int32_t doc, const std::string& format, bool last,
                                     int64_t now) {
-    const std::string path = m_p.spoolPath(job.id, doc, format);
+    const std::string path = m_p.spoolPath(job.id, doc, format, compression());
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
         abortLocked(job, now);
@@ -750,16 +779,21 @@ void Operations::writeFirstBlock() {
 // ---------------------------------------------------------------------------------
 // Operations
 
-void Operations::validateJob() {
-    if (!requirePrinterUri() || !checkDocument()) return;
-    std::vector<cmp_ipp_attr> accepted;
-    std::set<std::string> names;
-    const bool allSupported = checkTemplate(&accepted, &names);
+bool Operations::checkJobRequest(std::vector<cmp_ipp_attr>* accepted, std::set<std::string>* names) {
+    if (!requirePrinterUri() || !checkDocument()) return false;
+    const bool allSupported = checkTemplate(accepted, names);
     if (!allSupported && opBool("ipp-attribute-fidelity", false)) {
         fail(kValuesNotSupported, "Unsupported job template attributes.");
-        return;
+        return false;
     }
     m_ignored = m_ignored || !allSupported;
+    return true;
+}
+
+void Operations::validateJob() {
+    std::vector<cmp_ipp_attr> accepted;
+    std::set<std::string> names;
+    if (!checkJobRequest(&accepted, &names)) return;
     {
         std::lock_guard<std::mutex> lock(m_p.m_mutex);
         if (!m_p.m_accepting) return fail(kNotAccepting, "The printer is not accepting jobs.");
@@ -767,15 +801,17 @@ void Operations::validateJob() {
 }
 
 void Operations::createJob(bool withDocument) {
-    if (!requirePrinterUri() || !checkDocument()) return;
     std::vector<cmp_ipp_attr> accepted;
     std::set<std::string> names;
-    const bool allSupported = checkTemplate(&accepted, &names);
-    if (!allSupported && opBool("ipp-attribute-fidelity", false)) {
-        fail(kValuesNotSupported, "Unsupported job template attributes.");
-        return;
+    if (!checkJobRequest(&accepted, &names)) return;
+    std::string holdUntil;
+    for (auto it = accepted.begin(); it != accepted.end(); ++it) {
+        if (it->m_type != CMP_IPP_TAG_MEMBERNAME && nameOf(*it) == "job-hold-until") {
+            holdUntil = textOf(*it);
+            accepted.erase(it);
+            break;
+        }
     }
-    m_ignored = m_ignored || !allSupported;
     const std::string documentName = opText("document-name");
     const std::string format = documentFormat();
     {
@@ -796,6 +832,7 @@ void Operations::createJob(bool withDocument) {
         job.templateNames = std::move(names);
         job.createdMs = now;
         job.lastActivityMs = now;
+        if (!holdUntil.empty()) holdLocked(job, holdUntil, now);
         m_p.m_jobs[job.id] = std::move(owned);
         if (withDocument) {
             if (!openDocumentLocked(job, 1, format, true, now)) return;
@@ -824,7 +861,7 @@ void Operations::sendDocument() {
         const int64_t now = m_p.nowMs();
         Printer::Job* job = findLocked(id, now);
         if (job == nullptr) return fail(kNotFound, "No such job.");
-        if (job->state != JobState::Pending || job->lastDocument) {
+        if (!isWaiting(job->state) || job->lastDocument) {
             return fail(kNotPossible, "The job takes no further documents.");
         }
         if (job->openStreams > 0) return fail(kBusy, "Another document of this job is still arriving.");
@@ -848,6 +885,33 @@ void Operations::cancelJob() {
     }
     cancelLocked(*job, now);
     m_p.advanceLocked(now);
+}
+
+void Operations::holdJob() {
+    int32_t id = 0;
+    if (!targetJob(&id)) return;
+    const std::string until = opText("job-hold-until", "indefinite");
+    if (!inList("job-hold-until-supported", until)) {
+        unsupportedOp("job-hold-until");
+        return fail(kValuesNotSupported, "Unsupported job-hold-until.");
+    }
+    std::lock_guard<std::mutex> lock(m_p.m_mutex);
+    const int64_t now = m_p.nowMs();
+    Printer::Job* job = findLocked(id, now);
+    if (job == nullptr) return fail(kNotFound, "No such job.");
+    if (!isWaiting(job->state)) return fail(kNotPossible, "Only a job that has not started printing can be held.");
+    holdLocked(*job, until, now);
+}
+
+void Operations::releaseJob() {
+    int32_t id = 0;
+    if (!targetJob(&id)) return;
+    std::lock_guard<std::mutex> lock(m_p.m_mutex);
+    const int64_t now = m_p.nowMs();
+    Printer::Job* job = findLocked(id, now);
+    if (job == nullptr) return fail(kNotFound, "No such job.");
+    if (job->state != JobState::PendingHeld) return fail(kNotPossible, "The job is not held.");
+    holdLocked(*job, "no-hold", now);
 }
 
 void Operations::cancelMyJobs() {

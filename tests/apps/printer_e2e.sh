@@ -7,6 +7,9 @@
 #   printer_e2e.sh PROGRAM spool -C|-L     a document printed chunked or with
 #                                          Content-Length lands byte-identical
 #   printer_e2e.sh PROGRAM page            GET / returns the attribute page
+#   printer_e2e.sh PROGRAM icons           every printer-icons URI gives a PNG
+#   printer_e2e.sh PROGRAM everywhere      ipp-everywhere.test (with ipp-2.0 and
+#                                          ipp-1.1) on stand-in documents
 set -u
 
 program=$1
@@ -88,6 +91,43 @@ page)
     case "$type" in text/html*) ;; *) fail "GET / gave content type $type" ;; esac
     grep -q "printer-uri-supported" "$work/page.html" || fail "the page lists no printer-uri-supported"
     grep -q "$uri" "$work/page.html" || fail "the page does not show the printer URI"
+    ;;
+icons)
+    icons=$(ipptool -T 30 -tv "$uri" /usr/share/cups/ipptool/get-printer-attributes.test |
+        sed -n 's/^ *printer-icons ([^)]*) = //p')
+    [ -n "$icons" ] || fail "no printer-icons"
+    for icon in ${icons//,/ }; do
+        code=$(curl -sS --max-time 10 -o "$work/icon.png" -w '%{http_code} %{content_type}' "$icon") ||
+            fail "GET $icon failed"
+        [ "$code" = "200 image/png" ] || fail "GET $icon gave $code"
+        [ "$(head -c 8 "$work/icon.png" | od -An -tx1 | tr -d ' \n')" = 89504e470d0a1a0a ] ||
+            fail "$icon is not a PNG"
+    done
+    ;;
+everywhere)
+    # The test files look for their documents beside themselves. Content does not
+    # matter to the printer, only that each file is there and of its kind.
+    dir=/usr/share/cups/ipptool
+    cp "$dir/ipp-everywhere.test" "$dir/ipp-2.0.test" "$dir/ipp-1.1.test" "$work/"
+    for f in $(sed -n 's/^[[:space:]]*FILE[[:space:]]*\([^$][^[:space:]]*\).*/\1/p' "$work"/*.test | sort -u); do
+        mkdir -p "$work/$(dirname "$f")"
+        case "$f" in
+        *.pdf) printf '%%PDF-1.4\n1 0 obj<<>>endobj\ntrailer<<>>\n%%%%EOF\n' ;;
+        *.ps) printf '%%!PS-Adobe-3.0\nshowpage\n' ;;
+        *.jpg) printf '\377\330\377\340\000\020JFIF\000\001\001\000\000\001\000\001\000\000\377\331' ;;
+        *.pwg) printf 'RaS2'; head -c 1796 /dev/zero ;;
+        *) printf 'stand-in\n' ;;
+        esac >"$work/$f"
+    done
+    (cd "$work" && ipptool -T 30 -t -V 2.0 -f document-a4.pdf "$uri" ipp-everywhere.test) >"$work/report" ||
+        status=1
+    grep -q 'Summary: .* 0 failed' "$work/report" || status=1
+    # What the printer offers must really be tried, not skipped for want of it.
+    for name in 'PostScript' 'Standard Sheet' '2-Up' 'job-hold-until' 'Release-Job' \
+        '@ 150dpi, cmyk-8, gzip' '@ 600dpi, srgb-16, deflate'; do
+        grep -F "$name" "$work/report" | grep -q '\[PASS\]' || { echo "not passed: $name"; status=1; }
+    done
+    [ $status -eq 0 ] || cat "$work/report"
     ;;
 *)
     fail "unknown mode $mode"

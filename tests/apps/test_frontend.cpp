@@ -448,9 +448,62 @@ TEST_F(FrontendE2E, ClientGoneMidUploadReleasesTheLibraryConnection) {
     EXPECT_EQ(again.read().status, 200);
 }
 
+uint32_t crc32Of(const std::string& s, size_t from, size_t n) {
+    uint32_t c = 0xFFFFFFFFu;
+    for (size_t i = from; i < from + n; ++i) {
+        c ^= static_cast<unsigned char>(s[i]);
+        for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0xEDB88320u & (0u - (c & 1u)));
+    }
+    return ~c;
+}
+
+// True for a PNG whose chunks all have intact CRCs and that ends with IEND; the
+// size comes from its IHDR.
+bool wellFormedPng(const std::string& png, uint32_t* width, uint32_t* height) {
+    if (png.compare(0, 8, std::string("\x89PNG\r\n\x1a\n", 8)) != 0) return false;
+    bool header = false;
+    for (size_t p = 8; p + 12 <= png.size();) {
+        const uint32_t length = be32At(png, p);
+        if (length > png.size() - p - 12 || crc32Of(png, p + 4, 4 + length) != be32At(png, p + 8 + length))
+            return false;
+        const std::string type = png.substr(p + 4, 4);
+        if (type == "IHDR") {
+            *width = be32At(png, p + 8);
+            *height = be32At(png, p + 12);
+            header = true;
+        }
+        if (type == "IEND") return header && p + 12 == png.size();
+        p += 12 + length;
+    }
+    return false;
+}
+
+TEST_F(FrontendE2E, IconsAreServedByTheFrontEndAlone) {
+    // No library behind it: the icons must not depend on one.
+    for (const auto& icon : {std::make_pair("/icon-sm.png", 48u), std::make_pair("/icon.png", 128u)}) {
+        SCOPED_TRACE(icon.first);
+        HttpClient c(port());
+        ASSERT_TRUE(c.send(std::string("GET ") + icon.first + " HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+        const HttpResponse r = c.read();
+        ASSERT_TRUE(r.ok);
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(r.header("content-type"), "image/png");
+        uint32_t width = 0, height = 0;
+        EXPECT_TRUE(wellFormedPng(r.body, &width, &height));
+        EXPECT_EQ(width, icon.second);
+        EXPECT_EQ(height, icon.second);
+        HttpClient post(port());
+        ASSERT_TRUE(
+            post.send(std::string("POST ") + icon.first + " HTTP/1.1\r\nHost: localhost\r\nContent-Length: 0\r\n\r\n"));
+        const HttpResponse refused = post.read();
+        EXPECT_EQ(refused.status, 405);
+        EXPECT_EQ(refused.header("allow"), "GET");
+    }
+}
+
 TEST_F(FrontendE2E, OtherPathsAndMethodsAreRefusedLocally) {
     startLibrary();
-    for (const char* path : {"/other", "/ipp/print/", "/ipp/print/7x", "/ipp/printer", "/ipp/print/7/1"}) {
+    for (const char* path : {"/other", "/ipp/print/", "/ipp/print/7x", "/ipp/printer", "/ipp/print/7/1", "/icon.png/x"}) {
         SCOPED_TRACE(path);
         HttpClient c(port());
         ASSERT_TRUE(c.send(std::string("GET ") + path + " HTTP/1.1\r\nHost: localhost\r\n\r\n"));

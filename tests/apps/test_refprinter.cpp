@@ -24,7 +24,7 @@ using refprinter::JobState;
 
 enum : uint8_t { kOpGroup = 1, kJobGroup = 2, kPrinterGroup = 4, kUnsupportedGroup = 5 };
 enum : uint16_t { kPrintJob = 2, kCreateJob = 5, kSendDocument = 6, kCancelJob = 8, kGetJobAttributes = 9,
-                  kGetJobs = 10, kGetPrinterAttributes = 11, kIdentifyPrinter = 0x3C };
+                  kGetJobs = 10, kGetPrinterAttributes = 11, kHoldJob = 12, kReleaseJob = 13, kIdentifyPrinter = 0x3C };
 
 struct Value {
     uint8_t tag;
@@ -228,7 +228,7 @@ TEST_F(RefPrinterTest, RequestsAreCheckedInOrderAndUnsupportedAttributesReported
         {"which-jobs", [] { return request(kGetJobs).text(0x44, "which-jobs", "sometimes").tag(3); }, 0x040B, "which-jobs", 0},
         {"document-format", printJobWith([](Ipp& m) { m.text(0x49, "document-format", "application/x-what"); }, nullptr),
          0x040A, "document-format", 0},
-        {"compression", printJobWith([](Ipp& m) { m.text(0x44, "compression", "gzip"); }, nullptr), 0x040F, "compression", 0},
+        {"compression", printJobWith([](Ipp& m) { m.text(0x44, "compression", "compress"); }, nullptr), 0x040F, "compression", 0},
         {"unknown operation attribute", printJobWith([](Ipp& m) { m.text(0x41, "x-note", "hi"); }, nullptr), 0x0001, "x-note", 1},
         {"unsupported sides", printJobWith(nullptr, [](Ipp& m) { m.text(0x44, "sides", "three-sided"); }), 0x0001, "sides", 1},
         {"fidelity", printJobWith([](Ipp& m) { m.attr(0x22, "ipp-attribute-fidelity", {1}); },
@@ -240,6 +240,13 @@ TEST_F(RefPrinterTest, RequestsAreCheckedInOrderAndUnsupportedAttributesReported
         {"supported template", printJobWith(nullptr, [](Ipp& m) {
              m.integer(0x21, "copies", 3).text(0x44, "sides", "two-sided-long-edge").integer(0x23, "print-quality", 5); }),
          0x0000, "", 1},
+        {"number-up 4, banner sheet", printJobWith(nullptr, [](Ipp& m) {
+             m.integer(0x21, "number-up", 4).text(0x44, "job-sheets", "standard"); }), 0x0000, "", 1},
+        {"number-up 3", printJobWith(nullptr, [](Ipp& m) { m.integer(0x21, "number-up", 3); }), 0x0001, "number-up", 1},
+        {"job-sheets confidential", printJobWith(nullptr, [](Ipp& m) { m.text(0x44, "job-sheets", "confidential"); }),
+         0x0001, "job-sheets", 1},
+        {"timed hold", printJobWith(nullptr, [](Ipp& m) { m.text(0x44, "job-hold-until", "evening"); }),
+         0x0001, "job-hold-until", 1},
         {"send-document without last-document", [] { return request(kSendDocument).integer(0x21, "job-id", 1).tag(3); },
          0x0400, "", 0},
         {"send-document unknown job", [] { return request(kSendDocument).integer(0x21, "job-id", 99)
@@ -537,6 +544,112 @@ TEST_F(RefPrinterTest, ConcurrentPrintJobsKeepTheirDocumentsApart) {
         EXPECT_EQ(std::string(b.begin(), b.end()), j.name + ":" + std::string(5000, fill) + ":" + j.name);
     }
     EXPECT_EQ(printer->streamCount(), 0u);
+}
+
+TEST_F(RefPrinterTest, CompressedDocumentsAreSpooledAsTheyCame) {
+    // Stored untouched: the suffix tells whatever renders the file how to read it.
+    const std::string packed("\x1f\x8b\x08\x00packed", 10);
+    struct Case { const char* compression; const char* format; const char* suffix; };
+    const Case cases[] = {
+        {"gzip", "application/pdf", ".pdf.gz"},
+        {"deflate", "image/pwg-raster", ".pwg.zz"},
+        {"none", "application/postscript", ".ps"},
+        {nullptr, "image/jpeg", ".jpg"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.suffix);
+        Ipp m = request(kPrintJob);
+        m.text(0x49, "document-format", c.format);
+        if (c.compression != nullptr) m.text(0x44, "compression", c.compression);
+        const Response r = send(m.tag(3).b, {packed});
+        ASSERT_EQ(r.status, 0);
+        const int32_t id = r.integer(kJobGroup, "job-id");
+        JobInfo info;
+        ASSERT_TRUE(printer->job(id, &info));
+        ASSERT_EQ(info.files, std::vector<std::string>{spool + "/job-" + std::to_string(id) + "-doc-1" + c.suffix});
+        const Bytes b = readFile(info.files[0]);
+        EXPECT_EQ(std::string(b.begin(), b.end()), packed);
+        EXPECT_EQ(jobRequest(kGetJobAttributes, id).text(kJobGroup, "document-format-supplied"), c.format);
+    }
+    // Each document of a job names its own compression.
+    const int32_t job = createJob("dan").integer(kJobGroup, "job-id");
+    for (const char* compression : {"deflate", "none"}) {
+        Ipp m = request(kSendDocument);
+        m.integer(0x21, "job-id", job).attr(0x22, "last-document", {static_cast<unsigned char>(compression[0] == 'n')});
+        m.text(0x49, "document-format", "text/plain").text(0x44, "compression", compression);
+        EXPECT_EQ(send(m.tag(3).b, {"text"}).status, 0) << compression;
+    }
+    JobInfo info;
+    ASSERT_TRUE(printer->job(job, &info));
+    const std::string base = spool + "/job-" + std::to_string(job) + "-doc-";
+    EXPECT_EQ(info.files, (std::vector<std::string>{base + "1.txt.zz", base + "2.txt"}));
+}
+
+TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
+    auto attrs = [this](int32_t id) { return jobRequest(kGetJobAttributes, id); };
+    Ipp m = request(kPrintJob);
+    m.tag(2).text(0x44, "job-hold-until", "indefinite").tag(3);
+    const Response held = send(m.b, {"held"});
+    ASSERT_EQ(held.status, 0);
+    EXPECT_EQ(held.integer(kJobGroup, "job-state"), 4);
+    EXPECT_EQ(held.text(kJobGroup, "job-state-reasons"), "job-hold-until-specified");
+    EXPECT_EQ(printJob("a", "2").integer(kJobGroup, "job-state"), 5) << "the held job is passed over";
+    clock += 120000;  // past processing and past multiple-operation-time-out
+    EXPECT_EQ(stateOf(1), int(JobState::PendingHeld));
+    EXPECT_EQ(send(request(kGetPrinterAttributes).tag(3).b).integer(kPrinterGroup, "queued-job-count"), 1);
+    const Response list = send(request(kGetJobs).text(0x44, "which-jobs", "pending-held").tag(3).b);
+    ASSERT_EQ(list.of(kJobGroup).size(), 1u);
+    EXPECT_EQ(list.integer(kJobGroup, "job-id"), 1);
+
+    printJob("a", "3");  // processing
+    printJob("a", "4");  // pending behind job 3
+    struct Step { uint16_t op; int32_t id; const char* until; uint16_t status; JobState after; };
+    const Step steps[] = {
+        {kReleaseJob, 4, nullptr, 0x0404, JobState::Pending},      // not held
+        {kHoldJob, 3, nullptr, 0x0404, JobState::Processing},      // already printing
+        {kHoldJob, 4, "weekend", 0x040B, JobState::Pending},       // not a hold this printer knows
+        {kHoldJob, 4, nullptr, 0x0000, JobState::PendingHeld},     // "indefinite" by default
+        {kReleaseJob, 1, nullptr, 0x0000, JobState::Pending},
+        {kHoldJob, 99, nullptr, 0x0406, JobState::Pending},
+    };
+    for (const Step& s : steps) {
+        SCOPED_TRACE(std::to_string(s.op) + " job " + std::to_string(s.id));
+        Ipp h = request(s.op);
+        h.integer(0x21, "job-id", s.id);
+        if (s.until != nullptr) h.text(0x44, "job-hold-until", s.until);
+        const Response r = send(h.tag(3).b);
+        EXPECT_EQ(r.status, s.status);
+        EXPECT_EQ(r.find(kUnsupportedGroup, "job-hold-until") != nullptr, s.status == 0x040B);
+        if (s.id != 99) {
+            EXPECT_EQ(stateOf(s.id), int(s.after));
+        }
+    }
+    EXPECT_EQ(attrs(1).text(kJobGroup, "job-hold-until"), "no-hold");
+    EXPECT_EQ(attrs(4).text(kJobGroup, "job-hold-until"), "indefinite");
+    clock += 1000;
+    EXPECT_EQ(stateOf(1), int(JobState::Processing)) << "released, it prints once job 3 is done";
+    clock += 5000;
+    EXPECT_EQ(stateOf(4), int(JobState::PendingHeld));
+    EXPECT_EQ(send(request(kReleaseJob).integer(0x21, "job-id", 4).tag(3).b).status, 0);
+    EXPECT_EQ(stateOf(4), int(JobState::Processing)) << "an idle printer starts it from the release on";
+
+    // Created held: it takes its documents, and is dropped like any job whose documents never come.
+    Ipp c = request(kCreateJob);
+    c.tag(2).text(0x44, "job-hold-until", "indefinite").tag(3);
+    const Response created = send(c.b);
+    const Attr* reasons = created.find(kJobGroup, "job-state-reasons");
+    ASSERT_NE(reasons, nullptr);
+    ASSERT_EQ(reasons->values.size(), 2u);
+    EXPECT_EQ(reasons->values[1].bytes, "job-incoming");
+    Ipp doc = request(kSendDocument);
+    doc.integer(0x21, "job-id", 5).attr(0x22, "last-document", {1}).tag(3);
+    const Response sent = send(doc.b, {"doc"});
+    EXPECT_EQ(sent.status, 0);
+    EXPECT_EQ(sent.integer(kJobGroup, "job-state"), 4);
+    send(c.b);  // job 6: no document ever
+    clock += 60000;
+    EXPECT_EQ(stateOf(5), int(JobState::PendingHeld));
+    EXPECT_EQ(stateOf(6), int(JobState::Aborted));
 }
 
 }  // namespace
