@@ -18,6 +18,7 @@
 
 #include "attr/cmp_ipp_attr.h"
 #include "platform/cmp_dbglog.h"
+#include "fuzz_pieces.h"
 
 namespace {
 
@@ -42,23 +43,6 @@ void check(bool ok) {
     if (!ok) __builtin_trap();
 }
 
-struct Pieces {
-    const uint8_t* data;
-    size_t size;
-    size_t next;
-    size_t step;
-    cmp_ipp_if_info_s info;
-
-    static int more(void* ctx, int, unsigned char** out, int* length) {
-        Pieces* p = static_cast<Pieces*>(ctx);
-        if (p->next >= p->size) return 2;
-        size_t n = p->size - p->next < p->step ? p->size - p->next : p->step;
-        *out = const_cast<unsigned char*>(p->data + p->next);
-        *length = static_cast<int>(n);
-        p->next += n;
-        return p->next < p->size ? 1 : 2;
-    }
-};
 
 std::vector<uint8_t> encode(cmp_ipp_attr& a) {
     const int32_t length = a.getByteLength();

@@ -12,6 +12,7 @@
 #include "msg/cmp_ipp_request.h"
 #include "platform/cmp_dbglog.h"
 #include "service/cmp_ipp_manager.h"
+#include "fuzz_pieces.h"
 
 namespace {
 
@@ -55,23 +56,6 @@ void setUp() {
     cmp_ipp_manager::get()->m_printer = g_printer;
 }
 
-struct Pieces {
-    const uint8_t* data;
-    size_t size;
-    size_t next;
-    size_t step;
-    cmp_ipp_if_info_s info;
-
-    static int more(void* ctx, int, unsigned char** out, int* length) {
-        Pieces* p = static_cast<Pieces*>(ctx);
-        if (p->next >= p->size) return 2;
-        const size_t n = p->size - p->next < p->step ? p->size - p->next : p->step;
-        *out = const_cast<unsigned char*>(p->data + p->next);
-        *length = static_cast<int>(n);
-        p->next += n;
-        return p->next < p->size ? 1 : 2;
-    }
-};
 
 }  // namespace
 

@@ -310,8 +310,8 @@ private:
 
     // ---- job table (need m_mutex) ----
     Printer::Job* findLocked(int32_t id, int64_t now);
-    void cancelLocked(Printer::Job& job, int64_t now);
-    void abortLocked(Printer::Job& job, int64_t now);
+    // Ends a job as canceled or aborted.
+    void endLocked(Printer::Job& job, JobState state, int64_t now);
     // Holds a waiting job, or lets it go on for "no-hold".
     void holdLocked(Printer::Job& job, const std::string& until, int64_t now);
     void pruneLocked();
@@ -401,7 +401,7 @@ uint32_t Operations::data(const cmp_ipp_buf& block) {
     ::close(s->fd);
     s->fd = -1;
     s->failed = true;
-    if (job != nullptr && !isTerminal(job->state)) abortLocked(*job, now);
+    if (job != nullptr && !isTerminal(job->state)) endLocked(*job, JobState::Aborted, now);
     // Set before refusing, so the library keeps this status rather than its own.
     fail(kInternalError, std::string("Unable to write the document: ") + std::strerror(writeErrno));
     return 1;
@@ -418,7 +418,7 @@ void Operations::abort() {
     if (job != nullptr) {
         if (s.document) --job->openStreams;
         // A job whose document (or whose creation reply) never got through is of no use.
-        if (!isTerminal(job->state)) abortLocked(*job, now);
+        if (!isTerminal(job->state)) endLocked(*job, JobState::Aborted, now);
     }
     m_p.m_streams.erase(it);
 }
@@ -433,7 +433,7 @@ void Operations::finish() {
     Printer::Job* job = m_p.findJobLocked(s->jobId);
     if (s->fd >= 0 && ::close(s->fd) != 0 && !s->failed) {
         s->failed = true;
-        if (job != nullptr && !isTerminal(job->state)) abortLocked(*job, now);
+        if (job != nullptr && !isTerminal(job->state)) endLocked(*job, JobState::Aborted, now);
     }
     if (job == nullptr) return;
     if (s->document) {
@@ -680,22 +680,13 @@ Printer::Job* Operations::findLocked(int32_t id, int64_t now) {
     return m_p.findJobLocked(id);
 }
 
-void Operations::cancelLocked(Printer::Job& job, int64_t now) {
+void Operations::endLocked(Printer::Job& job, JobState state, int64_t now) {
     if (job.state == JobState::Processing) {
         // The processor is free from now on, not from the planned end.
         m_p.m_lastFinishMs = now;
         m_p.m_stateChangeMs = now;
     }
-    job.state = JobState::Canceled;
-    job.completedMs = now;
-}
-
-void Operations::abortLocked(Printer::Job& job, int64_t now) {
-    if (job.state == JobState::Processing) {
-        m_p.m_lastFinishMs = now;
-        m_p.m_stateChangeMs = now;
-    }
-    job.state = JobState::Aborted;
+    job.state = state;
     job.completedMs = now;
 }
 
@@ -749,7 +740,7 @@ bool Operations::openDocumentLocked(Printer::Job& job, int32_t doc, const std::s
     const std::string path = m_p.spoolPath(job.id, doc, format, compression());
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) {
-        abortLocked(job, now);
+        endLocked(job, JobState::Aborted, now);
         fail(kInternalError, "Unable to create the spool file: " + std::string(std::strerror(errno)));
         return false;
     }
@@ -883,7 +874,7 @@ void Operations::cancelJob() {
                                        : job->state == JobState::Canceled ? "canceled."
                                                                           : "aborted."));
     }
-    cancelLocked(*job, now);
+    endLocked(*job, JobState::Canceled, now);
     m_p.advanceLocked(now);
 }
 
@@ -935,7 +926,7 @@ void Operations::cancelMyJobs() {
             if (j.second->user == owner && !isTerminal(j.second->state)) chosen.push_back(j.second.get());
         }
     }
-    for (Printer::Job* job : chosen) cancelLocked(*job, now);
+    for (Printer::Job* job : chosen) endLocked(*job, JobState::Canceled, now);
     m_p.advanceLocked(now);
 }
 
