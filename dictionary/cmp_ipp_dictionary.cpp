@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "cmp_ipp_dictionary_count.h"
+
 namespace {
 
 // RFC 8011, RFC 3995/3998 and the PWG operation extensions.
@@ -121,12 +123,6 @@ const cmp_ipp_status_row_t kStatuses[] = {
     {0x050B, "server-error-too-many-jobs"},
     {0x050C, "server-error-too-many-documents"},
 };
-
-template <typename T, size_t N>
-constexpr int16_t countOf(const T (&)[N]) {
-    static_assert(N <= INT16_MAX, "registry counts are 16-bit");
-    return static_cast<int16_t>(N);
-}
 
 }  // namespace
 

@@ -33,6 +33,7 @@
 #include <cstdint>
 
 #include "attr/cmp_ipp_attr.h"
+#include "cmp_ipp_dictionary_count.h"
 
 namespace {
 
@@ -836,12 +837,6 @@ const uint16_t kOneSetOf[] = {
     0x061E,  // notify-schemes-supported
     0x061F,  // notify-attributes-supported
 };
-
-template <typename T, size_t N>
-constexpr int16_t countOf(const T (&)[N]) {
-    static_assert(N <= INT16_MAX, "registry counts are 16-bit");
-    return static_cast<int16_t>(N);
-}
 
 }  // namespace
 
