@@ -329,10 +329,11 @@ bool Printer::start() {
 void Printer::stop() {
     if (!m_started) return;
     pn_ipp_stop(0, nullptr);
+    // Both return once no request is still inside the handler or reading the
+    // printer object: afterwards the library touches neither.
     cmp_ipp_manager* m = cmp_ipp_manager::get();
-    m->removePrinter(reinterpret_cast<intptr_t>(&m_obj));
-    // The manager must not call into a handler that is about to go away.
-    if (m->m_handler == &m_handler) m->m_handler = nullptr;
+    m->unregisterPrinter(&m_obj);
+    m->unregisterHandler(&m_handler);
     m_started = false;
 }
 

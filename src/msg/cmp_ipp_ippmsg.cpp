@@ -53,7 +53,7 @@ bool parseVersion(const cmp_ipp_string& text, uint8_t* major, uint8_t* minor) {
     return true;
 }
 
-cmp_ipp_obj* printerObject() { return static_cast<cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer); }
+cmp_ipp_obj* printerObject() { return static_cast<cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer.load()); }
 
 // Detaches the interface record from the buffer on every way out of decode.
 struct PortGuard {
