@@ -67,8 +67,8 @@ extern "C" int httpd_stop_wrap(void) {
 //    whatever connections are still open.
 // 4. Give the connections cut short in step 2 a moment to end, so that a stop
 //    normally returns with none open; a task held inside a handler call is not
-//    waited for (pn_ipp_stop and cmp_ipp_manager::unregisterHandler take care of
-//    the handler).
+//    waited for (cmp_ipp_manager::unregisterHandler waits for it before the
+//    handler may go away).
 extern "C" void pn_httpd_term(void) {
     int32_t expected = 0;
     g_pn_httpd_shutdown.compare_exchange_strong(expected, 1);
