@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <sstream>
 
 #include "cmp_ipp_refprinter_attrs.h"
 #include "cmp_ipp_refprinter_internal.h"
@@ -329,10 +328,11 @@ bool Printer::start() {
 void Printer::stop() {
     if (!m_started) return;
     pn_ipp_stop(0, nullptr);
+    // Both return once no request is still inside the handler or reading the
+    // printer object: afterwards the library touches neither.
     cmp_ipp_manager* m = cmp_ipp_manager::get();
-    m->removePrinter(reinterpret_cast<intptr_t>(&m_obj));
-    // The manager must not call into a handler that is about to go away.
-    if (m->m_handler == &m_handler) m->m_handler = nullptr;
+    m->unregisterPrinter(&m_obj);
+    m->unregisterHandler(&m_handler);
     m_started = false;
 }
 
@@ -496,30 +496,89 @@ size_t Printer::streamCount() const {
 }
 
 std::string Printer::htmlPage() {
-    cmp_ipp_attrs all("Printer");
-    std::ostringstream jobsTable;
+    // The page shows one group, "Printer": the fixed attributes, read straight
+    // from the printer object (they never change once built), then the status
+    // attributes as they are now. Each attribute is rendered once, the page's
+    // length is added up, and the page is put together in a block of that size.
+    cmp_ipp_attrs status;
+    std::string jobsTable;
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         const int64_t now = nowMs();
         advanceLocked(now);
-        for (int32_t i = 0; i < m_obj.m_attrs.count(); ++i) append(all, m_obj.m_attrs[i]);
-        statusAttrsLocked(all, now);
-        jobsTable << "<H2>Jobs</H2>\n<TABLE BORDER=\"1\"><TR><TH>Job</TH><TH>Name</TH><TH>User</TH><TH>State</TH>"
+        statusAttrsLocked(status, now);
+        jobsTable.reserve(160 + 96 * m_jobs.size());
+        jobsTable += "<H2>Jobs</H2>\n<TABLE BORDER=\"1\"><TR><TH>Job</TH><TH>Name</TH><TH>User</TH><TH>State</TH>"
                      "<TH>Documents</TH><TH>k-octets</TH></TR>\n";
         for (const auto& j : m_jobs) {
             const Job& job = *j.second;
-            jobsTable << "<TR><TD>" << job.id << "</TD><TD>" << htmlEscape(job.name) << "</TD><TD>"
-                      << htmlEscape(job.user) << "</TD><TD>" << jobMessage(job.state) << "</TD><TD>" << job.documents
-                      << "</TD><TD>" << (job.octets + 1023) / 1024 << "</TD></TR>\n";
+            jobsTable += "<TR><TD>";
+            jobsTable += std::to_string(job.id);
+            jobsTable += "</TD><TD>";
+            jobsTable += htmlEscape(job.name);
+            jobsTable += "</TD><TD>";
+            jobsTable += htmlEscape(job.user);
+            jobsTable += "</TD><TD>";
+            jobsTable += jobMessage(job.state);
+            jobsTable += "</TD><TD>";
+            jobsTable += std::to_string(job.documents);
+            jobsTable += "</TD><TD>";
+            jobsTable += std::to_string((job.octets + 1023) / 1024);
+            jobsTable += "</TD></TR>\n";
         }
-        jobsTable << "</TABLE>\n";
+        jobsTable += "</TABLE>\n";
     }
+
+    const cmp_ipp_attrs& fixed = m_obj.m_attrs;
+    const int32_t count = fixed.count() + status.count();
+    const auto attrAt = [&](int32_t i) -> const cmp_ipp_attr& {
+        return i < fixed.count() ? fixed[i] : status[i - fixed.count()];
+    };
+    std::vector<cmp_ipp_string> lines;
+    lines.reserve(static_cast<size_t>(count));
+    for (int32_t i = 0; i < count; ++i) lines.push_back(attrAt(i).toHTML(false));
+
+    // The library's group layout: members of a collection indented one step per
+    // level, an endCollection line at the level of its begCollection line.
+    static const char kIndent[] = "&nbsp;&nbsp;&nbsp;&nbsp;";
+    static const char kGroupHead[] = "\n<br><big><b>Attrs group: Printer</b></big><br>\n";
+    static const char kLineEnd[] = "<br>\n";
+    const auto forEachLine = [&](auto&& f) {
+        int depth = 0;
+        for (int32_t i = 0; i < count; ++i) {
+            const int32_t type = attrAt(i).m_type;
+            if (type == CMP_IPP_TAG_END_COLLECTION && depth > 0) --depth;
+            f(depth, lines[static_cast<size_t>(i)]);
+            if (type == CMP_IPP_TAG_BEGIN_COLLECTION) ++depth;
+        }
+    };
+
     const std::string title = htmlEscape(m_config.name);
-    std::string page = "<HTML><HEAD><TITLE>" + title + "</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H1>" + title +
-                       "</H1>\n<P>" + htmlEscape(m_config.info) + "</P>\n";
-    page += all.toHTML().c_str();
-    page += jobsTable.str();
-    page += "</BODY></HTML>\n";
+    const std::string info = htmlEscape(m_config.info);
+    static const char kTail[] = "</BODY></HTML>\n";
+    size_t length = 2 * title.size() + info.size() + 96 + sizeof kGroupHead + jobsTable.size() + sizeof kTail;
+    forEachLine([&](int depth, const cmp_ipp_string& line) {
+        length += static_cast<size_t>(depth) * (sizeof kIndent - 1) + static_cast<size_t>(line.length()) +
+                  (sizeof kLineEnd - 1);
+    });
+
+    std::string page;
+    page.reserve(length);
+    page += "<HTML><HEAD><TITLE>";
+    page += title;
+    page += "</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H1>";
+    page += title;
+    page += "</H1>\n<P>";
+    page += info;
+    page += "</P>\n";
+    if (count > 0) page += kGroupHead;
+    forEachLine([&](int depth, const cmp_ipp_string& line) {
+        for (int d = 0; d < depth; ++d) page.append(kIndent, sizeof kIndent - 1);
+        page.append(line.c_str(), static_cast<size_t>(line.length()));
+        page.append(kLineEnd, sizeof kLineEnd - 1);
+    });
+    page += jobsTable;
+    page += kTail;
     return page;
 }
 

@@ -46,6 +46,15 @@ void cmp_ipp_string::assignBytes(const char* s, int32_t n) {
     m_length = n;
 }
 
+char* cmp_ipp_string::assignUninitialized(int32_t n) {
+    cmp_ipp_free(m_data);
+    if (n < 0) n = 0;
+    m_data = static_cast<char*>(cmp_ipp_malloc(static_cast<uint32_t>(n) + 1));
+    m_data[n] = '\0';
+    m_length = n;
+    return m_data;
+}
+
 void cmp_ipp_string::append(const char* s, int32_t n) {
     if (n == -1) {
         if (s == nullptr) return;

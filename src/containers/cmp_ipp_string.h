@@ -31,6 +31,10 @@ public:
     void assignBytes(const char* s, int32_t n);
     void append(const char* s, int32_t n);
     void append(const cmp_ipp_string& s) { append(s.m_data, s.m_length); }
+    // Replaces the text with n (>= 0) characters for the caller to fill in, and
+    // the NUL after them: how a text whose exact length is known up front is
+    // built with one allocation and no copy.
+    char* assignUninitialized(int32_t n);
 
     bool isEqualTo(const char* s, int32_t n) const;
     bool isLessThan(const char* s, int32_t n) const;

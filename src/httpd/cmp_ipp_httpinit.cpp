@@ -11,7 +11,9 @@ namespace {
 
 const uint32_t kListenerStack = 6144;
 const int32_t kTaskPriorityLevel = 10;
-const int kStopPollMs = 50;
+const int kListenerPollMs = 1;
+const int kGracePollMs = 2;
+const int kGraceMs = 100;
 const uint32_t kServiceFailure = 0x510a0002u;
 
 void listenerEntry(void*) { (void)pn_httpd_main(); }
@@ -52,14 +54,29 @@ extern "C" int httpd_stop_wrap(void) {
     return 0;
 }
 
-// Raises the shutdown flag, wakes the listener (which then closes and removes its
-// socket) and waits in 50 ms steps until the listener has gone and the open
-// connections have ended; connections notice the flag between requests.
+// A stop never waits for a request: requests in flight are cut short instead.
+//
+// 1. Raise the shutdown flag and wake the listener, which closes and removes its
+//    socket at once.
+// 2. Shut every open connection down: each blocked receive, keep-alive wait or
+//    pause returns, and its task ends through the path of a lost connection (an
+//    upload in progress is aborted through the handler's abortRequest).
+// 3. Wait until the listener has gone. It is always waited for, also when no
+//    connection is open: one that missed the flag (cleared below) would outlive
+//    the stop with its socket file. With the listener gone the wait is over,
+//    whatever connections are still open.
+// 4. Give the connections cut short in step 2 a moment to end, so that a stop
+//    normally returns with none open; a task held inside a handler call is not
+//    waited for (cmp_ipp_manager::unregisterHandler waits for it before the
+//    handler may go away).
 extern "C" void pn_httpd_term(void) {
     int32_t expected = 0;
     g_pn_httpd_shutdown.compare_exchange_strong(expected, 1);
     pn_httpd_wake_listener();
-    while (g_pn_httpd_num_ports.load() != 0 || getConnectionCount() != 0) IPP_ThreadDelay(kStopPollMs);
+    (void)pn_httpd_conn_shutdown_all();
+    while (g_pn_httpd_num_ports.load() != 0) IPP_ThreadDelay(kListenerPollMs);
+    for (int waited = 0; getConnectionCount() != 0 && waited < kGraceMs; waited += kGracePollMs)
+        IPP_ThreadDelay(kGracePollMs);
     g_pn_httpd_shutdown.store(0);
     g_pn_httpd_num_ports.store(0);
 }

@@ -63,6 +63,23 @@ int leave(int rc) {
     return rc;
 }
 
+// One slot per connection that may be open at once, and one for the connection
+// the listener is about to refuse. Trivially destructible: tasks that end after a
+// stop may use it while the process exits.
+struct ConnSlot {
+    int sock;      // 0: free
+    bool stopped;  // shut down by a stop
+};
+pthread_mutex_t g_connLock = PTHREAD_MUTEX_INITIALIZER;
+ConnSlot g_conns[AHTTPD_MAX_CONNECTIONS + 1];
+
+ConnSlot* findConn(int sock) {
+    for (ConnSlot& c : g_conns) {
+        if (c.sock == sock) return &c;
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 bool pn_httpd_wake_prepare() {
@@ -88,6 +105,46 @@ void pn_httpd_wake_listener() {
     const char byte = 1;
     // A full pipe already holds a wake-up: nothing is lost when this write fails.
     (void)!write(fd, &byte, 1);
+}
+
+bool pn_httpd_conn_add(int sock) {
+    if (sock <= 0) return false;
+    pthread_mutex_lock(&g_connLock);
+    ConnSlot* slot = findConn(0);
+    if (slot != nullptr) *slot = ConnSlot{sock, false};
+    pthread_mutex_unlock(&g_connLock);
+    return slot != nullptr;
+}
+
+void pn_httpd_conn_close(int sock) {
+    if (sock <= 0) return;
+    pthread_mutex_lock(&g_connLock);
+    ConnSlot* slot = findConn(sock);
+    if (slot != nullptr) *slot = ConnSlot{0, false};
+    close(sock);
+    pthread_mutex_unlock(&g_connLock);
+}
+
+int pn_httpd_conn_shutdown_all() {
+    int n = 0;
+    pthread_mutex_lock(&g_connLock);
+    for (ConnSlot& c : g_conns) {
+        if (c.sock <= 0 || c.stopped) continue;
+        c.stopped = true;
+        (void)shutdown(c.sock, SHUT_RDWR);
+        ++n;
+    }
+    pthread_mutex_unlock(&g_connLock);
+    return n;
+}
+
+bool pn_httpd_conn_stopped(int sock) {
+    if (sock <= 0) return false;
+    pthread_mutex_lock(&g_connLock);
+    const ConnSlot* slot = findConn(sock);
+    const bool stopped = slot != nullptr && slot->stopped;
+    pthread_mutex_unlock(&g_connLock);
+    return stopped;
 }
 
 extern "C" int32_t getConnectionCount(void) { return g_pn_httpd_conn_count.load(); }
@@ -178,10 +235,13 @@ extern "C" int pn_httpd_main(void) {
         memcpy(taskName, fullName, sizeof taskName - 1);
         taskName[sizeof taskName - 1] = '\0';
 
-        if (g_pn_httpd_shutdown.load() != 0 || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {
+        // Entered in the table before the shutdown flag is tested: a stop either
+        // finds this connection there or is seen here.
+        const bool tracked = pn_httpd_conn_add(sock);
+        if (!tracked || g_pn_httpd_shutdown.load() != 0 || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {
             tracer(0, "cmp_ipp_httpmain: %s(%d): HTTP has reached the max open connections.  Closing new request.\n",
                    "pn_httpd_main", 349);
-            close(sock);
+            ahttpdCloseSocketConnection(sock);
             if (g_pn_httpd_shutdown.load() != 0) break;
             continue;
         }
@@ -189,13 +249,13 @@ extern "C" int pn_httpd_main(void) {
             // The connection records keep the socket in 16 bits.
             tracer(0, "cmp_ipp_httpmain: %s(%d): socket %d does not fit the connection record.  Closing new request.\n",
                    "pn_httpd_main", 357, sock);
-            close(sock);
+            ahttpdCloseSocketConnection(sock);
             continue;
         }
         ahttpdConnStart* start = static_cast<ahttpdConnStart*>(emwOSWSubAllocMem(sizeof(ahttpdConnStart)));
         if (start == nullptr) {
             tracer(0, "cmp_ipp_httpmain: %s(%d): pn_httpd_main(): malloc() failed.\n", "pn_httpd_main", 364);
-            close(sock);
+            ahttpdCloseSocketConnection(sock);
             continue;
         }
         incConnectionCount();

@@ -22,6 +22,7 @@
 
 #include "containers/cmp_ipp_malloc.h"
 #include "httpd/cmp_ipp_httpd.h"
+#include "httpd/cmp_ipp_httpmain.h"
 #include "platform/cmp_dbglog.h"
 #include "platform/emw_osw.h"
 
@@ -87,8 +88,23 @@ void closeFromReceive(ahttpdReqObj* req, int16_t sock) {
 // that end of data only while a chunked body is being spooled; anywhere else it
 // means the peer has gone. The socket stays open so that the reply can still go
 // out on the half-closed connection.
-bool endOfDataExpected(const ahttpdReqObj* req) {
-    return req != nullptr && req->chunked != 0 && req->spooling == 1;
+bool endOfDataExpected(const ahttpdReqObj* req, int16_t sock) {
+    // A stop's shutdown also reads as 0 bytes: that is a lost connection, never a complete body.
+    return req != nullptr && req->chunked != 0 && req->spooling == 1 && !pn_httpd_conn_stopped(sock);
+}
+
+// Sleeps up to ms, but ends as soon as the connection is shut down (by a stop,
+// or by a peer that has gone), so that no pause holds a stop.
+void pauseOnConnection(int16_t sock, int ms) {
+    if (sock <= 0) {
+        IPP_ThreadDelay(ms);
+        return;
+    }
+    const int64_t until = nowMs() + ms;
+    for (int64_t left = ms; left > 0; left = until - nowMs()) {
+        struct pollfd p = {sock, 0, 0};  // only hang-up and errors are reported
+        if (poll(&p, 1, static_cast<int>(left)) > 0) return;
+    }
 }
 
 // Sends all of [data, data + length). A partial acceptance (non-blocking socket,
@@ -172,7 +188,7 @@ void serveConnection(ahttpdReqObj* req, ahttpdRspObj* rsp, int16_t sock, int32_t
                 if (req->returnCode == PRS_PRT_HTTP_RET_KEEP_ALIVE) continue;
                 return;
             case AHTTPD_CONN_PAUSE_CLOSE:
-                IPP_ThreadDelay(kPauseBeforeCloseMs);
+                pauseOnConnection(req->sock, kPauseBeforeCloseMs);
                 ahttpdCloseHandler(rsp);
                 return;
             default:
@@ -314,7 +330,7 @@ extern "C" void ahttpdErrorResponseHandler(ahttpdRspObj* rsp) {
         ahttpdKeepAliveListener(rsp);
         return;
     }
-    IPP_ThreadDelay(kErrorCloseDelayMs);
+    pauseOnConnection(req->sock, kErrorCloseDelayMs);
     ahttpdCloseHandler(rsp);
     req->returnCode = PRS_PRT_HTTP_RET_CONN_CLOSED;
 }
@@ -376,7 +392,7 @@ extern "C" void ahttpdKillTask(ahttpdReqObj* req) {
 }
 
 extern "C" void ahttpdCloseSocketConnection(int sock) {
-    if (sock > 0) close(sock);
+    if (sock > 0) pn_httpd_conn_close(sock);
 }
 
 extern "C" void ahttpdFreeMemory(ahttpdReqObj* req) {
@@ -450,7 +466,7 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
                 return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
             }
             if (n == 0) {
-                if (endOfDataExpected(req)) return PRS_PRT_HTTP_RET_END_OF_DATA;
+                if (endOfDataExpected(req, sock)) return PRS_PRT_HTTP_RET_END_OF_DATA;
                 if (ioctl(sock, FIONREAD, &waiting) != 0 || waiting <= 0) {
                     closeFromReceive(req, sock);
                     return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;

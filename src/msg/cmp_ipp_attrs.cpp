@@ -102,21 +102,3 @@ void cmp_ipp_attrs::setAttrs(const cmp_ipp_attrs& other) {
     if (&other == this) return;
     for (int32_t i = 0; i < other.m_list.length(); ++i) cmp_ipp_attrs_set_attr(&other.m_list[i], false);
 }
-
-cmp_ipp_string cmp_ipp_attrs::toHTML() const {
-    cmp_ipp_string out;
-    if (m_list.length() == 0) return out;
-    out.append("\n<br><big><b>Attrs group: ", -1);
-    out.append(m_name.c_str(), -1);
-    out.append("</b></big><br>\n", -1);
-    int depth = 0;
-    for (int32_t i = 0; i < m_list.length(); ++i) {
-        const cmp_ipp_attr& a = m_list[i];
-        if (a.m_type == CMP_IPP_TAG_END_COLLECTION && depth > 0) --depth;
-        for (int d = 0; d < depth; ++d) out.append("&nbsp;&nbsp;&nbsp;&nbsp;", -1);
-        out.append(a.toHTML(false));
-        out.append("<br>\n", -1);
-        if (a.m_type == CMP_IPP_TAG_BEGIN_COLLECTION) ++depth;
-    }
-    return out;
-}

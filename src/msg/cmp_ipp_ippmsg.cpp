@@ -53,7 +53,7 @@ bool parseVersion(const cmp_ipp_string& text, uint8_t* major, uint8_t* minor) {
     return true;
 }
 
-cmp_ipp_obj* printerObject() { return static_cast<cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer); }
+cmp_ipp_obj* printerObject() { return static_cast<cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer.load()); }
 
 // Detaches the interface record from the buffer on every way out of decode.
 struct PortGuard {
@@ -477,31 +477,3 @@ cmp_ipp_buf cmp_ipp_msg::cmp_ipp_msg_encode() {
 const char* cmp_ipp_msg::getOpName(uint16_t op) { return cmp_ipp_ipptable_op_name(op); }
 const char* cmp_ipp_msg::getStatusCodeString(uint16_t code) { return cmp_ipp_ipptable_status_text(code); }
 const char* cmp_ipp_msg::getTypeName(int tag) { return cmp_ipp_attr_type_name(tag); }
-
-cmp_ipp_string cmp_ipp_msg::cmp_ipp_msg_to_html() const {
-    cmp_ipp_string page;
-    char line[256];
-    page.append("<HTML><HEAD><TITLE>IPP Attributes</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H2> Message contents </H2>\n", -1);
-    std::snprintf(line, sizeof line, "Version=0x%2x", static_cast<unsigned>(m_version));
-    page.append(line, -1);
-    const uint16_t op = static_cast<uint16_t>(m_operationId);
-    const char* name = getOpName(op);
-    if (name == nullptr || std::strcmp(name, "unknown") == 0) name = getStatusCodeString(op);
-    std::snprintf(line, sizeof line, "\n<br>operation id/status code=%d (0x%x) %s", m_operationId,
-                  static_cast<unsigned>(m_operationId), name);
-    page.append(line, -1);
-    std::snprintf(line, sizeof line, "\n<br>request id=%ld (0x%lx)", static_cast<long>(m_requestId),
-                  static_cast<unsigned long>(static_cast<uint32_t>(m_requestId)));
-    page.append(line, -1);
-    page.append("\n<H2>Attributes</H2>", -1);
-    for (int32_t g = 0; g < m_groups.length(); ++g) page.append(m_groups[g]->toHTML());
-    page.append("\n<br><big><b>Data</b></big>", -1);
-    if (m_docData.length() == 0) {
-        page.append("\n<br>Data is null </BODY></HTML>", -1);
-    } else {
-        std::snprintf(line, sizeof line, "\n<br>Data length: %ld", static_cast<long>(m_docData.length()));
-        page.append(line, -1);
-        page.append(" Bytes </BODY></HTML>", -1);
-    }
-    return page;
-}

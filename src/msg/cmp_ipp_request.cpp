@@ -8,7 +8,7 @@ cmp_ipp_request::cmp_ipp_request() { m_requestId = generateRequestId(); }
 cmp_ipp_request::~cmp_ipp_request() = default;
 
 bool cmp_ipp_request::isValidOperation(int16_t op) {
-    const cmp_ipp_obj* printer = static_cast<const cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer);
+    const cmp_ipp_obj* printer = static_cast<const cmp_ipp_obj*>(cmp_ipp_manager::get()->m_printer.load());
     if (printer == nullptr) return false;
     const uint16_t id = cmp_ipp_attr::cmp_ipp_attr_name_to_id("operations-supported");
     const cmp_ipp_attr* ops = id != 0 ? printer->m_attrs.find(id) : printer->m_attrs.find("operations-supported");

@@ -14,9 +14,10 @@ struct Ring {
     size_t count = 0;  // lines held, at most kRingLines
 };
 
+// Never destroyed: a task that ends while the process exits may still trace.
 Ring& ring() {
-    static Ring r;
-    return r;
+    static Ring* const r = new Ring;
+    return *r;
 }
 
 std::atomic<int>& threshold() {

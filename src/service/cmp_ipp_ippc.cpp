@@ -65,17 +65,21 @@ extern "C" unsigned char* IPP_GetPrnAttrHtml(int* lengthOut, cmp_ipp_if_info_s* 
     request.setOpAttr(CMP_IPP_TAG_CHARSET, cmp_ipp_attr::cmp_ipp_attr_name_to_id("attributes-charset"), "utf-8");
     request.setOpAttr(CMP_IPP_TAG_LANGUAGE, cmp_ipp_attr::cmp_ipp_attr_name_to_id("attributes-natural-language"),
                       "en-us");
-    const char* uri = "";
-    const cmp_ipp_obj* printer = static_cast<const cmp_ipp_obj*>(manager->m_printer);
-    if (printer != nullptr) {
-        const uint16_t id = cmp_ipp_attr::cmp_ipp_attr_name_to_id("printer-uri-supported");
-        const cmp_ipp_attr* supported =
-            id != 0 ? printer->m_attrs.find(id) : printer->m_attrs.find("printer-uri-supported");
-        if (supported != nullptr && supported->m_numValues >= 1 && supported->m_strings.length() >= 1 &&
-            supported->m_strings[0].length() > 0)
-            uri = supported->m_strings[0].c_str();
+    {
+        // The URI text belongs to the printer object: copied before the scope ends.
+        cmp_ipp_manager::cmp_ipp_call_scope scope;
+        const char* uri = "";
+        const cmp_ipp_obj* printer = static_cast<const cmp_ipp_obj*>(manager->m_printer.load());
+        if (printer != nullptr) {
+            const uint16_t id = cmp_ipp_attr::cmp_ipp_attr_name_to_id("printer-uri-supported");
+            const cmp_ipp_attr* supported =
+                id != 0 ? printer->m_attrs.find(id) : printer->m_attrs.find("printer-uri-supported");
+            if (supported != nullptr && supported->m_numValues >= 1 && supported->m_strings.length() >= 1 &&
+                supported->m_strings[0].length() > 0)
+                uri = supported->m_strings[0].c_str();
+        }
+        request.setOpAttr(CMP_IPP_TAG_URI, cmp_ipp_attr::cmp_ipp_attr_name_to_id("printer-uri"), uri);
     }
-    request.setOpAttr(CMP_IPP_TAG_URI, cmp_ipp_attr::cmp_ipp_attr_name_to_id("printer-uri"), uri);
 
     request.cmp_ipp_msg_encode();
     cmp_ipp_buf wrapper(request.m_raw.data(), request.m_msgLength, false);

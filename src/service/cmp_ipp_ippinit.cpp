@@ -24,8 +24,9 @@ extern "C" int pn_ipp_stop(int, void*) {
 
 extern "C" int IPP_Initialize(void* printer, cmp_ipp_handler* handler) {
     cmp_ipp_manager* manager = cmp_ipp_manager::get();
-    manager->init(manager->m_printer != nullptr ? manager->m_printer : printer);
-    manager->m_handler = handler;
+    void* const current = manager->m_printer.load();
+    manager->init(current != nullptr ? current : printer);
+    manager->m_handler.store(handler);
     return 0;
 }
 

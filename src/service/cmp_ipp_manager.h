@@ -5,6 +5,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+
 #include "containers/cmp_ipp_buf.h"
 #include "containers/cmp_ipp_if.h"
 #include "msg/cmp_ipp_request.h"
@@ -27,6 +29,21 @@ class cmp_ipp_manager {
 public:
     enum cmp_ipp_reply_fmt_t { CMP_IPP_REPLY_FMT_IPP = 0, CMP_IPP_REPLY_FMT_HTML = 1 };
 
+    // Marks a stretch of code that uses the handler or the printer object. Enter
+    // before loading either pointer: an unregister call stores null first and then
+    // waits until no such stretch is open, so whatever was loaded stays valid
+    // until the scope ends.
+    class cmp_ipp_call_scope {
+    public:
+        cmp_ipp_call_scope();
+        ~cmp_ipp_call_scope();
+        cmp_ipp_call_scope(const cmp_ipp_call_scope&) = delete;
+        cmp_ipp_call_scope& operator=(const cmp_ipp_call_scope&) = delete;
+
+    private:
+        uint32_t m_phase;  // which of the two in-flight counters counts this scope
+    };
+
     static cmp_ipp_manager* m_singleton;
     // The one manager, created on first use; never deleted.
     static cmp_ipp_manager* get();
@@ -39,6 +56,14 @@ public:
     intptr_t getPrinterFromHandle(intptr_t handle) const;
     int removePrinter(intptr_t handle);
 
+    // Before the printer's software destroys its handler or printer object:
+    // clears the pointer when it is the registered one, then returns once no
+    // manager operation is still inside a call to the handler or reading the
+    // printer (a call made from inside a handler call does not wait for itself).
+    // Requests that come later are answered as without a handler or printer.
+    void unregisterHandler(cmp_ipp_handler* handler);
+    void unregisterPrinter(void* printer);
+
     // One request: create (decode, prepare, process), data, optional abort, destroy.
     cmp_ipp_streamed_ctx* streamCreate(cmp_ipp_buf& data, cmp_ipp_if_info_s* info);
     int processStreamedRequest(cmp_ipp_streamed_ctx* ctx);
@@ -47,8 +72,12 @@ public:
     // The handler's reply; the context is destroyed.
     cmp_ipp_buf streamDestroy(cmp_ipp_streamed_ctx* ctx, cmp_ipp_reply_fmt_t fmt);
 
-    void* m_printer;
-    cmp_ipp_handler* m_handler;
+    // Written at start-up and by the unregister calls, read by every stream.
+    std::atomic<void*> m_printer;
+    std::atomic<cmp_ipp_handler*> m_handler;
+
+private:
+    static void waitForCalls();
 };
 
 #endif

@@ -521,6 +521,46 @@ TEST_F(RefPrinterTest, IdentifyAndHtmlPage) {
     EXPECT_NE(html.find("<TD>carol</TD>"), std::string::npos);
 }
 
+// The page shows one group, "Printer": every attribute of the printer object
+// exactly as the library renders such a group, then the status attributes, then
+// the job table.
+TEST_F(RefPrinterTest, HtmlPageRendersThePrinterGroupAsTheLibraryDoes) {
+    printJob("<carol & co>", "x");
+    JobInfo job;
+    ASSERT_TRUE(printer->job(1, &job));
+    const std::string page = printer->htmlPage();
+
+    const std::string head = "<HTML><HEAD><TITLE>Test Printer</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H1>Test Printer"
+                             "</H1>\n<P>" + printer->config().info + "</P>\n";
+    cmp_ipp_attrs fixed("Printer");
+    const cmp_ipp_attrs& own = printer->object().m_attrs;
+    for (int32_t i = 0; i < own.count(); ++i) fixed.cmp_ipp_attrs_set_attr_by_name(&own[i], false);
+    const std::string group = fixed.toHTML().c_str();
+    ASSERT_GT(group.size(), 1000u);
+    ASSERT_EQ(page.compare(0, head.size() + group.size(), head + group), 0) << page.substr(0, 2000);
+
+    const std::string rest = page.substr(head.size() + group.size());
+    const size_t table = rest.find("<H2>Jobs</H2>\n");
+    ASSERT_NE(table, std::string::npos);
+    size_t at = 0;
+    for (const char* name : {"printer-current-time", "printer-is-accepting-jobs", "printer-state",
+                             "printer-state-change-date-time", "printer-state-change-time", "printer-state-message",
+                             "printer-state-reasons", "printer-up-time", "queued-job-count"}) {
+        const std::string line = std::string("<font color=\"blue\">") + name + ":</font> <i>";
+        EXPECT_EQ(rest.compare(at, line.size(), line), 0) << name;
+        at = rest.find("<br>\n", at);
+        ASSERT_NE(at, std::string::npos);
+        at += 5;
+    }
+    EXPECT_EQ(at, table) << "nothing between the status attributes and the job table";
+    const std::string jobs = std::string("<H2>Jobs</H2>\n<TABLE BORDER=\"1\"><TR><TH>Job</TH><TH>Name</TH><TH>User</TH>") +
+                             "<TH>State</TH><TH>Documents</TH><TH>k-octets</TH></TR>\n<TR><TD>1</TD><TD>" +
+                             job.name + "</TD><TD>&lt;carol &amp; co&gt;</TD><TD>Job " +
+                             (job.state == JobState::Completed ? "completed" : job.state == JobState::Processing ? "printing" : "pending") +
+                             ".</TD><TD>1</TD><TD>1</TD></TR>\n</TABLE>\n</BODY></HTML>\n";
+    EXPECT_EQ(rest.substr(table), jobs);
+}
+
 TEST_F(RefPrinterTest, ConcurrentPrintJobsKeepTheirDocumentsApart) {
     const int kThreads = 4, kJobsEach = 10;
     std::vector<std::thread> threads;

@@ -318,7 +318,11 @@ protected:
         EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == baselineBlocks_; }, 3000))
             << "blocks still outstanding: " << emwOSWTestOutstandingBlocks() - baselineBlocks_;
         pn_ipp_stop(0, nullptr);
-        cmp_ipp_manager::get()->m_handler = savedHandler_;
+        // A task cut short by the stop may still be ending: the handler goes away
+        // only once the manager no longer calls it.
+        cmp_ipp_manager* m = cmp_ipp_manager::get();
+        m->unregisterHandler(m->m_handler.load());
+        if (savedHandler_ != nullptr) IPP_Initialize(nullptr, savedHandler_);
         AHTTPD_setReceiveTimeout(30);
         AHTTPD_setKeepAlivePasses(200);
         unsetenv("GEN_UNIX_PATH");

@@ -20,11 +20,14 @@ protected:
     void SetUp() override {
         cmp_ipp_manager* m = cmp_ipp_manager::get();
         savedHandler_ = m->m_handler;
-        m->m_handler = &handler;
+        IPP_Initialize(nullptr, &handler);
         IPPCGI_EnableIPP(1);
     }
     void TearDown() override {
-        cmp_ipp_manager::get()->m_handler = savedHandler_;
+        // Whichever handler a test left registered: it goes out of scope now.
+        cmp_ipp_manager* m = cmp_ipp_manager::get();
+        m->unregisterHandler(m->m_handler.load());
+        if (savedHandler_ != nullptr) IPP_Initialize(nullptr, savedHandler_);
         IPPCGI_EnableIPP(0);
     }
 
@@ -125,7 +128,7 @@ TEST_F(ServiceTest, AbortedStreams) {
     const AbortCase cases[] = {{0x0002, true}, {0x0005, true}, {0x0006, true}, {0x000B, false}};
     for (const AbortCase& c : cases) {
         RecordingHandler fresh;
-        cmp_ipp_manager::get()->m_handler = &fresh;
+        IPP_Initialize(nullptr, &fresh);
         IPP_STREAM_HANDLE h = start(request(c.op));
         EXPECT_EQ(IPP_StreamDataAbort(h), 0);
         EXPECT_EQ(IPP_StreamStatusCode(h), 0x0405);
@@ -136,7 +139,7 @@ TEST_F(ServiceTest, AbortedStreams) {
         if (c.reported) expected.push_back("abort status=0x0405 printer=set");
         expected.push_back("finish ipp status=0x0405 printer=set");
         EXPECT_EQ(fresh.calls(), expected) << "operation " << c.op;
-        cmp_ipp_manager::get()->m_handler = &handler;
+        IPP_Initialize(nullptr, &handler);
     }
 
     IPP_STREAM_HANDLE failed = start(request(0x0002, 0));
@@ -176,7 +179,7 @@ TEST_F(ServiceTest, DisabledOrWithoutRecordGivesNoStream) {
 }
 
 TEST_F(ServiceTest, WithoutHandlerNothingIsCalledThroughNull) {
-    cmp_ipp_manager::get()->m_handler = nullptr;
+    cmp_ipp_manager::get()->unregisterHandler(&handler);
     IPP_STREAM_HANDLE h = start(request(0x0002));
     ASSERT_NE(h, nullptr);
     EXPECT_EQ(IPP_StreamStatusCode(h), 0x0502);
@@ -208,7 +211,7 @@ TEST_F(ServiceTest, PrinterAttributesPageRequest) {
     for (bool withUri : {false, true}) {
         Inspecting inspecting;
         inspecting.reply = "<html/>";
-        cmp_ipp_manager::get()->m_handler = &inspecting;
+        IPP_Initialize(nullptr, &inspecting);
         if (withUri) printer.printer.cmp_ipp_attrs_set_attr(0x45, 11, "ipp://printer/ipp/print");
         unsigned char* page = IPP_GetPrnAttrHtml(&len, &record);
         ASSERT_NE(page, nullptr);
@@ -222,7 +225,7 @@ TEST_F(ServiceTest, PrinterAttributesPageRequest) {
         ASSERT_EQ(calls.size(), 3u);
         EXPECT_EQ(calls.back(), "finish html status=0x0000 printer=set");
     }
-    cmp_ipp_manager::get()->m_handler = &handler;
+    IPP_Initialize(nullptr, &handler);
 }
 
 TEST_F(ServiceTest, StartAndStop) {
@@ -243,6 +246,59 @@ TEST_F(ServiceTest, StartAndStop) {
     EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
     EXPECT_EQ(m->m_printer, &otherPrinter);
     m->m_printer = first;
+}
+
+TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
+    cmp_ipp_manager* m = cmp_ipp_manager::get();
+    void* const registeredPrinter = m->m_printer;
+    RecordingHandler other;
+    int otherPrinter = 0;
+    m->unregisterHandler(&other);
+    m->unregisterHandler(nullptr);
+    EXPECT_EQ(m->m_handler, &handler) << "another handler leaves the registered one";
+    m->unregisterPrinter(&otherPrinter);
+    m->unregisterPrinter(nullptr);
+    EXPECT_EQ(m->m_printer, registeredPrinter) << "another printer leaves the registered one";
+
+    m->unregisterPrinter(registeredPrinter);
+    EXPECT_EQ(m->m_printer, nullptr);
+    IPP_STREAM_HANDLE h = start(request(0x000B));
+    EXPECT_GE(IPP_StreamStatusCode(h), 0x0400) << "without a printer the request fails";
+    end(h);
+    m->unregisterHandler(&handler);
+    EXPECT_EQ(m->m_handler, nullptr);
+    m->m_printer = registeredPrinter;
+    h = start(request(0x000B));
+    EXPECT_EQ(IPP_StreamStatusCode(h), 0x0502) << "without a handler the service is unavailable";
+    EXPECT_EQ(end(h), "");
+    EXPECT_EQ(handler.calls(), (Calls{"prepare status=0x0500 printer=null", "finish ipp status=0x0500 printer=null"}))
+        << "only the stream without a printer reached the handler";
+
+    // A later start registers both again.
+    m->m_printer = nullptr;
+    EXPECT_EQ(pn_ipp_start(registeredPrinter, &handler), 1);
+    EXPECT_EQ(m->m_printer, registeredPrinter);
+    EXPECT_EQ(m->m_handler, &handler);
+}
+
+// A handler may unregister itself from inside one of its calls: that call is not
+// waited for (it would never end), and the stream goes on without a handler.
+TEST_F(ServiceTest, UnregisterFromInsideAHandlerCallDoesNotWaitForItself) {
+    class SelfRemoving : public RecordingHandler {
+    public:
+        void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
+            RecordingHandler::processRequest(ctx, printer);
+            cmp_ipp_manager::get()->unregisterHandler(this);
+        }
+    };
+    SelfRemoving self;
+    IPP_Initialize(nullptr, &self);
+    IPP_STREAM_HANDLE h = start(request(0x0002));
+    EXPECT_EQ(cmp_ipp_manager::get()->m_handler, nullptr);
+    const unsigned char data[1] = {0};
+    EXPECT_EQ(IPP_StreamData(h, data, 1), 6u) << "data is refused once the handler is gone";
+    EXPECT_EQ(end(h), "");
+    EXPECT_EQ(self.calls(), (Calls{"prepare status=0x0000 printer=set", "process status=0x0000 printer=set"}));
 }
 
 }  // namespace

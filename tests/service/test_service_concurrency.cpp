@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <memory>
 #include <thread>
 #include <vector>
 
@@ -39,7 +41,7 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     ScopedPrinter printer;
     CountingHandler handler;
     cmp_ipp_handler* saved = cmp_ipp_manager::get()->m_handler;
-    cmp_ipp_manager::get()->m_handler = &handler;
+    IPP_Initialize(nullptr, &handler);
     IPPCGI_EnableIPP(1);
 
     const int kThreads = 8, kStreams = 300;
@@ -74,13 +76,147 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     }
     for (auto& th : threads) th.join();
     IPPCGI_EnableIPP(0);
-    cmp_ipp_manager::get()->m_handler = saved;
+    cmp_ipp_manager::get()->unregisterHandler(&handler);
+    if (saved != nullptr) IPP_Initialize(nullptr, saved);
 
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(handler.prepared.load(), kThreads * kStreams);
     EXPECT_EQ(handler.finished.load(), kThreads * kStreams) << "every stream ended exactly once";
     EXPECT_EQ(handler.aborted.load(), kThreads * kStreams / 10);
     EXPECT_EQ(handler.bytes.load(), uint64_t{kThreads} * kStreams * 3 * 512 - uint64_t{0});
+}
+
+// Polls f until it holds or the time is up; a broken library fails the test
+// instead of hanging it.
+template <class F>
+bool settles(F f, int timeoutMs) {
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!f()) {
+        if (std::chrono::steady_clock::now() > until) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// What a handler saw, kept outside it so that it can be read after the handler
+// is gone.
+struct Tracker {
+    std::atomic<bool> gone{false};  // set once unregisterHandler has returned
+    std::atomic<int> inside{0};
+    std::atomic<int> calls{0};
+    std::atomic<int> lateCalls{0};
+};
+
+class TrackedHandler : public cmp_ipp_handler {
+public:
+    explicit TrackedHandler(Tracker& t) : t_(t) {}
+    void processRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
+    void abortRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
+    void prepareRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
+    uint32_t streamData(cmp_ipp_streamed_ctx*, const cmp_ipp_buf&, void* printer) override {
+        call(printer);
+        return 0;
+    }
+    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t fmt,
+                              void* printer) override {
+        call(printer);
+        if (fmt == cmp_ipp_manager::CMP_IPP_REPLY_FMT_HTML || ctx == nullptr) return cmp_ipp_buf("<p>page</p>", true);
+        return ctx->m_response.cmp_ipp_msg_encode();
+    }
+
+private:
+    void call(void* printer) {
+        if (t_.gone.load()) ++t_.lateCalls;
+        ++t_.inside;
+        ++t_.calls;
+        // Read the printer object the way a handler does, and give other threads
+        // room to overlap with the unregister.
+        if (printer != nullptr) (void)static_cast<cmp_ipp_obj*>(printer)->m_attrs.count();
+        std::this_thread::yield();
+        --t_.inside;
+    }
+    Tracker& t_;
+};
+
+// Handlers and printers are swapped out while eight threads drive streams and
+// attribute pages: once the unregister calls return, the handler and the printer
+// object are destroyed, and nothing may touch them (the sanitizers see any use);
+// later requests get the answers of a service without handler or printer.
+TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHandler) {
+    ScopedRegistry reg{messageTables()};
+    cmp_ipp_manager* m = cmp_ipp_manager::get();
+    cmp_ipp_handler* savedHandler = m->m_handler;
+    void* savedPrinter = m->m_printer;
+    m->m_printer = nullptr;  // each round's printer puts this back when it goes
+    IPPCGI_EnableIPP(1);
+
+    const int kThreads = 8;
+    const int kRounds = 3;
+    for (int round = 0; round < kRounds; ++round) {
+        SCOPED_TRACE(round);
+        Tracker tracker;
+        TrackedHandler* handler = new TrackedHandler(tracker);
+        ScopedPrinter* printer = new ScopedPrinter();
+        IPP_Initialize(nullptr, handler);
+
+        std::atomic<bool> quit{false};
+        std::atomic<int> served{0}, unanswered{0}, wrong{0};
+        std::vector<std::thread> threads;
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&, t] {
+                cmp_ipp_if_info_s record{};
+                const unsigned char data[64] = {0};
+                for (int i = 0; !quit.load(); ++i) {
+                    int len = 0;
+                    if (i % 5 == t % 5) {
+                        cmp_ipp_free(IPP_GetPrnAttrHtml(&len, &record));
+                    } else {
+                        Ipp req;
+                        req.header(1, 1, 0x0002, static_cast<uint32_t>(i + 1)).opGroup().tag(3);
+                        IPP_STREAM_HANDLE h =
+                            IPP_StreamDataStart(req.b.data(), static_cast<uint32_t>(req.b.size()), &record);
+                        if (h == nullptr) {
+                            ++wrong;
+                            continue;
+                        }
+                        const uint16_t status = IPP_StreamStatusCode(h);
+                        const uint32_t accepted = IPP_StreamData(h, data, sizeof data);
+                        if (i % 7 == 0) IPP_StreamDataAbort(h);
+                        cmp_ipp_free(IPP_StreamDataEnd(h, 0, &len));
+                        // With a handler: processed, accepted, answered. Without one
+                        // (or without a printer): an error status, refused, no reply.
+                        // A stream that saw the handler go has lost it for good: no
+                        // reply once its data was refused.
+                        if (status == 0 && accepted == 0 && len > 0) {
+                            ++served;
+                        } else if (status >= 0x0400 && accepted == 6 && len == 0) {
+                            ++unanswered;
+                        } else if (status != 0 || (accepted != 0 && accepted != 6) || (accepted == 6 && len > 0)) {
+                            ++wrong;
+                        }
+                    }
+                }
+            });
+        }
+        ASSERT_TRUE(settles([&] { return served.load() >= 200; }, 20000));
+        m->unregisterHandler(handler);
+        tracker.gone = true;
+        EXPECT_EQ(tracker.inside.load(), 0) << "unregister returned while a call was inside the handler";
+        EXPECT_EQ(m->m_handler.load(), nullptr);
+        delete handler;
+        m->unregisterPrinter(&printer->printer);
+        EXPECT_EQ(m->m_printer.load(), nullptr);
+        delete printer;
+        const int before = unanswered.load();
+        ASSERT_TRUE(settles([&] { return unanswered.load() >= before + 200; }, 20000));
+        quit = true;
+        for (auto& th : threads) th.join();
+        EXPECT_EQ(tracker.lateCalls.load(), 0) << "a call reached the handler after it was unregistered";
+        EXPECT_EQ(wrong.load(), 0);
+    }
+    IPPCGI_EnableIPP(0);
+    m->m_printer = savedPrinter;
+    if (savedHandler != nullptr) IPP_Initialize(nullptr, savedHandler);
 }
 
 }  // namespace
