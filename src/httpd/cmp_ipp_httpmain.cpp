@@ -8,6 +8,12 @@
 // and removing its socket file. The byte is left in the pipe while the flag is up,
 // so every listener sees it; a byte found while no stop is in progress is stale
 // and is drained.
+//
+// A stop that finds no connection open returns at once and lowers the shutdown
+// flag again, possibly before the listener has woken. So a stop also leaves a
+// request to leave that stays up until the next start; that start first waits
+// for the listeners asked to leave, so an old listener never removes the socket
+// file of a new one.
 #include "httpd/cmp_ipp_httpmain.h"
 
 #include <errno.h>
@@ -58,8 +64,16 @@ void drainWake() {
     }
 }
 
+std::atomic<int32_t> g_leaveRequested{0};
+std::atomic<int32_t> g_listenersAlive{0};
+
+bool stopping() { return g_pn_httpd_shutdown.load() != 0 || g_leaveRequested.load() != 0; }
+
 int leave(int rc) {
-    g_pn_httpd_num_ports.fetch_sub(1);
+    // A stop that has already returned set the count to 0: never below that.
+    int32_t n = g_pn_httpd_num_ports.load();
+    while (n > 0 && !g_pn_httpd_num_ports.compare_exchange_weak(n, n - 1)) {
+    }
     return rc;
 }
 
@@ -106,6 +120,17 @@ void pn_httpd_wake_listener() {
     // A full pipe already holds a wake-up: nothing is lost when this write fails.
     (void)!write(fd, &byte, 1);
 }
+
+void pn_httpd_listeners_leave() { g_leaveRequested.store(1); }
+
+void pn_httpd_listener_starting() {
+    // Listeners asked to leave do so within a poll wake-up.
+    while (g_leaveRequested.load() != 0 && g_listenersAlive.load() > 0) IPP_ThreadDelay(1);
+    g_leaveRequested.store(0);
+    g_listenersAlive.fetch_add(1);
+}
+
+void pn_httpd_listener_ended() { g_listenersAlive.fetch_sub(1); }
 
 bool pn_httpd_conn_add(int sock) {
     if (sock <= 0) return false;
@@ -198,7 +223,7 @@ extern "C" int pn_httpd_main(void) {
 
     const bool canWake = pn_httpd_wake_prepare();
     int32_t connectionNumber = 0;
-    while (g_pn_httpd_shutdown.load() == 0) {
+    while (!stopping()) {
         ++connectionNumber;
         if (listen(listener, kBacklog) != 0) {
             tracer(0, "cmp_ipp_httpmain: %s(%d):  listen() failed.\n", "pn_httpd_main", 318);
@@ -212,7 +237,7 @@ extern "C" int pn_httpd_main(void) {
             continue;
         }
         if (canWake && (waits[1].revents & POLLIN) != 0) {
-            if (g_pn_httpd_shutdown.load() != 0) break;
+            if (stopping()) break;
             drainWake();
         }
         if ((waits[0].revents & (POLLIN | POLLERR | POLLHUP)) == 0) continue;
@@ -238,11 +263,11 @@ extern "C" int pn_httpd_main(void) {
         // Entered in the table before the shutdown flag is tested: a stop either
         // finds this connection there or is seen here.
         const bool tracked = pn_httpd_conn_add(sock);
-        if (!tracked || g_pn_httpd_shutdown.load() != 0 || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {
+        if (!tracked || stopping() || getConnectionCount() > AHTTPD_MAX_CONNECTIONS - 1) {
             tracer(0, "cmp_ipp_httpmain: %s(%d): HTTP has reached the max open connections.  Closing new request.\n",
                    "pn_httpd_main", 349);
             ahttpdCloseSocketConnection(sock);
-            if (g_pn_httpd_shutdown.load() != 0) break;
+            if (stopping()) break;
             continue;
         }
         if (sock > INT16_MAX) {

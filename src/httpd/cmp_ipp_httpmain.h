@@ -8,6 +8,15 @@ bool pn_httpd_wake_prepare();
 // Makes every listener waiting for a connection look at the shutdown flag.
 void pn_httpd_wake_listener();
 
+// A stop's request that every running listener leave. It outlasts the stop (a
+// stop may return before the listener has woken) and is withdrawn by the next
+// start, which first waits until the listeners asked to leave have gone.
+void pn_httpd_listeners_leave();
+void pn_httpd_listener_starting();
+// Called by a listener task (or by the start routine when the task could not be
+// created) once the listener has closed and removed its socket.
+void pn_httpd_listener_ended();
+
 // Open connection sockets, so that a stop can cut every one of them short.
 // The listener adds a socket right after accepting it (false: the table is full);
 // ahttpdCloseSocketConnection removes it and closes it in one step under the

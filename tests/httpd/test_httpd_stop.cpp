@@ -170,3 +170,30 @@ TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsF
 }
 
 }  // namespace
+
+namespace {
+
+// Back-to-back stops and starts: a stop with nothing open returns before the
+// listener has left, and the next start must neither be refused by the old
+// listener's leaving nor lose its socket file to it.
+TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
+    for (int round = 0; round < 20; ++round) {
+        SCOPED_TRACE(round);
+        ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
+        running_ = true;
+        if (round % 2 == 0) {
+            // Half the rounds stop before the listener has even bound its socket.
+            ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
+        }
+        EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
+        running_ = false;
+    }
+    start();
+    for (int i = 0; i < 5; ++i) {
+        Client c(path_);
+        ASSERT_TRUE(c.sendRequest(R::get()));
+        EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
+    }
+}
+
+}  // namespace
