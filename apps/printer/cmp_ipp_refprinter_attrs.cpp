@@ -242,10 +242,14 @@ EncodedAttrs::EncodedAttrs(const cmp_ipp_attrs& group) {
         m_entries.push_back(std::move(e));
         return false;
     });
-    m_byName.resize(m_entries.size());
-    for (size_t i = 0; i < m_byName.size(); ++i) m_byName[i] = static_cast<uint32_t>(i);
-    std::stable_sort(m_byName.begin(), m_byName.end(),
-                     [this](uint32_t a, uint32_t b) { return m_entries[a].name < m_entries[b].name; });
+    // Insertion sort: made once per attribute set, stable (equal names keep
+    // their order) and small in code.
+    m_byName.reserve(m_entries.size());
+    for (size_t i = 0; i < m_entries.size(); ++i) {
+        size_t at = m_byName.size();
+        while (at > 0 && m_entries[i].name < m_entries[m_byName[at - 1]].name) --at;
+        m_byName.insert(m_byName.begin() + static_cast<std::ptrdiff_t>(at), static_cast<uint32_t>(i));
+    }
 }
 
 void EncodedAttrs::named(std::string_view name, const uint32_t** begin, const uint32_t** end) const {

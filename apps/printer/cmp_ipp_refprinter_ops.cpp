@@ -156,14 +156,14 @@ namespace {
 
 // Which attributes a query asked for: names and group names.
 struct Requested {
-    std::set<std::string, std::less<>> names;
+    std::set<std::string> names;
     bool all = false;
     bool description = false;  // "printer-description" or "job-description"
     bool jobTemplate = false;
 
     // isTemplate() is asked only when the answer depends on it.
     template <typename IsTemplate>
-    bool wants(std::string_view name, IsTemplate isTemplate) const {
+    bool wants(const std::string& name, IsTemplate isTemplate) const {
         if (names.count(name) != 0) return true;
         // Large; sent only when asked for by name.
         if (name == "media-col-database") return false;
@@ -171,7 +171,7 @@ struct Requested {
         if (jobTemplate == description) return jobTemplate;
         return isTemplate() ? jobTemplate : description;
     }
-    bool wants(std::string_view name, bool isTemplate) const {
+    bool wants(const std::string& name, bool isTemplate) const {
         return wants(name, [isTemplate] { return isTemplate; });
     }
 };
@@ -830,7 +830,8 @@ void Operations::jobSummaryLocked(const Printer::Job& job, cmp_ipp_attrs& out) c
 
 void Operations::jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp_ipp_attrs& out, int64_t now) const {
     m_p.jobAttrsLocked(job, out, now, [&](const char* name) {
-        return r.wants(name, [&] { return job.templateNames.count(name) != 0; });
+        const std::string n(name);
+        return r.wants(n, [&] { return job.templateNames.count(n) != 0; });
     });
 }
 
