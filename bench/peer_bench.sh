@@ -257,13 +257,14 @@ names=()
 if [ -n "$ours_both" ]; then names+=("$ours_both"); else names+=(BM_DecodeRequests BM_EncodeRequests); fi
 for n in "$peer_both" "$peer_read" "$peer_write"; do if [ -n "$n" ]; then names+=("$n"); fi; done
 filter="^($(printf '%s\n' "${names[@]}" | sort -u | paste -sd'|'))\$"
-"$bench_msg" --benchmark_filter="$filter" --benchmark_repetitions="$reps" \
-  --benchmark_report_aggregates_only=true --benchmark_format=csv >"$codec_csv" 2>/dev/null || true
+# The results go to a file: bench_msg may print its own console table.
+"$bench_msg" --benchmark_filter="$filter" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
+  --benchmark_out="$codec_csv" --benchmark_out_format=csv >/dev/null 2>&1 || true
 # name -> microseconds per item (1e6 / items_per_second): the median row, or
 # the only row when there was one repetition.
 per_item() {
   awk -F, -v name="$1" '
-    NR == 1 { for (i = 1; i <= NF; i++) if ($i == "items_per_second") col = i; next }
+    /^name,/ { for (i = 1; i <= NF; i++) if ($i == "items_per_second") col = i; next }
     !col || $col <= 0 { next }
     $1 == "\"" name "_median\"" { median = 1e6 / $col }
     $1 == "\"" name "\"" { single = 1e6 / $col }
