@@ -84,7 +84,7 @@ cleanup() {
   if [ "$started_avahi" = 1 ]; then avahi-daemon -k 2>/dev/null || true; fi
   if [ -n "$started_dbus" ]; then
     kill -TERM "$started_dbus" 2>/dev/null || true
-    rm -f /run/dbus/pid
+    rm -f /run/dbus/pid /run/dbus/system_bus_socket
   fi
   rm -rf "$tmp"
 }
