@@ -139,6 +139,7 @@ Printer::Printer(Config config) : m_config(std::move(config)), m_handler(*this) 
     m_lastFinishMs = m_startMs;
     m_obj.setName(m_config.name.c_str());
     buildAttributes();
+    m_encodedAttrs = encodePrinterAttrs(m_obj.m_attrs, true);
 }
 
 Printer::~Printer() {
@@ -382,56 +383,97 @@ void Printer::advanceLocked(int64_t now) {
     }
 }
 
-void Printer::statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const {
-    bool printing = false;
-    int32_t queued = 0;
+Printer::StatusKey Printer::statusKeyLocked(int64_t now) const {
+    StatusKey k;
     for (const auto& j : m_jobs) {
         const JobState s = j.second->state;
-        if (s == JobState::Processing) printing = true;
-        if (s == JobState::Pending || s == JobState::Processing || s == JobState::PendingHeld) ++queued;
+        if (s == JobState::Processing) k.printing = true;
+        if (s == JobState::Pending || s == JobState::Processing || s == JobState::PendingHeld) ++k.queued;
     }
-    const time_t wall = static_cast<time_t>(m_startWall + (now - m_startMs) / 1000);
-    append(out, dateTime("printer-current-time", wall));
-    append(out, boolean("printer-is-accepting-jobs", m_accepting));
-    append(out, enums("printer-state", {printing ? 4 : 3}));
-    append(out, dateTime("printer-state-change-date-time",
-                         static_cast<time_t>(m_startWall + (m_stateChangeMs - m_startMs) / 1000)));
-    append(out, integer("printer-state-change-time", upTime(m_stateChangeMs)));
-    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", printing ? "Printing." : "Idle."));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", {"none"}));
-    append(out, integer("printer-up-time", upTime(now)));
-    append(out, integer("queued-job-count", queued));
+    k.elapsedS = (now - m_startMs) / 1000;
+    k.stateChangeMs = m_stateChangeMs;
+    k.accepting = m_accepting;
+    return k;
 }
 
-void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) const {
+// Made from the key alone, so that a key stands for its attributes.
+void Printer::statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const {
+    const StatusKey k = statusKeyLocked(now);
+    append(out, dateTime("printer-current-time", static_cast<time_t>(m_startWall + k.elapsedS)));
+    append(out, boolean("printer-is-accepting-jobs", k.accepting));
+    append(out, enums("printer-state", {k.printing ? 4 : 3}));
+    append(out, dateTime("printer-state-change-date-time",
+                         static_cast<time_t>(m_startWall + (k.stateChangeMs - m_startMs) / 1000)));
+    append(out, integer("printer-state-change-time", upTime(k.stateChangeMs)));
+    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", k.printing ? "Printing." : "Idle."));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", {"none"}));
+    append(out, integer("printer-up-time", static_cast<int32_t>(k.elapsedS) + 1));
+    append(out, integer("queued-job-count", k.queued));
+}
+
+std::shared_ptr<const EncodedPrinterAttrs> Printer::encodedStatusLocked(int64_t now) {
+    const StatusKey k = statusKeyLocked(now);
+    if (m_encodedStatus == nullptr || !(k == m_statusKey)) {
+        cmp_ipp_attrs status;
+        statusAttrsLocked(status, now);
+        m_encodedStatus = encodePrinterAttrs(status, false);
+        m_statusKey = k;
+    }
+    return m_encodedStatus;
+}
+
+void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now,
+                             const std::function<bool(const char*)>& keep) const {
+    // Only what is kept is built: a job list usually wants two attributes of each job.
     auto wallOf = [this](int64_t ms) { return static_cast<time_t>(m_startWall + (ms - m_startMs) / 1000); };
-    append(out, integer("job-id", job.id));
-    append(out, text(CMP_IPP_TAG_URI, "job-uri", jobUri(job.id)));
-    append(out, text(CMP_IPP_TAG_URI, "job-uuid", job.uuid));
-    append(out, text(CMP_IPP_TAG_URI, "job-printer-uri", m_config.uris[0]));
-    append(out, text(CMP_IPP_TAG_URI, "job-more-info", "http://" + authorityOf(m_config.uris[0]) + "/"));
-    append(out, text(CMP_IPP_TAG_NAME, "job-name", job.name));
-    append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
-    append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
-    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
-    append(out, integer("job-printer-up-time", upTime(now)));
-    append(out, integer("time-at-creation", upTime(job.createdMs)));
-    append(out, job.processingMs >= 0 ? integer("time-at-processing", upTime(job.processingMs))
-                                      : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-processing"));
-    append(out, job.completedMs >= 0 ? integer("time-at-completed", upTime(job.completedMs))
-                                     : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-completed"));
-    append(out, dateTime("date-time-at-creation", wallOf(job.createdMs)));
-    append(out, job.processingMs >= 0 ? dateTime("date-time-at-processing", wallOf(job.processingMs))
-                                      : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-processing"));
-    append(out, job.completedMs >= 0 ? dateTime("date-time-at-completed", wallOf(job.completedMs))
-                                     : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-completed"));
-    append(out, integer("job-k-octets", static_cast<int32_t>((job.octets + 1023) / 1024)));
-    append(out, integer("number-of-documents", job.documents));
-    if (!job.format.empty()) append(out, text(CMP_IPP_TAG_MIMETYPE, "document-format-supplied", job.format));
-    if (!job.documentName.empty()) append(out, text(CMP_IPP_TAG_NAME, "document-name-supplied", job.documentName));
-    if (!job.holdUntil.empty()) append(out, text(CMP_IPP_TAG_KEYWORD, "job-hold-until", job.holdUntil));
-    for (const cmp_ipp_attr& t : job.templateAttrs) append(out, t);
+    if (keep("job-id")) append(out, integer("job-id", job.id));
+    if (keep("job-uri")) append(out, text(CMP_IPP_TAG_URI, "job-uri", jobUri(job.id)));
+    if (keep("job-uuid")) append(out, text(CMP_IPP_TAG_URI, "job-uuid", job.uuid));
+    if (keep("job-printer-uri")) append(out, text(CMP_IPP_TAG_URI, "job-printer-uri", m_config.uris[0]));
+    if (keep("job-more-info")) {
+        append(out, text(CMP_IPP_TAG_URI, "job-more-info", "http://" + authorityOf(m_config.uris[0]) + "/"));
+    }
+    if (keep("job-name")) append(out, text(CMP_IPP_TAG_NAME, "job-name", job.name));
+    if (keep("job-originating-user-name")) append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
+    if (keep("job-state")) append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
+    if (keep("job-state-reasons")) {
+        append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
+    }
+    if (keep("job-state-message")) append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
+    if (keep("job-printer-up-time")) append(out, integer("job-printer-up-time", upTime(now)));
+    if (keep("time-at-creation")) append(out, integer("time-at-creation", upTime(job.createdMs)));
+    if (keep("time-at-processing")) {
+        append(out, job.processingMs >= 0 ? integer("time-at-processing", upTime(job.processingMs))
+                                          : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-processing"));
+    }
+    if (keep("time-at-completed")) {
+        append(out, job.completedMs >= 0 ? integer("time-at-completed", upTime(job.completedMs))
+                                         : outOfBand(CMP_IPP_TAG_NOVALUE, "time-at-completed"));
+    }
+    if (keep("date-time-at-creation")) append(out, dateTime("date-time-at-creation", wallOf(job.createdMs)));
+    if (keep("date-time-at-processing")) {
+        append(out, job.processingMs >= 0 ? dateTime("date-time-at-processing", wallOf(job.processingMs))
+                                          : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-processing"));
+    }
+    if (keep("date-time-at-completed")) {
+        append(out, job.completedMs >= 0 ? dateTime("date-time-at-completed", wallOf(job.completedMs))
+                                         : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-completed"));
+    }
+    if (keep("job-k-octets")) append(out, integer("job-k-octets", static_cast<int32_t>((job.octets + 1023) / 1024)));
+    if (keep("number-of-documents")) append(out, integer("number-of-documents", job.documents));
+    if (!job.format.empty() && keep("document-format-supplied")) {
+        append(out, text(CMP_IPP_TAG_MIMETYPE, "document-format-supplied", job.format));
+    }
+    if (!job.documentName.empty() && keep("document-name-supplied")) {
+        append(out, text(CMP_IPP_TAG_NAME, "document-name-supplied", job.documentName));
+    }
+    if (!job.holdUntil.empty() && keep("job-hold-until")) {
+        append(out, text(CMP_IPP_TAG_KEYWORD, "job-hold-until", job.holdUntil));
+    }
+    for (const Span& s : topLevel(job.templateAttrs)) {
+        if (!keep(s.name.c_str())) continue;
+        for (int32_t i = s.first; i < s.last; ++i) append(out, job.templateAttrs[static_cast<size_t>(i)]);
+    }
 }
 
 JobInfo Printer::infoOf(const Job& job) const {

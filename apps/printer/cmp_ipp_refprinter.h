@@ -9,6 +9,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -71,6 +72,7 @@ struct JobInfo {
 
 class Printer;
 class Operations;
+struct EncodedPrinterAttrs;
 
 // The operations side: called by the library, concurrently for different streams.
 class Handler : public cmp_ipp_handler {
@@ -102,13 +104,18 @@ public:
     void stop();
 
     // The printer object handed to the library. Its attributes are fixed once
-    // constructed (the library reads them without locking); the status
-    // attributes (printer-state, queued-job-count, ...) are made per response.
+    // constructed: the library reads them without locking, and replies are
+    // assembled from the wire form made of them then. The status attributes
+    // (printer-state, queued-job-count, ...) are made per response.
     cmp_ipp_obj& object() { return m_obj; }
     Handler& handler() { return m_handler; }
     const Config& config() const { return m_config; }
 
     void setAcceptingJobs(bool accepting);
+    // Get-Printer-Attributes replies are assembled from the printer's attributes
+    // kept in wire form (the default). Off, every reply is built attribute by
+    // attribute, as the wire form is checked against; both give the same bytes.
+    void setEncodedReplies(bool on) { m_encodedReplies.store(on, std::memory_order_relaxed); }
     std::vector<JobInfo> jobs();
     bool job(int32_t id, JobInfo* out);
     uint32_t identifyCount() const;
@@ -133,10 +140,26 @@ private:
     // Needs m_mutex.
     void advanceLocked(int64_t now);
     Job* findJobLocked(int32_t id);
+    // Everything the status attributes are made from: equal keys, equal attributes.
+    struct StatusKey {
+        int64_t elapsedS = 0;  // whole seconds since start
+        int64_t stateChangeMs = 0;
+        int32_t queued = 0;
+        bool printing = false;
+        bool accepting = false;
+        bool operator==(const StatusKey& o) const {
+            return elapsedS == o.elapsedS && stateChangeMs == o.stateChangeMs && queued == o.queued &&
+                   printing == o.printing && accepting == o.accepting;
+        }
+    };
+    StatusKey statusKeyLocked(int64_t now) const;
     // The printer's status attributes as they are now. Needs m_mutex.
     void statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const;
-    // Every attribute of a job as it is now. Needs m_mutex.
-    void jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) const;
+    // The same in wire form, made again only when the key changes. Needs m_mutex.
+    std::shared_ptr<const EncodedPrinterAttrs> encodedStatusLocked(int64_t now);
+    // The attributes of a job as they are now, those keep() takes by name. Needs m_mutex.
+    void jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now,
+                        const std::function<bool(const char*)>& keep) const;
     JobInfo infoOf(const Job& job) const;
     std::string spoolPath(int32_t jobId, int32_t doc, const std::string& format,
                           const std::string& compression) const;
@@ -148,6 +171,9 @@ private:
     int64_t m_startMs;
     int64_t m_startWall;
     bool m_started = false;
+    // m_obj's attributes in wire form; they never change once built.
+    std::unique_ptr<const EncodedPrinterAttrs> m_encodedAttrs;
+    std::atomic<bool> m_encodedReplies{true};
 
     mutable std::mutex m_mutex;  // guards everything below
     std::map<int32_t, std::unique_ptr<Job>> m_jobs;
@@ -157,6 +183,8 @@ private:
     uint32_t m_identifyCount = 0;
     int64_t m_stateChangeMs;
     int64_t m_lastFinishMs = 0;  // when the processor last became free
+    StatusKey m_statusKey;
+    std::shared_ptr<const EncodedPrinterAttrs> m_encodedStatus;  // made for m_statusKey
 };
 
 }  // namespace refprinter

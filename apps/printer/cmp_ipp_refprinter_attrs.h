@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "attr/cmp_ipp_attr.h"
@@ -63,11 +64,49 @@ struct Span {
     std::string name;
 };
 std::vector<Span> topLevel(const cmp_ipp_attrs& group);
+std::vector<Span> topLevel(const std::vector<cmp_ipp_attr>& list);
 // The first top-level attribute of that name (collections: their begCollection).
 const cmp_ipp_attr* findTop(const cmp_ipp_attrs& group, const char* name);
 void copySpan(const cmp_ipp_attrs& from, const Span& span, cmp_ipp_attrs& to);
 
+// The top-level attributes of a group in wire form, one after the other, each
+// with its name and byte range: a reply takes any of them, in order, by copying
+// bytes instead of building and encoding attribute objects.
+class EncodedAttrs {
+public:
+    struct Entry {
+        std::string name;
+        int32_t first;  // index of its first entry in the group it was made from
+        uint32_t offset;
+        uint32_t length;
+    };
+
+    EncodedAttrs() = default;
+    // Encodes copies: encoding fills in name lengths, and the group may be read
+    // by other threads meanwhile.
+    explicit EncodedAttrs(const cmp_ipp_attrs& group);
+
+    size_t size() const { return m_entries.size(); }
+    const Entry& operator[](size_t i) const { return m_entries[i]; }
+    const unsigned char* bytes() const { return m_bytes.data(); }
+    // Entry indexes of that name, in group order, as [*begin, *end).
+    void named(std::string_view name, const uint32_t** begin, const uint32_t** end) const;
+    // The first entry of that name, or -1.
+    int32_t indexOf(std::string_view name) const;
+    // Total length of the entries whose flag is set.
+    uint32_t selectedLength(const std::vector<uint8_t>& selected) const;
+    // Appends the bytes of the entries whose flag is set, in order.
+    void appendSelected(const std::vector<uint8_t>& selected, cmp_ipp_buf& out) const;
+
+private:
+    std::vector<unsigned char> m_bytes;
+    std::vector<Entry> m_entries;
+    std::vector<uint32_t> m_byName;  // entry indexes by name, then by position
+};
+
 std::string textOf(const cmp_ipp_attr& attr, int32_t i = 0);
+// The same text without a copy; valid while the attribute is unchanged.
+std::string_view textViewOf(const cmp_ipp_attr& attr, int32_t i = 0);
 int32_t wordOf(const cmp_ipp_attr& attr, int32_t i = 0);
 bool isTextTag(int32_t tag);
 

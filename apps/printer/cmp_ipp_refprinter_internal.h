@@ -10,6 +10,7 @@
 
 #include "attr/cmp_ipp_attr.h"
 #include "cmp_ipp_refprinter.h"
+#include "cmp_ipp_refprinter_attrs.h"
 
 namespace refprinter {
 
@@ -54,6 +55,20 @@ struct Printer::Stream {
     bool lastDocument = false;
     bool failed = false;
 };
+
+// Printer attributes in wire form, with how a query reaches each one.
+struct EncodedPrinterAttrs {
+    enum Reach : uint8_t {
+        kByNameOnly,          // sent only when asked for by name
+        kJobTemplateGroup,    // also with "job-template"
+        kDescriptionGroup,    // also with "printer-description"
+    };
+    attrs::EncodedAttrs encoded;
+    std::vector<uint8_t> reach;  // one per entry
+};
+// withTemplates: whether attributes describing job template attributes count
+// as the "job-template" group (the printer's fixed ones) or not (its status).
+std::unique_ptr<EncodedPrinterAttrs> encodePrinterAttrs(const cmp_ipp_attrs& group, bool withTemplates);
 
 // Seconds a job may wait for its next document (multiple-operation-time-out).
 const int32_t kMultipleOperationTimeOutS = 60;

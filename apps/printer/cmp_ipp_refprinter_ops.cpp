@@ -7,8 +7,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cmp_ipp_refprinter.h"
@@ -135,6 +137,23 @@ bool isJobTemplatePrinterAttr(const std::string& name) {
     return false;
 }
 
+}  // namespace
+
+std::unique_ptr<EncodedPrinterAttrs> encodePrinterAttrs(const cmp_ipp_attrs& group, bool withTemplates) {
+    std::unique_ptr<EncodedPrinterAttrs> e(new EncodedPrinterAttrs{attrs::EncodedAttrs(group), {}});
+    e->reach.reserve(e->encoded.size());
+    for (size_t i = 0; i < e->encoded.size(); ++i) {
+        const std::string& name = e->encoded[i].name;
+        EncodedPrinterAttrs::Reach reach = EncodedPrinterAttrs::kDescriptionGroup;
+        if (name == "media-col-database") reach = EncodedPrinterAttrs::kByNameOnly;
+        else if (withTemplates && isJobTemplatePrinterAttr(name)) reach = EncodedPrinterAttrs::kJobTemplateGroup;
+        e->reach.push_back(reach);
+    }
+    return e;
+}
+
+namespace {
+
 // Which attributes a query asked for: names and group names.
 struct Requested {
     std::set<std::string> names;
@@ -142,13 +161,53 @@ struct Requested {
     bool description = false;  // "printer-description" or "job-description"
     bool jobTemplate = false;
 
-    bool wants(const std::string& name, bool isTemplate) const {
+    // isTemplate() is asked only when the answer depends on it.
+    template <typename IsTemplate>
+    bool wants(const std::string& name, IsTemplate isTemplate) const {
         if (names.count(name) != 0) return true;
         // Large; sent only when asked for by name.
         if (name == "media-col-database") return false;
-        return all || (isTemplate ? jobTemplate : description);
+        if (all) return true;
+        if (jobTemplate == description) return jobTemplate;
+        return isTemplate() ? jobTemplate : description;
+    }
+    bool wants(const std::string& name, bool isTemplate) const {
+        return wants(name, [isTemplate] { return isTemplate; });
     }
 };
+
+// The same for a query answered from attributes in wire form: the names are
+// views into the request's values.
+struct RequestedNames {
+    std::vector<std::string_view> names;
+    bool all = false;
+    bool description = false;
+    bool jobTemplate = false;
+};
+
+// Flags the entries of a wire-form group that a query takes, by the rules of
+// Requested::wants.
+void select(const EncodedPrinterAttrs& group, const RequestedNames& r, std::vector<uint8_t>& selected) {
+    const size_t n = group.encoded.size();
+    selected.assign(n, 0);
+    for (size_t i = 0; i < n; ++i) {
+        switch (group.reach[i]) {
+        case EncodedPrinterAttrs::kByNameOnly: break;
+        case EncodedPrinterAttrs::kJobTemplateGroup: selected[i] = r.all || r.jobTemplate; break;
+        case EncodedPrinterAttrs::kDescriptionGroup: selected[i] = r.all || r.description; break;
+        }
+    }
+    for (std::string_view name : r.names) {
+        const uint32_t* begin = nullptr;
+        const uint32_t* end = nullptr;
+        group.encoded.named(name, &begin, &end);
+        for (; begin != end; ++begin) selected[*begin] = 1;
+    }
+}
+
+// In a context's handler word: the response's printer group waits, encoded, in
+// its document data.
+const uint32_t kEncodedPrinterGroup = 0x47504131;
 
 // Index one past the endCollection that closes the begCollection at i.
 int32_t collectionEnd(const cmp_ipp_attrs& g, int32_t i, int32_t limit) {
@@ -230,6 +289,8 @@ public:
     uint32_t data(const cmp_ipp_buf& data);
     void abort();
     void finish();
+    // The encoded response.
+    cmp_ipp_buf reply();
 
 private:
     // ---- request reading ----
@@ -250,6 +311,9 @@ private:
         return opText("document-format", d != nullptr ? textOf(*d) : "application/octet-stream");
     }
     Requested requested(bool forJobs) const;
+    RequestedNames requestedNames() const;
+    // A client zone makes the library rewrite URIs in the response's attributes.
+    bool clientZoneGiven();
 
     // ---- response writing ----
     void fail(uint16_t status, const std::string& message) {
@@ -284,7 +348,13 @@ private:
     bool valueSupported(const TemplateRule& rule, const cmp_ipp_attrs& g, const Span& s) const;
     bool mediaColSupported(const cmp_ipp_attrs& g, const Span& s) const;
     bool finishingsColSupported(const cmp_ipp_attrs& g, const Span& s) const;
-    const cmp_ipp_attr* printerAttr(const char* name) const { return findTop(m_p.m_obj.m_attrs, name); }
+    // The first top-level printer attribute of that name, found through the wire
+    // form's index (the attributes never change once the printer is built).
+    const cmp_ipp_attr* printerAttr(const char* name) const {
+        const attrs::EncodedAttrs& e = m_p.m_encodedAttrs->encoded;
+        const int32_t i = e.indexOf(name);
+        return i < 0 ? nullptr : &m_p.m_obj.m_attrs[e[static_cast<size_t>(i)].first];
+    }
     bool inList(const char* supported, const std::string& value) const {
         const cmp_ipp_attr* a = printerAttr(supported);
         return a != nullptr && a->cmp_ipp_attr_contains_value_of(value.c_str()) != 0;
@@ -306,6 +376,11 @@ private:
     void getJobAttributes();
     void getJobs();
     void getPrinterAttributes();
+    // The printer group built attribute by attribute.
+    void printerGroup();
+    // The printer group in wire form, kept in the response's document data
+    // until reply() puts it in place.
+    void encodedPrinterGroup();
     void identifyPrinter();
 
     // ---- job table (need m_mutex) ----
@@ -672,6 +747,32 @@ Requested Operations::requested(bool forJobs) const {
     return r;
 }
 
+RequestedNames Operations::requestedNames() const {
+    RequestedNames r;
+    const cmp_ipp_attr* a = opAttr("requested-attributes");
+    if (a == nullptr) {
+        r.all = true;
+        return r;
+    }
+    for (int32_t i = 0; i < a->m_numValues; ++i) {
+        const std::string_view v = textViewOf(*a, i);
+        if (v == "all") r.all = true;
+        else if (v == "printer-description") r.description = true;
+        else if (v == "job-template") r.jobTemplate = true;
+        else r.names.push_back(v);
+    }
+    return r;
+}
+
+bool Operations::clientZoneGiven() {
+    // The transport may write a whole header field text: 2023 characters and a zero.
+    unsigned char zone[2024] = {0};
+    m_res.cmp_ipp_msg_get_if_data(CMP_IPP_IF_HDR_CLIENT_ZONE, zone);
+    zone[sizeof zone - 1] = 0;
+    // The same test as the rewrite's: shorter texts change nothing.
+    return std::strlen(reinterpret_cast<const char*>(zone)) >= 2;
+}
+
 // ---------------------------------------------------------------------------------
 // Job table
 
@@ -728,11 +829,10 @@ void Operations::jobSummaryLocked(const Printer::Job& job, cmp_ipp_attrs& out) c
 }
 
 void Operations::jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp_ipp_attrs& out, int64_t now) const {
-    cmp_ipp_attrs all;
-    m_p.jobAttrsLocked(job, all, now);
-    for (const Span& s : topLevel(all)) {
-        if (r.wants(s.name, job.templateNames.count(s.name) != 0)) copySpan(all, s, out);
-    }
+    m_p.jobAttrsLocked(job, out, now, [&](const char* name) {
+        const std::string n(name);
+        return r.wants(n, [&] { return job.templateNames.count(n) != 0; });
+    });
 }
 
 bool Operations::openDocumentLocked(Printer::Job& job, int32_t doc, const std::string& format, bool last,
@@ -1011,6 +1111,15 @@ void Operations::getPrinterAttributes() {
         unsupportedOp("document-format");
         return fail(kFormatNotSupported, "Unsupported document-format.");
     }
+    // The zone rewrite works on attributes: such a reply is built as attributes.
+    if (m_p.m_encodedReplies.load(std::memory_order_relaxed) && m_res.m_docData.length() == 0 &&
+        !clientZoneGiven()) {
+        return encodedPrinterGroup();
+    }
+    printerGroup();
+}
+
+void Operations::printerGroup() {
     const Requested r = requested(false);
     cmp_ipp_attrs& out = *m_res.getAttrGroup("Printer");
     const cmp_ipp_attrs& fixed = m_p.m_obj.m_attrs;
@@ -1027,6 +1136,65 @@ void Operations::getPrinterAttributes() {
     for (const Span& s : topLevel(status)) {
         if (r.wants(s.name, false)) copySpan(status, s, out);
     }
+}
+
+// The same attributes in the same order as printerGroup(): the chosen fixed
+// ones, then the chosen status ones.
+void Operations::encodedPrinterGroup() {
+    const RequestedNames r = requestedNames();
+    const EncodedPrinterAttrs& fixed = *m_p.m_encodedAttrs;
+    std::shared_ptr<const EncodedPrinterAttrs> status;
+    {
+        std::lock_guard<std::mutex> lock(m_p.m_mutex);
+        const int64_t now = m_p.nowMs();
+        m_p.advanceLocked(now);
+        status = m_p.encodedStatusLocked(now);
+    }
+    std::vector<uint8_t> fixedChosen, statusChosen;
+    select(fixed, r, fixedChosen);
+    select(*status, r, statusChosen);
+    const uint32_t length = fixed.encoded.selectedLength(fixedChosen) + status->encoded.selectedLength(statusChosen);
+    cmp_ipp_buf& out = m_res.m_docData;
+    out.reserve(length + 1);
+    fixed.encoded.appendSelected(fixedChosen, out);
+    status->encoded.appendSelected(statusChosen, out);
+    m_ctx->m_handlerData = kEncodedPrinterGroup;
+}
+
+cmp_ipp_buf Operations::reply() {
+    if (m_ctx->m_handlerData != kEncodedPrinterGroup) return m_res.cmp_ipp_msg_encode();
+    m_ctx->m_handlerData = 0;
+    const cmp_ipp_buf group(std::move(m_res.m_docData));
+    // The encoder writes groups in order and leaves out empty ones, so the
+    // printer group goes last when every group after it is empty (which is how
+    // a Get-Printer-Attributes response ends).
+    int32_t printer = -1;
+    bool last = true;
+    for (int32_t g = 0; g < m_res.groupCount(); ++g) {
+        const cmp_ipp_attrs& grp = *m_res.group(g);
+        if (printer < 0 && std::strcmp(grp.getName(), "Printer") == 0) {
+            printer = g;
+            last = grp.count() == 0;
+        } else if (printer >= 0 && grp.count() != 0) {
+            last = false;
+        }
+    }
+    if (printer < 0 || !last) {
+        // Built again as attributes, where the encoder puts them.
+        printerGroup();
+        return m_res.cmp_ipp_msg_encode();
+    }
+    const cmp_ipp_buf head = m_res.cmp_ipp_msg_encode();  // ends with the end-of-attributes tag
+    cmp_ipp_buf out(head.length() + 1 + group.length(), true);
+    out.append(head.data(), head.length() - 1);
+    if (group.length() != 0) {
+        const unsigned char tag = static_cast<unsigned char>(cmp_ipp_msg::groupToTag("Printer"));
+        out.append(&tag, 1);
+        out.append(group.data(), group.length());
+    }
+    const unsigned char end = 0x03;
+    out.append(&end, 1);
+    return out;
 }
 
 void Operations::identifyPrinter() {
@@ -1064,7 +1232,7 @@ cmp_ipp_buf Handler::finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::c
     }
     if (ctx == nullptr) return cmp_ipp_buf(true);
     ctx->m_response.cmp_ipp_res_convert_to_version();
-    return ctx->m_response.cmp_ipp_msg_encode();
+    return Operations(m_printer, ctx).reply();
 }
 
 }  // namespace refprinter

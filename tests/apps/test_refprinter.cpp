@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -122,13 +124,14 @@ public:
         return IPP_StreamData(m_h, reinterpret_cast<const unsigned char*>(block.data()),
                               static_cast<uint32_t>(block.size()));
     }
-    Response end(bool abortFirst = false) {
+    Response end(bool abortFirst = false) { return parse(endBytes(abortFirst)); }
+    std::string endBytes(bool abortFirst = false) {
         if (abortFirst) IPP_StreamDataAbort(m_h);
         int length = 0;
         unsigned char* reply = IPP_StreamDataEnd(m_h, 0, &length);
         const std::string bytes(reinterpret_cast<char*>(reply), reply != nullptr ? static_cast<size_t>(length) : 0);
         cmp_ipp_free(reply);
-        return parse(bytes);
+        return bytes;
     }
 
 private:
@@ -690,6 +693,296 @@ TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
     clock += 60000;
     EXPECT_EQ(stateOf(5), int(JobState::PendingHeld));
     EXPECT_EQ(stateOf(6), int(JobState::Aborted));
+}
+
+
+// ---- Get-Printer-Attributes from the wire form --------------------------------
+
+// Where two replies first differ, for a readable failure.
+std::string firstDifference(const std::string& a, const std::string& b) {
+    size_t i = 0;
+    while (i < a.size() && i < b.size() && a[i] == b[i]) ++i;
+    if (i == a.size() && i == b.size()) return "identical";
+    return "lengths " + std::to_string(a.size()) + "/" + std::to_string(b.size()) + ", first difference at byte " +
+           std::to_string(i);
+}
+
+Ipp gpa(uint8_t major, uint8_t minor, uint32_t requestId = 42) {
+    Ipp m;
+    m.header(major, minor, kGetPrinterAttributes, requestId).opGroup();
+    return m;
+}
+
+Ipp& requestedAttributes(Ipp& m, const std::vector<std::string>& names, uint8_t tag = 0x44) {
+    for (size_t i = 0; i < names.size(); ++i) m.text(tag, i == 0 ? "requested-attributes" : "", names[i]);
+    return m;
+}
+
+class EncodedRepliesTest : public RefPrinterTest {
+protected:
+    std::string reply(const Bytes& request, bool encoded) {
+        printer->setEncodedReplies(encoded);
+        Stream s(request, &record);
+        const std::string bytes = s.endBytes();
+        printer->setEncodedReplies(true);
+        return bytes;
+    }
+};
+
+TEST_F(EncodedRepliesTest, GetPrinterAttributesRepliesAreTheBytesBuiltAttributeByAttribute) {
+    // A print backend polling the printer's state: known and unknown names.
+    const std::vector<std::string> backendPoll{
+        "compression-supported", "copies-supported", "cups-version", "document-format-supported",
+        "job-password-encryption-supported", "marker-colors", "marker-levels", "marker-names",
+        "media-col-supported", "multiple-document-handling-supported", "operations-supported",
+        "print-color-mode-supported", "printer-alert", "printer-is-accepting-jobs",
+        "printer-mandatory-job-attributes", "printer-state", "printer-state-message", "printer-state-reasons"};
+    struct Case {
+        const char* label;
+        std::function<Ipp()> build;
+    };
+    const Case cases[] = {
+        {"no requested-attributes", [] { return gpa(2, 0).tag(3); }},
+        {"all", [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"all"}).tag(3); }},
+        {"all, IPP/1.1", [] { Ipp m = gpa(1, 1); return requestedAttributes(m, {"all"}).tag(3); }},
+        {"all, IPP/1.0", [] { Ipp m = gpa(1, 0); return requestedAttributes(m, {"all"}).tag(3); }},
+        {"all and media-col-database",
+         [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"all", "media-col-database"}).tag(3); }},
+        {"printer-description", [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"printer-description"}).tag(3); }},
+        {"job-template", [] { Ipp m = gpa(1, 1); return requestedAttributes(m, {"job-template"}).tag(3); }},
+        {"a client's destination query",
+         [] { Ipp m = gpa(2, 0);
+              return requestedAttributes(m, {"job-template", "media-col-database", "printer-description"}).tag(3); }},
+        {"a print backend's poll", [&] { Ipp m = gpa(2, 0); return requestedAttributes(m, backendPoll).tag(3); }},
+        {"names and a group",
+         [] { Ipp m = gpa(2, 0);
+              return requestedAttributes(m, {"printer-up-time", "job-template", "printer-name", "media-col-database"})
+                  .tag(3); }},
+        {"duplicates",
+         [] { Ipp m = gpa(2, 0);
+              return requestedAttributes(m, {"printer-state", "printer-name", "printer-state", "printer-name"}).tag(3); }},
+        {"only unknown names: an empty group",
+         [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"x-unknown", "", "printer-foo"}).tag(3); }},
+        {"names given with another tag",
+         [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"printer-name", "queued-job-count"}, 0x42).tag(3); }},
+        {"requested-attributes as an integer",
+         [] { return gpa(2, 0).integer(0x21, "requested-attributes", 7).tag(3); }},
+        {"a name longer than the dictionary allows",
+         [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"printer-name", std::string(300, 'x')}).tag(3); }},
+        {"document-format supported",
+         [] { Ipp m = gpa(2, 0);
+              m.text(0x49, "document-format", "application/pdf");
+              return requestedAttributes(m, {"all"}).tag(3); }},
+        {"document-format unsupported",
+         [] { return gpa(2, 0).text(0x49, "document-format", "application/x-what").tag(3); }},
+        {"first-index, an attribute this operation ignores",
+         [] { Ipp m = gpa(2, 0);
+              m.integer(0x21, "first-index", 2);
+              return requestedAttributes(m, {"printer-description"}).tag(3); }},
+        {"ipp-attribute-fidelity",
+         [] { Ipp m = gpa(2, 0);
+              m.attr(0x22, "ipp-attribute-fidelity", {1});
+              return requestedAttributes(m, {"job-template", "printer-state"}).tag(3); }},
+        {"requesting-user-name and another request-id",
+         [] { Ipp m = gpa(2, 0, 0x7FFFFFFF);
+              m.text(0x42, "requesting-user-name", "carol");
+              return requestedAttributes(m, {"all"}).tag(3); }},
+        {"charset us-ascii",
+         [] { Ipp m;
+              m.header(2, 0, kGetPrinterAttributes, 9).tag(1).text(0x47, "attributes-charset", "us-ascii");
+              m.text(0x48, "attributes-natural-language", "de").text(0x45, "printer-uri", "ipp://localhost/ipp/print");
+              return m.tag(3); }},
+        {"printer-uri missing",
+         [] { Ipp m;
+              m.header(2, 0, kGetPrinterAttributes, 9).tag(1).text(0x47, "attributes-charset", "utf-8");
+              return m.text(0x48, "attributes-natural-language", "en").tag(3); }},
+        {"job attributes group in the request",
+         [] { Ipp m = gpa(2, 0);
+              return requestedAttributes(m, {"printer-state"}).tag(2).integer(0x21, "copies", 2).tag(3); }},
+    };
+    auto heldJob = [this] {
+        Ipp m = request(kPrintJob);
+        m.tag(2).text(0x44, "job-hold-until", "indefinite").tag(3);
+        ASSERT_EQ(send(m.b, {"held"}).status, 0);
+    };
+    struct State {
+        const char* label;
+        std::function<void()> enter;
+    };
+    const State states[] = {
+        {"fresh", [] {}},
+        {"not accepting jobs", [this] { printer->setAcceptingJobs(false); }},
+        {"one job printing, one pending, one held",
+         [&] { printer->setAcceptingJobs(true); printJob("a", "1"); printJob("b", "2"); heldJob(); }},
+        {"the first one done, the next started", [this] { clock += 1500; }},
+        {"everything done but the held job", [this] { clock += 60000; }},
+        {"the held one released and printing",
+         [this] { ASSERT_EQ(send(request(kReleaseJob).integer(0x21, "job-id", 3).tag(3).b).status, 0); }},
+    };
+    size_t nonEmptyGroups = 0;
+    for (const State& st : states) {
+        st.enter();
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(st.label) + " / " + c.label);
+            const Bytes req = c.build().b;
+            const std::string fromWire = reply(req, true);
+            const std::string built = reply(req, false);
+            ASSERT_GE(built.size(), 9u);
+            EXPECT_TRUE(fromWire == built) << firstDifference(fromWire, built);
+            nonEmptyGroups += parse(built).of(kPrinterGroup).size();
+        }
+    }
+    // Most cases carry a printer group: the comparison above is not about error replies only.
+    EXPECT_GE(nonEmptyGroups, 15u * (sizeof states / sizeof states[0]));
+}
+
+TEST_F(EncodedRepliesTest, StatusAttributesFollowTheClockAndTheJobs) {
+    Ipp m = gpa(2, 0);
+    const Bytes req = requestedAttributes(m, {"printer-description"}).tag(3).b;
+    auto status = [&] { return parse(reply(req, true)); };
+    Response r = status();
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-up-time"), 1);
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-state"), 3);
+    EXPECT_EQ(r.text(kPrinterGroup, "printer-state-message"), "Idle.");
+    clock += 999;
+    EXPECT_EQ(status().integer(kPrinterGroup, "printer-up-time"), 1);
+    clock += 1;
+    EXPECT_EQ(status().integer(kPrinterGroup, "printer-up-time"), 2);
+    printJob("a", "x");
+    r = status();
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-state"), 4);
+    EXPECT_EQ(r.text(kPrinterGroup, "printer-state-message"), "Printing.");
+    EXPECT_EQ(r.integer(kPrinterGroup, "queued-job-count"), 1);
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-state-change-time"), 2);
+    printer->setAcceptingJobs(false);
+    EXPECT_EQ(status().integer(kPrinterGroup, "printer-is-accepting-jobs"), 0);
+    clock += 1000;  // within the same request, the job completes before the status is taken
+    r = status();
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-state"), 3);
+    EXPECT_EQ(r.integer(kPrinterGroup, "queued-job-count"), 0);
+    EXPECT_EQ(r.integer(kPrinterGroup, "printer-state-change-time"), 3);
+}
+
+int clientZone(cmp_ipp_if_info_s*, CMP_IPP_IF_HEADER_FC_FIELD_TOKENS field, char* text) {
+    if (field != CMP_IPP_IF_HDR_CLIENT_ZONE) return 0;
+    std::strcpy(text, "%eth0");
+    return 1;
+}
+
+TEST_F(EncodedRepliesTest, ClientZoneIsWrittenIntoTheUrisOfEitherReply) {
+    printer.reset();
+    refprinter::Config c;
+    c.spoolDir = spool;
+    c.uris = {"ipp://[fe80::1]:631/ipp/print"};
+    c.clockMs = [this] { return clock.load(); };
+    printer.reset(new refprinter::Printer(c));
+    ASSERT_TRUE(printer->start());
+    record.pfnGetData = clientZone;
+    Ipp m = gpa(2, 0);
+    const Bytes req = requestedAttributes(m, {"printer-uri-supported", "printer-more-info", "printer-state"}).tag(3).b;
+    const std::string fromWire = reply(req, true);
+    EXPECT_TRUE(fromWire == reply(req, false)) << firstDifference(fromWire, reply(req, false));
+    const Response r = parse(fromWire);
+    EXPECT_EQ(r.text(kPrinterGroup, "printer-uri-supported"), "ipp://[fe80::1%eth0]:631/ipp/print");
+    EXPECT_EQ(r.text(kPrinterGroup, "printer-more-info"), "http://[fe80::1%eth0]:631/");
+    record.pfnGetData = nullptr;
+    EXPECT_EQ(parse(reply(req, true)).text(kPrinterGroup, "printer-uri-supported"), "ipp://[fe80::1]:631/ipp/print");
+}
+
+TEST_F(EncodedRepliesTest, HtmlPageIsTheSameWhicheverWayTheQueryRuns) {
+    auto page = [this](bool encoded) {
+        printer->setEncodedReplies(encoded);
+        int length = 0;
+        unsigned char* p = IPP_GetPrnAttrHtml(&length, &record);
+        const std::string html(reinterpret_cast<char*>(p), p != nullptr ? static_cast<size_t>(length) : 0);
+        cmp_ipp_free(p);
+        return html;
+    };
+    printJob("erin", "x");
+    const std::string encoded = page(true);
+    EXPECT_NE(encoded.find("<TD>erin</TD>"), std::string::npos);
+    EXPECT_EQ(encoded, page(false));
+    EXPECT_EQ(printer->streamCount(), 0u);
+}
+
+// Several clients query while jobs come and go and the clock runs: every reply
+// is whole and consistent in itself, and what one client sees never goes back.
+TEST_F(EncodedRepliesTest, GetPrinterAttributesConcurrencyWithStateChanges) {
+    const Bytes all = [] { Ipp m = gpa(2, 0); return requestedAttributes(m, {"all"}).tag(3).b; }();
+    const size_t expectedAttrs = parse(reply(all, false)).of(kPrinterGroup)[0]->attrs.size();
+    std::atomic<bool> done{false};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> readers;
+    for (int t = 0; t < 4; ++t) {
+        readers.emplace_back([&] {
+            int32_t lastUpTime = 0;
+            for (int i = 0; i < 150 || !done.load(); ++i) {
+                Stream s(all, &record);
+                const Response r = s.end();
+                const std::vector<const Group*> groups = r.of(kPrinterGroup);
+                const int32_t state = r.integer(kPrinterGroup, "printer-state");
+                const int32_t upTime = r.integer(kPrinterGroup, "printer-up-time");
+                const bool consistent =
+                    r.status == 0 && groups.size() == 1 && groups[0]->attrs.size() == expectedAttrs &&
+                    (state == 3 || state == 4) &&
+                    r.text(kPrinterGroup, "printer-state-message") == (state == 4 ? "Printing." : "Idle.") &&
+                    (state == 3 || r.integer(kPrinterGroup, "queued-job-count") >= 1) && upTime >= lastUpTime;
+                if (!consistent) ++failures;
+                lastUpTime = upTime;
+                if (i > 5000) break;
+            }
+        });
+    }
+    for (int i = 0; i < 40; ++i) {
+        printer->setAcceptingJobs(i % 3 != 0);
+        if (i % 3 != 0) printJob("w", "doc");
+        clock += 250;
+        if (i % 10 == 0) printer->setEncodedReplies(i % 20 == 0);
+    }
+    printer->setEncodedReplies(true);
+    done = true;
+    for (std::thread& t : readers) t.join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(printer->streamCount(), 0u);
+}
+
+// Job queries build only the attributes asked for: each one comes alone when
+// asked for by name, and the groups take exactly their members.
+TEST_F(RefPrinterTest, JobAttributesAskedForByNameComeAloneAndInOrder) {
+    Ipp m = request(kPrintJob);
+    m.text(0x42, "requesting-user-name", "fay").text(0x42, "document-name", "notes").tag(2);
+    m.integer(0x21, "copies", 2).text(0x44, "job-hold-until", "indefinite");
+    mediaCol(m, 21000, 29700);
+    m.text(0x44, "sides", "two-sided-long-edge").tag(3);
+    ASSERT_EQ(send(m.b, {"doc"}).status, 0);
+    const Response full = jobRequest(kGetJobAttributes, 1);
+    ASSERT_EQ(full.of(kJobGroup).size(), 1u);
+    const std::vector<Attr>& everything = full.of(kJobGroup)[0]->attrs;
+    ASSERT_GE(everything.size(), 25u);
+    for (const Attr& a : everything) {
+        SCOPED_TRACE(a.name);
+        const Response one = jobRequest(kGetJobAttributes, 1, {a.name});
+        ASSERT_EQ(one.of(kJobGroup).size(), 1u);
+        const std::vector<Attr>& got = one.of(kJobGroup)[0]->attrs;
+        ASSERT_EQ(got.size(), 1u);
+        EXPECT_EQ(got[0].name, a.name);
+        ASSERT_EQ(got[0].values.size(), a.values.size());
+        for (size_t v = 0; v < a.values.size(); ++v) EXPECT_EQ(got[0].values[v].bytes, a.values[v].bytes);
+    }
+    const std::set<std::string> templates{"copies", "job-hold-until", "media-col", "sides"};
+    for (const char* group : {"job-template", "job-description"}) {
+        SCOPED_TRACE(group);
+        const Response r = jobRequest(kGetJobAttributes, 1, {group});
+        std::vector<std::string> expected, got;
+        for (const Attr& a : everything)
+            if ((templates.count(a.name) != 0) == (std::string(group) == "job-template")) expected.push_back(a.name);
+        for (const Attr& a : r.of(kJobGroup)[0]->attrs) got.push_back(a.name);
+        EXPECT_EQ(got, expected);
+    }
+    const Response list = send(request(kGetJobs).text(0x44, "which-jobs", "all").tag(3).b);
+    ASSERT_EQ(list.of(kJobGroup).size(), 1u);
+    ASSERT_EQ(list.of(kJobGroup)[0]->attrs.size(), 2u);
+    EXPECT_EQ(list.of(kJobGroup)[0]->attrs[0].name, "job-id");
 }
 
 }  // namespace
