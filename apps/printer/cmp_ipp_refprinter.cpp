@@ -96,7 +96,7 @@ std::string uuidFrom(const std::string& seed) {
     return out;
 }
 
-std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
+std::vector<std::string> jobReasons(JobState state, bool lastDocument, bool interrupted) {
     switch (state) {
     case JobState::Pending: return {lastDocument ? "none" : "job-incoming"};
     case JobState::PendingHeld:
@@ -105,13 +105,16 @@ std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
     case JobState::Processing: return {"job-printing"};
     case JobState::ProcessingStopped: return {"printer-stopped"};
     case JobState::Canceled: return {"job-canceled-by-user"};
-    case JobState::Aborted: return {"aborted-by-system"};
+    case JobState::Aborted:
+        if (interrupted) return {"aborted-by-system", "submission-interrupted"};
+        return {"aborted-by-system"};
     case JobState::Completed: return {"job-completed-successfully"};
     default: return {"none"};
     }
 }
 
-const char* jobMessage(JobState state) {
+const char* jobMessage(JobState state, bool interrupted) {
+    if (state == JobState::Aborted && interrupted) return "Job aborted: the document did not arrive completely.";
     switch (state) {
     case JobState::Pending: return "Job pending.";
     case JobState::Processing: return "Job printing.";
@@ -413,8 +416,8 @@ void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now) co
     append(out, text(CMP_IPP_TAG_NAME, "job-name", job.name));
     append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
     append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
-    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument, job.interrupted)));
+    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state, job.interrupted)));
     append(out, integer("job-printer-up-time", upTime(now)));
     append(out, integer("time-at-creation", upTime(job.createdMs)));
     append(out, job.processingMs >= 0 ? integer("time-at-processing", upTime(job.processingMs))
@@ -438,7 +441,7 @@ JobInfo Printer::infoOf(const Job& job) const {
     JobInfo i;
     i.id = job.id;
     i.state = job.state;
-    i.reasons = jobReasons(job.state, job.lastDocument);
+    i.reasons = jobReasons(job.state, job.lastDocument, job.interrupted);
     i.name = job.name;
     i.user = job.user;
     i.format = job.format;
@@ -509,7 +512,7 @@ std::string Printer::htmlPage() {
         for (const auto& j : m_jobs) {
             const Job& job = *j.second;
             jobsTable << "<TR><TD>" << job.id << "</TD><TD>" << htmlEscape(job.name) << "</TD><TD>"
-                      << htmlEscape(job.user) << "</TD><TD>" << jobMessage(job.state) << "</TD><TD>" << job.documents
+                      << htmlEscape(job.user) << "</TD><TD>" << jobMessage(job.state, job.interrupted) << "</TD><TD>" << job.documents
                       << "</TD><TD>" << (job.octets + 1023) / 1024 << "</TD></TR>\n";
         }
         jobsTable << "</TABLE>\n";

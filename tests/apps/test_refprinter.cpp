@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -471,6 +472,93 @@ TEST_F(RefPrinterTest, AbortedStreamsAbortTheirJobAndLeaveNothingOpen) {
     EXPECT_EQ(printer->streamCount(), 0u);
     EXPECT_EQ(openSpoolFiles(), 0);
     EXPECT_EQ(jobRequest(kGetJobAttributes, 1).text(kJobGroup, "job-state-reasons"), "aborted-by-system");
+}
+
+// An upload the client dropped reaches the printer as an abort: the job ends
+// aborted with a reason the client can read, and the part of the document that
+// came is not kept (nor counted).
+TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument) {
+    const struct {
+        const char* label;
+        uint16_t op;
+    } cases[] = {{"Print-Job", kPrintJob}, {"Send-Document", kSendDocument}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        int32_t id = 0;
+        if (c.op == kSendDocument) {
+            const Response created = createJob("dave");
+            ASSERT_EQ(created.status, 0);
+            id = created.integer(kJobGroup, "job-id");
+        }
+        Ipp m = request(c.op);
+        if (c.op == kSendDocument) m.integer(0x21, "job-id", id).attr(0x22, "last-document", {1});
+        m.text(0x49, "document-format", "application/pdf").tag(3).raw(bytesOf("%PDF-1.4 start"));
+        Stream upload(m.b, &record);
+        EXPECT_EQ(upload.data(std::string(5000, 'p')), 0u);
+        if (id == 0) id = printer->jobs().back().id;
+        JobInfo during;
+        ASSERT_TRUE(printer->job(id, &during));
+        ASSERT_EQ(during.files.size(), 1u);
+        const std::string partial = during.files[0];
+        EXPECT_EQ(access(partial.c_str(), F_OK), 0);
+        upload.end(true);
+
+        JobInfo info;
+        ASSERT_TRUE(printer->job(id, &info));
+        EXPECT_EQ(info.state, JobState::Aborted);
+        EXPECT_EQ(info.reasons, (std::vector<std::string>{"aborted-by-system", "submission-interrupted"}));
+        EXPECT_TRUE(info.files.empty());
+        EXPECT_EQ(info.octets, 0u);
+        EXPECT_NE(access(partial.c_str(), F_OK), 0) << "partial document left behind";
+        const Response r = jobRequest(kGetJobAttributes, id, {"job-state", "job-state-reasons", "job-state-message"});
+        EXPECT_EQ(r.integer(kJobGroup, "job-state"), 8);
+        const Attr* reasons = r.find(kJobGroup, "job-state-reasons");
+        ASSERT_NE(reasons, nullptr);
+        ASSERT_EQ(reasons->values.size(), 2u);
+        EXPECT_EQ(reasons->values[1].bytes, "submission-interrupted");
+        EXPECT_EQ(r.text(kJobGroup, "job-state-message"), "Job aborted: the document did not arrive completely.");
+        EXPECT_EQ(printer->streamCount(), 0u);
+        EXPECT_EQ(openSpoolFiles(), 0);
+    }
+}
+
+// Documents are readable by the printer's user alone, whatever the umask, also
+// when a file of an earlier run (job ids start at 1 again) is in the way.
+TEST_F(RefPrinterTest, SpoolFilesArePrivate) {
+    const std::string stale = spool + "/job-1-doc-1.txt";
+    FILE* f = fopen(stale.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fclose(f);
+    ASSERT_EQ(chmod(stale.c_str(), 0644), 0);
+    const mode_t savedMask = umask(0);
+    EXPECT_EQ(printJob("erin", "first").status, 0);
+    EXPECT_EQ(printJob("erin", "second").status, 0);
+    umask(savedMask);
+    for (const char* name : {"/job-1-doc-1.txt", "/job-2-doc-1.txt"}) {
+        struct stat st;
+        ASSERT_EQ(stat((spool + name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_mode & 0777, 0600u) << name;
+    }
+}
+
+// RFC 8011: request-id is 1 to 2^31-1; the decoder refuses 0, the printer what lies above.
+TEST_F(RefPrinterTest, RequestIdOutOfRangeIsABadRequest) {
+    const struct {
+        uint32_t id;
+        uint16_t status;
+    } cases[] = {{1, 0x0000}, {0x7FFFFFFFu, 0x0000}, {0x80000000u, 0x0400}, {0xFFFFFFFFu, 0x0400}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.id);
+        Ipp m;
+        m.header(2, 0, kGetPrinterAttributes, c.id).opGroup().tag(3);
+        const Response r = send(m.b);
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_EQ(r.integer(kPrinterGroup, "printer-state") > 0, c.status == 0) << "attributes only when served";
+    }
+    Ipp job;
+    job.header(2, 0, kPrintJob, 0x80000001u).opGroup().tag(3);
+    EXPECT_EQ(send(job.b, {"data"}).status, 0x0400);
+    EXPECT_TRUE(printer->jobs().empty()) << "no job for a refused request";
 }
 
 TEST_F(RefPrinterTest, CancelDuringTransferDropsTheRestOfTheDocument) {
