@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdio.h>
+#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -99,6 +100,17 @@ std::vector<uint64_t> admission_table::expire(int64_t now) {
         }
     }
     return out;
+}
+
+std::vector<uint64_t> admission_table::countedIds() const {
+    std::vector<uint64_t> out;
+    for (const entry& e : entries_)
+        if (e.counted) out.push_back(e.id);
+    return out;
+}
+
+void admission_table::discount(uint64_t id) {
+    if (entry* e = find(id)) e->counted = false;
 }
 
 int64_t admission_table::nextDeadline() const {
@@ -282,6 +294,40 @@ void connection_gate::refuse(int fd, int64_t now) {
     lingering_.push_back(lingering{fd, now + kLingerMs});
 }
 
+uint64_t connection_gate::admitLocked(const std::string& address, int64_t now) {
+    uint64_t evicted = 0;
+    uint64_t id = table_.admit(address, now, &evicted);
+    if (id == 0) {
+        std::vector<uint64_t> ids = table_.countedIds();
+        std::vector<struct pollfd> fds;
+        for (uint64_t w : ids) {
+            auto it = watch_.find(w);
+            fds.push_back({it != watch_.end() ? it->second.fd : -1, POLLRDHUP, 0});
+        }
+        bool gone = false;
+        if (!fds.empty() && poll(fds.data(), fds.size(), 0) > 0) {
+            for (size_t i = 0; i < fds.size(); ++i) {
+                if ((fds[i].revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0) continue;
+                // Its client has closed. The response may just have gone out with
+                // the HTTP server yet to report it: such a client reconnecting at
+                // once must not find its own old connection in the way. A client
+                // that sent its request and then shut down its side is not gone:
+                // its request is still to be read.
+                int unread = 0;
+                if ((fds[i].revents & (POLLHUP | POLLERR)) == 0 && ioctl(fds[i].fd, FIONREAD, &unread) == 0 &&
+                    unread > 0)
+                    continue;
+                table_.discount(ids[i]);
+                cutLocked(ids[i]);
+                gone = true;
+            }
+        }
+        if (gone) id = table_.admit(address, now, &evicted);
+    }
+    if (evicted != 0) cutLocked(evicted);
+    return id;
+}
+
 void connection_gate::acceptAll(int64_t now) {
     for (int round = 0; round < kBacklog; ++round) {
         struct sockaddr_storage peer;
@@ -292,10 +338,8 @@ void connection_gate::acceptAll(int64_t now) {
         uint64_t id = 0;
         {
             std::lock_guard<std::mutex> lock(mutex_);
-            uint64_t evicted = 0;
             const int watch = dup(fd);
-            if (watch >= 0) id = table_.admit(address, now, &evicted);
-            if (evicted != 0) cutLocked(evicted);
+            if (watch >= 0) id = admitLocked(address, now);
             if (id != 0) {
                 (void)fcntl(watch, F_SETFD, FD_CLOEXEC);
                 watch_[id] = watched{watch, false};

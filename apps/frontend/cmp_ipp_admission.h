@@ -11,7 +11,10 @@
 //   connection idle for that long is closed as well;
 // - when the limit is reached, the connection that has waited longest for its
 //   headers gives way to a new one, provided it has waited at least 1 s; a
-//   client with a request under way is never pushed out;
+//   client with a request under way is never pushed out; a connection whose
+//   client has closed gives way at once (the HTTP server may not have noticed
+//   yet, and a client that reconnects at once must not find its own old
+//   connection in the way);
 // - a connection that cannot be admitted gets a complete "503 Service
 //   Unavailable" response with Retry-After and is closed, not dropped.
 #ifndef CMP_IPP_ADMISSION_H
@@ -53,6 +56,9 @@ public:
     void waitForRequest(uint64_t id, int64_t now);
     // Connections whose headers are overdue at `now`; no longer counted.
     std::vector<uint64_t> expire(int64_t now);
+    std::vector<uint64_t> countedIds() const;
+    // No longer counted (its client has gone; the HTTP server has yet to notice).
+    void discount(uint64_t id);
     // When expire() will next find something; INT64_MAX: never.
     int64_t nextDeadline() const;
 
@@ -119,6 +125,9 @@ private:
     };
     void run();
     void acceptAll(int64_t now);
+    // Admission with the gate's lock held; when the limits say no, connections
+    // whose clients have gone are written off and admission is tried again.
+    uint64_t admitLocked(const std::string& address, int64_t now);
     void refuse(int fd, int64_t now);
     void serviceLingering(const std::vector<struct pollfd>& polled, int64_t now);
     // Ends a connection that has to go: its reads and writes fail at once.

@@ -31,6 +31,10 @@ public:
     // play several client addresses.
     explicit HttpClient(uint16_t port, const char* source = "127.0.0.1") {
         fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        // The port is chosen at connect(), as for any client: many short
+        // connections in a row must not run out of ports held in TIME_WAIT.
+        int one = 1;
+        setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
         struct sockaddr_in from;
         std::memset(&from, 0, sizeof from);
         from.sin_family = AF_INET;
