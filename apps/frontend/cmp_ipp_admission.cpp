@@ -49,25 +49,28 @@ admission_table::entry* admission_table::find(uint64_t id) {
     return nullptr;
 }
 
-admission_table::entry* admission_table::longestWaiting(const std::string* address, int64_t now) {
+admission_table::entry* admission_table::longestWaiting(const std::string* address, int64_t now,
+                                                        const spare_fn& spare) {
     entry* best = nullptr;
     for (entry& e : entries_) {
         if (!e.counted || e.waitingSince < 0 || now - e.waitingSince < limits_.crowdedGraceMs) continue;
         if (address != nullptr && e.address != *address) continue;
-        if (best == nullptr || e.waitingSince < best->waitingSince) best = &e;
+        if (best != nullptr && e.waitingSince >= best->waitingSince) continue;
+        if (spare && spare(e.id)) continue;
+        best = &e;
     }
     return best;
 }
 
-uint64_t admission_table::admit(const std::string& address, int64_t now, uint64_t* evicted) {
+uint64_t admission_table::admit(const std::string& address, int64_t now, uint64_t* evicted, const spare_fn& spare) {
     *evicted = 0;
     entry* victim = nullptr;
     if (limits_.perAddressLimit != 0 && countedFrom(address) >= limits_.perAddressLimit) {
         // Over its share: only one of the client's own connections can give way.
-        victim = longestWaiting(&address, now);
+        victim = longestWaiting(&address, now, spare);
         if (victim == nullptr) return 0;
     } else if (counted() >= limits_.connectionLimit) {
-        victim = longestWaiting(nullptr, now);
+        victim = longestWaiting(nullptr, now, spare);
         if (victim == nullptr) return 0;
     }
     if (victim != nullptr) {
@@ -295,8 +298,15 @@ void connection_gate::refuse(int fd, int64_t now) {
 }
 
 uint64_t connection_gate::admitLocked(const std::string& address, int64_t now) {
+    // Bytes waiting unread: the client has sent (maybe its whole request) and
+    // the HTTP server has not come round to it yet.
+    const admission_table::spare_fn unread = [this](uint64_t id) {
+        auto it = watch_.find(id);
+        int waiting = 0;
+        return it != watch_.end() && ioctl(it->second.fd, FIONREAD, &waiting) == 0 && waiting > 0;
+    };
     uint64_t evicted = 0;
-    uint64_t id = table_.admit(address, now, &evicted);
+    uint64_t id = table_.admit(address, now, &evicted, unread);
     if (id == 0) {
         std::vector<uint64_t> ids = table_.countedIds();
         std::vector<struct pollfd> fds;
@@ -322,7 +332,7 @@ uint64_t connection_gate::admitLocked(const std::string& address, int64_t now) {
                 gone = true;
             }
         }
-        if (gone) id = table_.admit(address, now, &evicted);
+        if (gone) id = table_.admit(address, now, &evicted, unread);
     }
     if (evicted != 0) cutLocked(evicted);
     return id;

@@ -10,8 +10,9 @@
 //   ready for them (accepted, or the previous response sent); a kept
 //   connection idle for that long is closed as well;
 // - when the limit is reached, the connection that has waited longest for its
-//   headers gives way to a new one, provided it has waited at least 1 s; a
-//   client with a request under way is never pushed out; a connection whose
+//   headers gives way to a new one, provided it has waited at least 1 s and
+//   no bytes of it wait unread (then it is the server that is slow, not the
+//   client); a client with a request under way is never pushed out; a connection whose
 //   client has closed gives way at once (the HTTP server may not have noticed
 //   yet, and a client that reconnects at once must not find its own old
 //   connection in the way);
@@ -46,10 +47,13 @@ class admission_table {
 public:
     explicit admission_table(const admission_limits& limits) : limits_(limits) {}
 
+    // Connections that must not be pushed out although they look idle.
+    using spare_fn = std::function<bool(uint64_t id)>;
+
     // The id of the admitted connection, or 0 when it is refused. When another
     // connection has to give way, its id goes to *evicted (else 0); it is no
     // longer counted from then on.
-    uint64_t admit(const std::string& address, int64_t now, uint64_t* evicted);
+    uint64_t admit(const std::string& address, int64_t now, uint64_t* evicted, const spare_fn& spare = nullptr);
     void remove(uint64_t id);
     void headersComplete(uint64_t id);
     // The previous response is out: the connection waits for its next request.
@@ -76,7 +80,7 @@ private:
     entry* find(uint64_t id);
     // The counted connection (of `address`, or of anyone when null) that has
     // waited longest for its headers, at least the grace time; null if none.
-    entry* longestWaiting(const std::string* address, int64_t now);
+    entry* longestWaiting(const std::string* address, int64_t now, const spare_fn& spare);
 
     admission_limits limits_;
     std::vector<entry> entries_;

@@ -193,16 +193,20 @@ struct Tally {
             if (first503.empty()) first503 = r.body;
         } else {
             ++other;  // short, malformed, a wrong answer or none
+            std::lock_guard<std::mutex> g(lock);
+            if (firstOther.empty())
+                firstOther = r.ok ? "HTTP " + std::to_string(r.status) + " " + r.body.substr(0, 60) : "no answer";
         }
     }
     std::string text() {
         std::lock_guard<std::mutex> g(lock);
         return "good " + std::to_string(good.load()) + ", 502: " + std::to_string(status502.load()) +
                ", 503: " + std::to_string(status503.load()) + ", short/malformed: " + std::to_string(other.load()) +
-               (first503.empty() ? "" : "; a 503 said: " + first503);
+               (first503.empty() ? "" : "; a 503 said: " + first503) +
+               (firstOther.empty() ? "" : "; first of the rest: " + firstOther);
     }
     std::mutex lock;
-    std::string first503;
+    std::string first503, firstOther;
 };
 
 class PrinterProgram : public ::testing::Test {
