@@ -5,8 +5,10 @@
 // Wire format (host byte order; the front end runs on the same machine): the front
 // end sends a request block (the first 30444 bytes of ahttpdReqObj), then the body
 // as blocks of a 32-bit length followed by that many bytes; a length of 0 or less
-// ends the body. The server answers with a reply record (the first 30436 bytes of
-// ahttpdRspObj) followed by contentLength body bytes.
+// ends the body. A connection that closes (or half-closes) before that block
+// abandons the body: the stream is aborted, never taken for complete. The
+// server answers with a reply record (the first 30436 bytes of ahttpdRspObj)
+// followed by contentLength body bytes.
 #ifndef CMP_IPP_HTTPD_H
 #define CMP_IPP_HTTPD_H
 
