@@ -266,18 +266,12 @@ void connection_gate::closed(uint64_t id) {
     }
 }
 
-size_t connection_gate::admitted() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return table_.counted();
-}
-
 void connection_gate::cutLocked(uint64_t id) {
     auto w = watch_.find(id);
     if (w != watch_.end()) (void)shutdown(w->second.fd, SHUT_RDWR);
 }
 
 void connection_gate::refuse(int fd, int64_t now) {
-    refusals_.fetch_add(1);
     static const char kText[] = "Too many connections; try again later.\n";
     char head[256];
     const int n = snprintf(head, sizeof head,
@@ -343,7 +337,12 @@ void connection_gate::acceptAll(int64_t now) {
         struct sockaddr_storage peer;
         socklen_t length = sizeof peer;
         const int fd = accept4(listenFd_, reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC);
-        if (fd < 0) return;  // EAGAIN: nothing more; other errors are the client's
+        if (fd < 0) {
+            // Out of descriptors or memory: the pending connection stays, and
+            // polling again at once would only spin.
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) (void)poll(nullptr, 0, 50);
+            return;  // EAGAIN: nothing more; other errors are the client's
+        }
         const std::string address = addressText(reinterpret_cast<struct sockaddr*>(&peer), length);
         uint64_t id = 0;
         {

@@ -118,10 +118,6 @@ public:
     void requestDone(uint64_t id);
     void closed(uint64_t id);
 
-    size_t admitted() const;
-    // Refusals sent so far (for tests and logs).
-    uint64_t refusals() const { return refusals_.load(); }
-
 private:
     struct lingering {
         int fd;
@@ -146,7 +142,6 @@ private:
     std::atomic<bool> stopping_{false};
     hand_over handOver_;
     std::vector<lingering> lingering_;  // accepting thread only
-    std::atomic<uint64_t> refusals_{0};
 
     mutable std::mutex mutex_;  // guards what follows
     admission_table table_;
