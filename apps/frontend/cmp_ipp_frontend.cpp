@@ -31,8 +31,8 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <cstring>
+#include <mutex>
 
 #include "cmp_ipp_admission.h"
 #include "cmp_ipp_icons.h"
@@ -131,8 +131,6 @@ MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
     return rc;
 }
 
-}  // namespace
-
 admission_limits limitsOf(const cmp_ipp_frontend::options& o) {
     admission_limits l;
     l.connectionLimit = o.connectionLimit;
@@ -141,6 +139,8 @@ admission_limits limitsOf(const cmp_ipp_frontend::options& o) {
     l.crowdedGraceMs = o.crowdedGraceMs;
     return l;
 }
+
+}  // namespace
 
 struct cmp_ipp_frontend::impl {
     explicit impl(const options& o) : opts(o), gate(limitsOf(o), o.retryAfterSeconds) {
