@@ -5,6 +5,11 @@
 // wait would have to be turned into suspend/resume bookkeeping. The thread count
 // is bounded by the connection limit, which matches the library's own limit.
 //
+// Admission: TCP connections are accepted by a connection_gate of our own, which
+// enforces the connection limits and the header deadline and hands admitted
+// sockets to libmicrohttpd (no listening socket of its own). The HTTP server
+// reports back when a request's headers are complete and when a response is out.
+//
 // Connections to the library: one Unix-socket connection per HTTP connection,
 // requests sent in keep-alive mode (2), so a client's persistent connection maps
 // onto one connection task in the library and a request costs no connect and no
@@ -23,10 +28,13 @@
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
+#include <mutex>
 
+#include "cmp_ipp_admission.h"
 #include "cmp_ipp_icons.h"
 #include "cmp_ipp_relay.h"
 #include "containers/cmp_ipp_if.h"
@@ -40,8 +48,11 @@ const int kEarlyReplyWaitMs = 1000;
 const char kAllowed[] = "GET, POST";
 
 struct connection_state {
-    connection_state(int timeoutMs, const std::atomic<bool>* stopping) : relay(timeoutMs, stopping) {}
+    connection_state(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs, const relay_trust* trust,
+                     uint64_t id)
+        : relay(timeoutMs, stopping, connectRetryMs, trust), admissionId(id) {}
     relay_connection relay;
+    uint64_t admissionId;
 };
 
 struct request_state {
@@ -97,6 +108,19 @@ MHD_Result queueText(struct MHD_Connection* c, unsigned status, const char* text
     return rc;
 }
 
+// IPP requests come as application/ipp (RFC 8010 section 3); parameters and the
+// case of the type do not matter.
+bool isIppContentType(const char* value) {
+    if (value == nullptr) return false;
+    while (*value == ' ' || *value == '\t') ++value;
+    static const char kType[] = "application/ipp";
+    const size_t n = sizeof kType - 1;
+    if (strncasecmp(value, kType, n) != 0) return false;
+    const char* rest = value + n;
+    while (*rest == ' ' || *rest == '\t') ++rest;
+    return *rest == '\0' || *rest == ';';
+}
+
 MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
     struct MHD_Response* r =
         MHD_create_response_from_buffer(icon.size, const_cast<unsigned char*>(icon.data), MHD_RESPMEM_PERSISTENT);
@@ -107,18 +131,34 @@ MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
     return rc;
 }
 
+admission_limits limitsOf(const cmp_ipp_frontend::options& o) {
+    admission_limits l;
+    l.connectionLimit = o.connectionLimit;
+    l.perAddressLimit = o.perAddressLimit;
+    l.headerTimeoutMs = o.headerTimeoutMs;
+    l.crowdedGraceMs = o.crowdedGraceMs;
+    return l;
+}
+
 }  // namespace
 
 struct cmp_ipp_frontend::impl {
-    explicit impl(const options& o) : opts(o) {
+    explicit impl(const options& o) : opts(o), gate(limitsOf(o), o.retryAfterSeconds) {
         socketPath = opts.socketPath.empty() ? defaultSocketPath() : opts.socketPath;
+        trust.uids = opts.trustedUids;
     }
 
     options opts;
     std::string socketPath;
+    relay_trust trust;
+    connection_gate gate;
     struct MHD_Daemon* daemon = nullptr;
-    uint16_t boundPort = 0;
     std::atomic<bool> stopping{false};
+    std::mutex logLock;
+    uid_t lastReportedUid = static_cast<uid_t>(-1);
+
+    void log(const std::string& message);
+    void reportUntrusted(uid_t uid);
 
     static MHD_Result onRequest(void* cls, struct MHD_Connection* c, const char* url, const char* method,
                                 const char* version, const char* upload, size_t* uploadSize, void** reqCls);
@@ -135,6 +175,23 @@ struct cmp_ipp_frontend::impl {
     relay_request buildRequest(struct MHD_Connection* c, const char* url, bool post, bool keepAlive);
     bool servedPath(const char* url) const;
 };
+
+void cmp_ipp_frontend::impl::log(const std::string& message) {
+    if (opts.log) {
+        opts.log(message);
+    } else {
+        fprintf(stderr, "%s\n", message.c_str());
+    }
+}
+
+// Said once per user, not once per request: a client retrying must not flood the log.
+void cmp_ipp_frontend::impl::reportUntrusted(uid_t uid) {
+    std::lock_guard<std::mutex> lock(logLock);
+    if (uid == lastReportedUid) return;
+    lastReportedUid = uid;
+    log("refusing to relay to " + socketPath + ": its server runs as uid " + std::to_string(uid) +
+        ", not as this user (uid " + std::to_string(geteuid()) + ") or a trusted one (--trust-uid)");
+}
 
 // The printer's path, "/", and its job URIs ("<path>/<job-id>"): clients send
 // job operations to the job-uri they were given.
@@ -203,6 +260,9 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
         return get ? queueIcon(c, *icon) : queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
     if (!servedPath(url)) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
 
+    if (st->post && !isIppContentType(MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE)))
+        return queueText(c, MHD_HTTP_BAD_REQUEST, "Bad Request: the content type must be application/ipp\n");
+
     const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);
     st->keepAlive = std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 && !containsToken(connHeader, "close");
     const relay_request req = buildRequest(c, url, st->post, st->keepAlive);
@@ -211,8 +271,15 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
     const bool reused = relay.isOpen() && relay.reusable(opts.relayReuseMs);
     if (!reused) relay.close();
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (!relay.isOpen() && relay.connectTo(socketPath) != relay_connection::outcome::ok)
-            return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not reachable\n");
+        if (!relay.isOpen()) {
+            const relay_connection::outcome o = relay.connectTo(socketPath);
+            if (o == relay_connection::outcome::untrusted) {
+                reportUntrusted(relay.untrustedUid());
+                return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not trusted\n");
+            }
+            if (o != relay_connection::outcome::ok)
+                return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not reachable\n");
+        }
         if (relay.sendRequest(req)) {
             st->inFlight = true;
             return MHD_YES;
@@ -308,6 +375,9 @@ MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c
 
     request_state* st = static_cast<request_state*>(*reqCls);
     if (st == nullptr) {
+        // The first call comes once the headers are complete: the header
+        // deadline is met, whatever the request takes from here.
+        self->gate.headersComplete(conn->admissionId);
         st = new request_state();
         *reqCls = st;  // released when the request completes, however it ends
         return self->begin(c, conn, st, url, method, version);
@@ -321,28 +391,35 @@ MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c
     return self->respond(c, st);
 }
 
-void cmp_ipp_frontend::impl::onCompleted(void*, struct MHD_Connection* c, void** reqCls,
+void cmp_ipp_frontend::impl::onCompleted(void* cls, struct MHD_Connection* c, void** reqCls,
                                          enum MHD_RequestTerminationCode) {
+    impl* self = static_cast<impl*>(cls);
     request_state* st = static_cast<request_state*>(*reqCls);
     *reqCls = nullptr;
+    const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    connection_state* conn = info != nullptr ? static_cast<connection_state*>(info->socket_context) : nullptr;
+    // From here the connection waits for its next request's headers.
+    if (conn != nullptr) self->gate.requestDone(conn->admissionId);
     if (st == nullptr) return;
-    if (st->inFlight) {
-        // The client went away mid-request: the library is still waiting for this
-        // body, so the Unix connection cannot carry another request.
-        const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-        if (info != nullptr && info->socket_context != nullptr)
-            static_cast<connection_state*>(info->socket_context)->relay.close();
-    }
+    // The client went away mid-request (or its upload stalled): the library is
+    // still waiting for this body. Closing the Unix connection without the end
+    // block tells it the upload was abandoned, and it aborts the job.
+    if (st->inFlight && conn != nullptr) conn->relay.close();
     delete st;
 }
 
-void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection*, void** socketCtx,
+void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection* c, void** socketCtx,
                                           enum MHD_ConnectionNotificationCode toe) {
     impl* self = static_cast<impl*>(cls);
     if (toe == MHD_CONNECTION_NOTIFY_STARTED) {
-        *socketCtx = new connection_state(self->opts.relayTimeoutMs, &self->stopping);
+        const union MHD_ConnectionInfo* fd = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
+        const uint64_t id = fd != nullptr ? self->gate.attach(fd->connect_fd) : 0;
+        *socketCtx = new connection_state(self->opts.relayTimeoutMs, &self->stopping, self->opts.connectRetryMs,
+                                          &self->trust, id);
     } else {
-        delete static_cast<connection_state*>(*socketCtx);
+        connection_state* conn = static_cast<connection_state*>(*socketCtx);
+        if (conn != nullptr) self->gate.closed(conn->admissionId);
+        delete conn;
         *socketCtx = nullptr;
     }
 }
@@ -351,51 +428,55 @@ cmp_ipp_frontend::cmp_ipp_frontend(const options& opts) : m_impl(new impl(opts))
 
 cmp_ipp_frontend::~cmp_ipp_frontend() { stop(); }
 
+bool cmp_ipp_frontend::open(std::string* error) {
+    impl& d = *m_impl;
+    return d.gate.open(d.opts.bindAddress, d.opts.port, error);
+}
+
 bool cmp_ipp_frontend::start(std::string* error) {
     impl& d = *m_impl;
     if (d.daemon != nullptr) return true;
-    struct sockaddr_storage addr;
-    std::memset(&addr, 0, sizeof addr);
-    unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ERROR_LOG;
-    struct sockaddr_in* a4 = reinterpret_cast<struct sockaddr_in*>(&addr);
-    struct sockaddr_in6* a6 = reinterpret_cast<struct sockaddr_in6*>(&addr);
-    if (inet_pton(AF_INET, d.opts.bindAddress.c_str(), &a4->sin_addr) == 1) {
-        a4->sin_family = AF_INET;
-        a4->sin_port = htons(d.opts.port);
-    } else if (inet_pton(AF_INET6, d.opts.bindAddress.c_str(), &a6->sin6_addr) == 1) {
-        a6->sin6_family = AF_INET6;
-        a6->sin6_port = htons(d.opts.port);
-        flags |= MHD_USE_IPv6;
-    } else {
-        if (error != nullptr) *error = "not a numeric address: " + d.opts.bindAddress;
-        return false;
-    }
+    if (!open(error)) return false;
     d.stopping = false;
+    // No listening socket of its own: the gate accepts and hands admitted
+    // sockets over. Its own limit is above ours, so that connections on their
+    // way out (cut by the watchdog, not yet cleaned up) never make it refuse one
+    // that the gate admitted.
+    const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL |
+                           MHD_USE_ERROR_LOG | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
     d.daemon = MHD_start_daemon(
-        flags, d.opts.port, nullptr, nullptr, &impl::onRequest, &d, MHD_OPTION_SOCK_ADDR,
-        reinterpret_cast<struct sockaddr*>(&addr), MHD_OPTION_CONNECTION_LIMIT, d.opts.connectionLimit,
-        MHD_OPTION_CONNECTION_TIMEOUT, d.opts.idleTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &impl::onCompleted,
-        &d, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, &d, MHD_OPTION_END);
+        flags, 0, nullptr, nullptr, &impl::onRequest, &d, MHD_OPTION_CONNECTION_LIMIT, 2 * d.opts.connectionLimit + 16,
+        MHD_OPTION_CONNECTION_TIMEOUT, d.opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &impl::onCompleted, &d,
+        MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, &d, MHD_OPTION_END);
     if (d.daemon == nullptr) {
-        if (error != nullptr) *error = "cannot listen on " + d.opts.bindAddress + " port " + std::to_string(d.opts.port);
+        if (error != nullptr) *error = "cannot start the HTTP server";
         return false;
     }
-    const union MHD_DaemonInfo* info = MHD_get_daemon_info(d.daemon, MHD_DAEMON_INFO_BIND_PORT);
-    d.boundPort = info != nullptr ? info->port : d.opts.port;
+    struct MHD_Daemon* daemon = d.daemon;
+    const bool started = d.gate.start(
+        [daemon](int fd, const struct sockaddr* addr, socklen_t length) {
+            return MHD_add_connection(daemon, fd, addr, length) == MHD_YES;
+        },
+        error);
+    if (!started) {
+        MHD_stop_daemon(d.daemon);
+        d.daemon = nullptr;
+        return false;
+    }
     return true;
 }
 
 void cmp_ipp_frontend::stop() {
     impl& d = *m_impl;
-    if (d.daemon == nullptr) return;
     d.stopping = true;  // relay waits end within one slice
-    MHD_stop_daemon(d.daemon);
+    d.gate.stopAccepting();
+    if (d.daemon != nullptr) MHD_stop_daemon(d.daemon);
     d.daemon = nullptr;
-    d.boundPort = 0;
+    d.gate.release();
 }
 
 bool cmp_ipp_frontend::running() const { return m_impl->daemon != nullptr; }
 
-uint16_t cmp_ipp_frontend::port() const { return m_impl->boundPort; }
+uint16_t cmp_ipp_frontend::port() const { return m_impl->gate.port(); }
 
 const std::string& cmp_ipp_frontend::socketPath() const { return m_impl->socketPath; }

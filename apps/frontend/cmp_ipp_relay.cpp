@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <strings.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <time.h>
 #include <unistd.h>
@@ -211,37 +212,71 @@ void decodeReplyRecord(const unsigned char* in, relay_reply& out) {
 
 // ---- relay_connection ------------------------------------------------------------
 
-relay_connection::relay_connection(int timeoutMs, const std::atomic<bool>* stopping)
-    : timeoutMs_(timeoutMs), stopping_(stopping), block_(AHTTPD_SPOOL_SIZE) {}
+namespace {
+
+// Body bytes wait for a full block at most this long after the library last got
+// something; then they go out as a part block.
+const int64_t kPartBlockMs = 2000;
+const int kFirstBackoffMs = 2;
+const int kLongestBackoffMs = 50;
+
+void sleepMs(int ms) {
+    struct timespec ts = {ms / 1000, static_cast<long>(ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace
+
+bool relay_trust::trusts(uid_t uid) const {
+    // Root can read our memory anyway; trusting it costs nothing.
+    if (uid == geteuid() || uid == 0) return true;
+    return std::find(uids.begin(), uids.end(), uid) != uids.end();
+}
+
+relay_connection::relay_connection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs,
+                                   const relay_trust* trust)
+    : timeoutMs_(timeoutMs), stopping_(stopping), connectRetryMs_(connectRetryMs), trust_(trust),
+      block_(AHTTPD_SPOOL_SIZE) {}
 
 relay_connection::~relay_connection() { close(); }
 
 relay_connection::outcome relay_connection::connectTo(const std::string& path) {
-    close();
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+    path_ = path;
     struct sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof addr.sun_path) return outcome::unreachable;
     std::memcpy(addr.sun_path, path.c_str(), path.size());
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) return outcome::failed;
-    if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
-        if (errno != EAGAIN && errno != EINPROGRESS) {
+    const int64_t deadline = nowMs() + connectRetryMs_;
+    int backoff = kFirstBackoffMs;
+    int fd = -1;
+    for (;;) {
+        fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) return outcome::failed;
+        if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0) break;
+        const int err = errno;
+        ::close(fd);
+        // A full backlog gives EAGAIN at once on Linux (nothing is queued); a
+        // library starting up has no socket yet or does not listen yet.
+        if (err != EAGAIN && err != ECONNREFUSED && err != ENOENT && err != EINTR) return outcome::unreachable;
+        if ((stopping_ != nullptr && stopping_->load()) || nowMs() + backoff > deadline) return outcome::unreachable;
+        sleepMs(backoff);
+        backoff = std::min(backoff * 2, kLongestBackoffMs);
+    }
+    if (trust_ != nullptr) {
+        struct ucred cred;
+        socklen_t length = sizeof cred;
+        const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0;
+        if (!known || !trust_->trusts(cred.uid)) {
+            untrustedUid_ = known ? cred.uid : static_cast<uid_t>(-1);
             ::close(fd);
-            return outcome::unreachable;
-        }
-        // A full backlog: wait for the listener to take us.
-        struct pollfd p = {fd, POLLOUT, 0};
-        int err = 0;
-        socklen_t len = sizeof err;
-        if (poll(&p, 1, timeoutMs_) <= 0 || getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0 || err != 0) {
-            ::close(fd);
-            return outcome::unreachable;
+            return outcome::untrusted;
         }
     }
     fd_ = fd;
-    fill_ = 0;
-    bodySent_ = 0;
     lastUseMs_ = nowMs();
     return outcome::ok;
 }
@@ -259,30 +294,101 @@ void relay_connection::close() {
     fill_ = 0;
 }
 
-bool relay_connection::sendAll(const void* data, size_t length) {
-    const unsigned char* p = static_cast<const unsigned char*>(data);
+relay_connection::send_result relay_connection::sendRaw(const struct iovec* parts, int count) {
+    struct iovec iov[3];
+    if (count > 3) return send_result::failed;
+    std::memcpy(iov, parts, sizeof(struct iovec) * static_cast<size_t>(count));
+    int first = 0;
     int64_t lastProgress = nowMs();
-    while (length > 0) {
-        if (fd_ < 0) return false;
+    for (;;) {
+        while (first < count && iov[first].iov_len == 0) ++first;
+        if (first == count) break;
+        if (fd_ < 0) return send_result::failed;
+        struct msghdr m;
+        std::memset(&m, 0, sizeof m);
+        m.msg_iov = iov + first;
+        m.msg_iovlen = static_cast<size_t>(count - first);
         // MSG_NOSIGNAL: a library that went away is an error here, not the end of the process.
-        const ssize_t n = send(fd_, p, length, MSG_NOSIGNAL);
+        ssize_t n = sendmsg(fd_, &m, MSG_NOSIGNAL);
         if (n > 0) {
-            p += n;
-            length -= static_cast<size_t>(n);
+            for (; n > 0; ++first) {
+                const size_t take = std::min(static_cast<size_t>(n), iov[first].iov_len);
+                iov[first].iov_base = static_cast<unsigned char*>(iov[first].iov_base) + take;
+                iov[first].iov_len -= take;
+                n -= static_cast<ssize_t>(take);
+                if (iov[first].iov_len != 0) break;
+            }
             lastProgress = nowMs();
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_) return false;
+            if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_)
+                return send_result::failed;
             struct pollfd pf = {fd_, POLLOUT, 0};
             (void)poll(&pf, 1, kWaitSliceMs);
             continue;
         }
-        return false;
+        if (n < 0 && (errno == EPIPE || errno == ECONNRESET) && noReplyWaiting()) return send_result::refused;
+        return send_result::failed;
     }
     lastUseMs_ = nowMs();
+    lastSentMs_ = lastUseMs_;
+    return send_result::sent;
+}
+
+bool relay_connection::sendParts(const struct iovec* parts, int count) {
+    for (;;) {
+        const send_result r = sendRaw(parts, count);
+        if (r == send_result::sent) return true;
+        if (r == send_result::failed || !replayable() || !replay()) return false;
+    }
+}
+
+bool relay_connection::noReplyWaiting() {
+    unsigned char b;
+    const ssize_t n = recv(fd_, &b, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n > 0) return false;
+    if (n < 0 && errno == ECONNRESET) refused_ = true;
+    // A close without a reset after a failed send still left our bytes unread.
+    if (n == 0) refused_ = true;
     return true;
+}
+
+bool relay_connection::replay() {
+    // One budget per request, from its first refusal: the library is at its
+    // limit only until a connection task or two have ended.
+    if (replayDeadline_ == 0) replayDeadline_ = nowMs() + connectRetryMs_;
+    for (;;) {
+        if (stopping_ != nullptr && stopping_->load()) return false;
+        if (replaysThisRequest_ > 0) {
+            // The first replay goes at once (a kept connection the library idled
+            // out); repeated refusals back off.
+            if (nowMs() + replayBackoffMs_ > replayDeadline_) return false;
+            sleepMs(replayBackoffMs_);
+            replayBackoffMs_ = std::min(replayBackoffMs_ * 2, kLongestBackoffMs);
+        }
+        ++replaysThisRequest_;
+        ++replays_;
+        const std::string path = path_;
+        if (connectTo(path) != outcome::ok) return false;
+        refused_ = false;
+        int32_t length = lastBlockLength_;
+        struct iovec parts[3] = {{record_.data(), record_.size()}, {&length, sizeof length}, {nullptr, 0}};
+        int count = 1;
+        if (blocksSent_ == 1) {
+            parts[2] = {block_.data(), static_cast<size_t>(lastBlockLength_)};
+            count = 3;
+        }
+        send_result r = sendRaw(parts, count);
+        if (r == send_result::sent && endSent_) {
+            int32_t end = 0;
+            struct iovec e = {&end, sizeof end};
+            r = sendRaw(&e, 1);
+        }
+        if (r == send_result::sent) return true;
+        if (r == send_result::failed) return false;
+    }
 }
 
 bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
@@ -294,11 +400,22 @@ bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
         if (n > 0) {
             p += n;
             length -= static_cast<size_t>(n);
+            replyBytes_ += static_cast<size_t>(n);
             lastProgress = nowMs();
             continue;
         }
-        if (n == 0) return false;  // the library closed the connection
-        if (errno == EINTR) continue;
+        if (n < 0 && errno == EINTR) continue;
+        if (n == 0 || errno == ECONNRESET) {
+            // Closed before a byte of the reply. Taken for a refusal only when our
+            // bytes were left unread; a library that read the whole request and
+            // then closed has failed, and the request is not sent twice.
+            if (n < 0) refused_ = true;
+            if (refused_ && complete_ && replayable() && replay()) {
+                lastProgress = nowMs();
+                continue;
+            }
+            return false;
+        }
         if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
         if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
         struct pollfd pf = {fd_, POLLIN, 0};
@@ -309,22 +426,37 @@ bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
 }
 
 bool relay_connection::sendRequest(const relay_request& req) {
-    std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
-    encodeRequestRecord(req, record.data());
+    record_.resize(AHTTPD_REQ_BLOCK_SIZE);  // allocated once per connection
+    encodeRequestRecord(req, record_.data());
     fill_ = 0;
     bodySent_ = 0;
-    return sendAll(record.data(), record.size());
+    blocksSent_ = 0;
+    blockIntact_ = false;
+    lastBlockLength_ = 0;
+    endSent_ = false;
+    // Only a POST has a body; any other request is complete with its record.
+    complete_ = req.method != AHTTPD_METHOD_POST;
+    replyBytes_ = 0;
+    refused_ = false;
+    replaysThisRequest_ = 0;
+    replayDeadline_ = 0;
+    replayBackoffMs_ = kFirstBackoffMs;
+    struct iovec record = {record_.data(), record_.size()};
+    const send_result r = sendRaw(&record, 1);
+    // A replay sends the record itself, so it must not be sent again here.
+    return r == send_result::sent || (r == send_result::refused && replay());
 }
 
 bool relay_connection::flushBlock() {
     if (fill_ == 0) return true;
-    const int32_t length = static_cast<int32_t>(fill_);
+    int32_t length = static_cast<int32_t>(fill_);
     // Length word and data in one send where the socket takes it.
-    std::vector<unsigned char> framed(sizeof length + fill_);
-    std::memcpy(framed.data(), &length, sizeof length);
-    std::memcpy(framed.data() + sizeof length, block_.data(), fill_);
-    if (!sendAll(framed.data(), framed.size())) return false;
+    const struct iovec parts[2] = {{&length, sizeof length}, {block_.data(), fill_}};
+    if (!sendParts(parts, 2)) return false;
     bodySent_ += fill_;
+    ++blocksSent_;
+    blockIntact_ = true;
+    lastBlockLength_ = length;
     fill_ = 0;
     return true;
 }
@@ -333,24 +465,40 @@ bool relay_connection::addBody(const unsigned char* data, size_t length) {
     while (length > 0) {
         const size_t take = std::min(length, block_.size() - fill_);
         std::memcpy(block_.data() + fill_, data, take);
+        blockIntact_ = false;  // the last block sent is overwritten
         fill_ += take;
         data += take;
         length -= take;
         if (fill_ == block_.size() && !flushBlock()) return false;
     }
+    if (fill_ > 0 && nowMs() - lastSentMs_ >= kPartBlockMs) return flushBlock();
     return true;
 }
 
 bool relay_connection::endBody() {
     if (!flushBlock()) return false;
-    const int32_t end = 0;
-    return sendAll(&end, sizeof end);
+    int32_t end = 0;
+    const struct iovec e = {&end, sizeof end};
+    if (!sendParts(&e, 1)) return false;
+    endSent_ = true;
+    complete_ = true;
+    return true;
 }
 
-bool relay_connection::replyWaiting() const {
+bool relay_connection::replyWaiting() {
     if (fd_ < 0) return false;
     struct pollfd p = {fd_, POLLIN, 0};
-    return poll(&p, 1, 0) > 0;
+    if (poll(&p, 1, 0) <= 0) return false;
+    if (replyBytes_ != 0) return true;
+    unsigned char b;
+    const ssize_t n = recv(fd_, &b, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n > 0) return true;
+    if (n < 0 && errno != ECONNRESET) return n < 0 && errno != EAGAIN && errno != EINTR;
+    // A reset: the library closed without reading what we sent (a refusal at
+    // its connection limit, or a kept connection it idled out).
+    if (n < 0) refused_ = true;
+    if (refused_ && replayable() && replay()) return replyWaiting();
+    return true;
 }
 
 bool relay_connection::readReply(relay_reply& out, int timeoutMs) {

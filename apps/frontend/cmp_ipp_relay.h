@@ -7,6 +7,8 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
+#include <sys/uio.h>
 
 #include <atomic>
 #include <memory>
@@ -68,19 +70,45 @@ size_t replyRecordSize();
 // Reads a reply record; headers beyond the record's count are ignored.
 void decodeReplyRecord(const unsigned char* in, relay_reply& out);
 
+// Who may serve the library's socket: the socket's server must run as our own
+// user, as root, or as one of these users. Anyone else could have put a socket
+// of their own at the path and would receive clients' requests and credentials.
+struct relay_trust {
+    std::vector<uid_t> uids;
+    bool trusts(uid_t uid) const;
+};
+
 // One connection to the library's socket. Every wait is bounded by the time-out
 // and ends early when *stopping becomes true, so a stuck library can neither
 // hang an HTTP connection nor a shutdown.
+//
+// Connecting: a full listen backlog (EAGAIN), a socket not yet listening
+// (ECONNREFUSED) or not yet there (ENOENT) is retried with a short back-off
+// for up to connectRetryMs before the library counts as unreachable.
+//
+// Refused requests: the library closes a connection beyond its own limit at
+// once, without reading it, and it closes kept connections it has idled out.
+// The request then fails with EPIPE or ECONNRESET (data left unread) before any
+// reply byte. As long as everything sent so far is still at hand (the request
+// record and at most the first body block) it is sent again on a new
+// connection, so a library that is up never turns into a failed request.
+//
+// An upload the HTTP client abandons ends with close() and no end block: the
+// library sees the connection go in the middle of the body and aborts the
+// stream instead of taking the document for complete.
 class relay_connection {
 public:
-    enum class outcome { ok, unreachable, failed };
+    enum class outcome { ok, unreachable, untrusted, failed };
 
-    relay_connection(int timeoutMs, const std::atomic<bool>* stopping);
+    relay_connection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs = 2000,
+                     const relay_trust* trust = nullptr);
     ~relay_connection();
     relay_connection(const relay_connection&) = delete;
     relay_connection& operator=(const relay_connection&) = delete;
 
     outcome connectTo(const std::string& path);
+    // The server's user when connectTo answered untrusted.
+    uid_t untrustedUid() const { return untrustedUid_; }
     bool isOpen() const { return fd_ >= 0; }
     // Usable for another request: open, used within idleLimitMs, and the library
     // has neither closed its end nor sent anything unasked.
@@ -89,27 +117,63 @@ public:
 
     bool sendRequest(const relay_request& req);
     // Body bytes are coalesced into full 32768-byte blocks before they go out.
+    // When the library has had nothing from us for two seconds, what has come
+    // goes out as a part block, so that a slow upload never leaves the library
+    // waiting into its receive time-out (30 s) while the data is here.
     bool addBody(const unsigned char* data, size_t length);
     // Sends what is left and the end block.
     bool endBody();
     // True when the library has already answered (or closed) without waiting for the rest.
-    bool replyWaiting() const;
+    bool replyWaiting();
     bool readReply(relay_reply& out, int timeoutMs);
 
     size_t bodyBytesSent() const { return bodySent_; }
+    // Requests sent again after the library refused them (for tests and logs).
+    unsigned replays() const { return replays_; }
 
 private:
-    bool sendAll(const void* data, size_t length);
+    enum class send_result { sent, refused, failed };
+    // Sends the parts whole (at most 3); refused: the library closed without
+    // taking them and without a reply.
+    send_result sendRaw(const struct iovec* parts, int count);
+    // As sendRaw, answering a refusal by a replay where possible.
+    bool sendParts(const struct iovec* parts, int count);
     bool readExact(void* dest, size_t length, int timeoutMs);
     bool flushBlock();
+    // Reconnects and sends again what of the current request went out.
+    bool replay();
+    bool replayable() const {
+        return replyBytes_ == 0 && (blocksSent_ == 0 || (blocksSent_ == 1 && blockIntact_));
+    }
+    // After a failed send: nothing of a reply is waiting, so the library took nothing.
+    bool noReplyWaiting();
 
     int fd_ = -1;
     int timeoutMs_;
     const std::atomic<bool>* stopping_;
+    int connectRetryMs_;
+    const relay_trust* trust_;
+    uid_t untrustedUid_ = 0;
+    std::string path_;
+    std::vector<unsigned char> record_;  // the current request's record, kept for a replay
     std::vector<unsigned char> block_;
     size_t fill_ = 0;
     size_t bodySent_ = 0;
+    // Of the current request: blocks sent, whether block_ still holds the last
+    // one, whether the end block went, and reply bytes read.
+    unsigned blocksSent_ = 0;
+    bool blockIntact_ = false;
+    int32_t lastBlockLength_ = 0;
+    bool endSent_ = false;
+    bool complete_ = false;  // nothing more of the request is to come
+    size_t replyBytes_ = 0;
+    unsigned replaysThisRequest_ = 0;
+    int64_t replayDeadline_ = 0;  // 0: no refusal yet
+    int replayBackoffMs_ = 0;
+    bool refused_ = false;  // the library reset the connection with our data unread
+    unsigned replays_ = 0;
     int64_t lastUseMs_ = 0;
+    int64_t lastSentMs_ = 0;  // when the library last got bytes from us
 };
 
 }  // namespace cmp_ipp_fe

@@ -1,6 +1,8 @@
 // cmp-ipp-frontend: the HTTP front end as a process of its own, for deployments
 // where the IPP library runs in another process on the same machine.
+#include <errno.h>
 #include <getopt.h>
+#include <pwd.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,14 +16,30 @@ namespace {
 
 void usage(FILE* out, const char* argv0) {
     fprintf(out,
-            "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--help]\n"
+            "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--trust-uid UID]... [--help]\n"
             "Relays HTTP/IPP requests to the IPP library's Unix-domain socket.\n"
             "  --port N          TCP port (default 8631; 0 picks a free one)\n"
             "  --bind ADDRESS    numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
             "  --socket-dir DIR  directory of the library's socket \"zyn_ipp_server\"\n"
             "                    (default: $GEN_UNIX_PATH, else /tmp/)\n"
+            "  --trust-uid UID   also relay to a socket served by this user (number or name;\n"
+            "                    repeatable). By default only this user's and root's are used.\n"
             "  --help            this text\n",
             argv0);
+}
+
+bool parseUid(const char* text, uid_t* out) {
+    char* end = nullptr;
+    errno = 0;
+    const long v = strtol(text, &end, 10);
+    if (errno == 0 && end != text && *end == '\0' && v >= 0 && v < 0x7FFFFFFF) {
+        *out = static_cast<uid_t>(v);
+        return true;
+    }
+    const struct passwd* pw = getpwnam(text);
+    if (pw == nullptr) return false;
+    *out = pw->pw_uid;
+    return true;
 }
 
 bool parsePort(const char* text, uint16_t* out) {
@@ -40,11 +58,12 @@ int main(int argc, char** argv) {
         {"port", required_argument, nullptr, 'p'},
         {"bind", required_argument, nullptr, 'b'},
         {"socket-dir", required_argument, nullptr, 's'},
+        {"trust-uid", required_argument, nullptr, 'u'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
-    while ((c = getopt_long(argc, argv, "p:b:s:h", longOpts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "p:b:s:u:h", longOpts, nullptr)) != -1) {
         switch (c) {
         case 'p':
             if (!parsePort(optarg, &opts.port)) {
@@ -59,6 +78,15 @@ int main(int argc, char** argv) {
             std::string dir = optarg;
             if (dir.empty() || dir.back() != '/') dir += '/';
             opts.socketPath = cmp_ipp_fe::socketPathIn(dir.c_str());
+            break;
+        }
+        case 'u': {
+            uid_t uid = 0;
+            if (!parseUid(optarg, &uid)) {
+                fprintf(stderr, "%s: unknown user: %s\n", argv[0], optarg);
+                return 2;
+            }
+            opts.trustedUids.push_back(uid);
             break;
         }
         case 'h':
@@ -82,6 +110,8 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+    const std::string name = argv[0];
+    opts.log = [name](const std::string& message) { fprintf(stderr, "%s: %s\n", name.c_str(), message.c_str()); };
     cmp_ipp_frontend frontend(opts);
     std::string error;
     if (!frontend.start(&error)) {

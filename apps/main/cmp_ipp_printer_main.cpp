@@ -4,10 +4,14 @@
 // relays TCP clients to it. SIGINT or SIGTERM stops everything in reverse order.
 #include <errno.h>
 #include <getopt.h>
+#include <grp.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <string>
@@ -27,6 +31,7 @@ struct Options {
     std::string hostName;  // host part of the printer URI; from the bind address when empty
     std::string spoolDir = "spool";
     std::string socketDir;  // empty: a private directory, removed at exit
+    gid_t socketGroup = static_cast<gid_t>(-1);  // -1: the socket is for this user alone
     std::string name = "Reference Printer";
     int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
     bool printSeconds = false;
@@ -44,8 +49,10 @@ void usage(FILE* out, const char* argv0) {
             "                     \"localhost\" for a loopback address)\n"
             "  --name TEXT        printer-name (default \"Reference Printer\")\n"
             "  --spool DIR        where documents are written (default ./spool, created if missing)\n"
-            "  --socket-dir DIR   directory of the library's Unix-domain socket\n"
+            "  --socket-dir DIR   directory of the library's Unix-domain socket, created 0700\n"
             "                     (default: a private directory under /tmp, removed at exit)\n"
+            "  --socket-group G   let group G (name or number) use the socket too: socket 0660,\n"
+            "                     a directory created here 0710, both of group G\n"
             "  --trace-level N    library trace threshold (0 errors only ... 3 all; default\n"
             "                     $CMP_IPP_TRACE_LEVEL, else 0)\n"
             "  --processing-ms N  how long each job stays processing (default 2000)\n"
@@ -68,12 +75,30 @@ std::string withSlash(std::string dir) {
     return dir;
 }
 
-bool ensureDirectory(const std::string& dir) {
-    if (mkdir(dir.c_str(), 0755) == 0 || errno == EEXIST) {
-        struct stat st;
-        return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+// Creates dir with exactly `mode` (whatever the umask) and, when group is not
+// -1, of that group. A directory that is already there is used as it is.
+bool ensureDirectory(const std::string& dir, mode_t mode, gid_t group = static_cast<gid_t>(-1)) {
+    if (mkdir(dir.c_str(), 0700) == 0) {
+        if (group != static_cast<gid_t>(-1) && chown(dir.c_str(), static_cast<uid_t>(-1), group) != 0) return false;
+        return chmod(dir.c_str(), mode) == 0;
     }
-    return false;
+    struct stat st;
+    return errno == EEXIST && stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool parseGroup(const char* text, gid_t* out) {
+    long v = 0;
+    char* end = nullptr;
+    errno = 0;
+    v = strtol(text, &end, 10);
+    if (errno == 0 && end != text && *end == '\0' && v >= 0 && v < 0x7FFFFFFF) {
+        *out = static_cast<gid_t>(v);
+        return true;
+    }
+    const struct group* g = getgrnam(text);
+    if (g == nullptr) return false;
+    *out = g->gr_gid;
+    return true;
 }
 
 std::string uriHost(const Options& o) {
@@ -83,11 +108,22 @@ std::string uriHost(const Options& o) {
     return o.bind;
 }
 
-// The listener creates its socket file from a thread of its own; the printer is
-// announced only once clients can reach it.
-bool waitForFile(const std::string& path, int timeoutMs) {
+// The listener binds, restricts and then listens on its socket from a thread of
+// its own. The HTTP port opens only once the socket takes connections, so that
+// no client is turned away while the service comes up: a connection is tried
+// (the listener serves it as one that closed at once).
+bool waitForListener(const std::string& path, int timeoutMs) {
+    struct sockaddr_un addr;
+    memset(&addr, 0, sizeof addr);
+    addr.sun_family = AF_UNIX;
+    if (path.size() >= sizeof addr.sun_path) return false;
+    memcpy(addr.sun_path, path.c_str(), path.size());
     for (int waited = 0; waited < timeoutMs; waited += 10) {
-        if (access(path.c_str(), F_OK) == 0) return true;
+        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) return false;
+        const bool listening = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
+        close(fd);
+        if (listening) return true;
         usleep(10 * 1000);
     }
     return false;
@@ -99,11 +135,12 @@ int parseArgs(int argc, char** argv, Options& o) {
         {"host", required_argument, nullptr, 'H'},      {"name", required_argument, nullptr, 'n'},
         {"spool", required_argument, nullptr, 'd'},     {"socket-dir", required_argument, nullptr, 's'},
         {"trace-level", required_argument, nullptr, 't'}, {"processing-ms", required_argument, nullptr, 'm'},
-        {"help", no_argument, nullptr, 'h'},            {nullptr, 0, nullptr, 0},
+        {"socket-group", required_argument, nullptr, 'g'}, {"help", no_argument, nullptr, 'h'},
+        {nullptr, 0, nullptr, 0},
     };
     int c;
     long v = 0;
-    while ((c = getopt_long(argc, argv, "p:b:H:n:d:s:t:m:h", longOpts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "p:b:H:n:d:s:t:m:g:h", longOpts, nullptr)) != -1) {
         switch (c) {
         case 'p':
             if (!parseNumber(optarg, 0, 65535, &v)) {
@@ -117,6 +154,12 @@ int parseArgs(int argc, char** argv, Options& o) {
         case 'n': o.name = optarg; break;
         case 'd': o.spoolDir = optarg; break;
         case 's': o.socketDir = optarg; break;
+        case 'g':
+            if (!parseGroup(optarg, &o.socketGroup)) {
+                fprintf(stderr, "%s: unknown group: %s\n", argv[0], optarg);
+                return 2;
+            }
+            break;
         case 't':
             if (!parseNumber(optarg, 0, 9, &v)) {
                 fprintf(stderr, "%s: bad trace level: %s\n", argv[0], optarg);
@@ -149,20 +192,28 @@ int main(int argc, char** argv) {
     const int parsed = parseArgs(argc, argv, o);
     if (parsed >= 0) return parsed;
 
-    if (!ensureDirectory(o.spoolDir)) {
+    // Documents are private: the spool directory is created 0700, its files 0600.
+    if (!ensureDirectory(o.spoolDir, 0700)) {
         fprintf(stderr, "%s: cannot use spool directory %s\n", argv[0], o.spoolDir.c_str());
         return 1;
     }
+    struct stat spoolStat;
+    if (stat(o.spoolDir.c_str(), &spoolStat) == 0 && (spoolStat.st_mode & 077) != 0)
+        fprintf(stderr, "%s: warning: spool directory %s is open to other users (mode %03o)\n", argv[0],
+                o.spoolDir.c_str(), static_cast<unsigned>(spoolStat.st_mode & 0777));
+    const bool grouped = o.socketGroup != static_cast<gid_t>(-1);
+    const mode_t socketDirMode = grouped ? 0710 : 0700;
     bool ownSocketDir = false;
     if (o.socketDir.empty()) {
-        char dir[] = "/tmp/cmp-ipp-printer-XXXXXX";
-        if (mkdtemp(dir) == nullptr) {
+        char dir[] = "/tmp/cmp-ipp-printer-XXXXXX";  // created 0700
+        if (mkdtemp(dir) == nullptr ||
+            (grouped && (chown(dir, static_cast<uid_t>(-1), o.socketGroup) != 0 || chmod(dir, socketDirMode) != 0))) {
             fprintf(stderr, "%s: cannot create a socket directory under /tmp\n", argv[0]);
             return 1;
         }
         o.socketDir = dir;
         ownSocketDir = true;
-    } else if (!ensureDirectory(o.socketDir)) {
+    } else if (!ensureDirectory(o.socketDir, socketDirMode, o.socketGroup)) {
         fprintf(stderr, "%s: cannot use socket directory %s\n", argv[0], o.socketDir.c_str());
         return 1;
     }
@@ -170,6 +221,7 @@ int main(int argc, char** argv) {
     setenv("GEN_UNIX_PATH", socketDir.c_str(), 1);
     const std::string socketPath = cmp_ipp_fe::socketPathIn(socketDir.c_str());
     if (o.traceLevel >= 0) orvane::cmp_dbglog_common::get_instance().set_level(o.traceLevel);
+    (void)pn_httpd_set_socket_group(grouped ? static_cast<int32_t>(o.socketGroup) : -1);
 
     // Every thread started below inherits this mask, so only sigwait() sees the stop signals.
     sigset_t stopSignals;
@@ -178,14 +230,15 @@ int main(int argc, char** argv) {
     sigaddset(&stopSignals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-    // The front end first: with port 0 the printer URI needs the port it got.
+    // The port is bound first (with port 0 the printer URI needs the port it
+    // got), but clients get in only once the library listens.
     cmp_ipp_frontend::options fo;
     fo.bindAddress = o.bind;
     fo.port = o.port;
     fo.socketPath = socketPath;
     cmp_ipp_frontend frontend(fo);
     std::string error;
-    if (!frontend.start(&error)) {
+    if (!frontend.open(&error)) {
         fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
         if (ownSocketDir) rmdir(o.socketDir.c_str());
         return 1;
@@ -206,8 +259,11 @@ int main(int argc, char** argv) {
         rc = 1;
     } else {
         (void)httpd_start_wrap();
-        if (!waitForFile(socketPath, 5000)) {
+        if (!waitForListener(socketPath, 5000)) {
             fprintf(stderr, "%s: the IPP listener did not come up on %s\n", argv[0], socketPath.c_str());
+            rc = 1;
+        } else if (!frontend.start(&error)) {
+            fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             rc = 1;
         }
     }

@@ -95,7 +95,7 @@ std::string uuidFrom(const std::string& seed) {
     return out;
 }
 
-std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
+std::vector<std::string> jobReasons(JobState state, bool lastDocument, bool interrupted) {
     switch (state) {
     case JobState::Pending: return {lastDocument ? "none" : "job-incoming"};
     case JobState::PendingHeld:
@@ -104,13 +104,16 @@ std::vector<std::string> jobReasons(JobState state, bool lastDocument) {
     case JobState::Processing: return {"job-printing"};
     case JobState::ProcessingStopped: return {"printer-stopped"};
     case JobState::Canceled: return {"job-canceled-by-user"};
-    case JobState::Aborted: return {"aborted-by-system"};
+    case JobState::Aborted:
+        if (interrupted) return {"aborted-by-system", "submission-interrupted"};
+        return {"aborted-by-system"};
     case JobState::Completed: return {"job-completed-successfully"};
     default: return {"none"};
     }
 }
 
-const char* jobMessage(JobState state) {
+const char* jobMessage(JobState state, bool interrupted) {
+    if (state == JobState::Aborted && interrupted) return "Job aborted: the document did not arrive completely.";
     switch (state) {
     case JobState::Pending: return "Job pending.";
     case JobState::Processing: return "Job printing.";
@@ -437,9 +440,9 @@ void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now,
     if (keep("job-originating-user-name")) append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
     if (keep("job-state")) append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
     if (keep("job-state-reasons")) {
-        append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
+        append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument, job.interrupted)));
     }
-    if (keep("job-state-message")) append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
+    if (keep("job-state-message")) append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state, job.interrupted)));
     if (keep("job-printer-up-time")) append(out, integer("job-printer-up-time", upTime(now)));
     if (keep("time-at-creation")) append(out, integer("time-at-creation", upTime(job.createdMs)));
     if (keep("time-at-processing")) {
@@ -480,7 +483,7 @@ JobInfo Printer::infoOf(const Job& job) const {
     JobInfo i;
     i.id = job.id;
     i.state = job.state;
-    i.reasons = jobReasons(job.state, job.lastDocument);
+    i.reasons = jobReasons(job.state, job.lastDocument, job.interrupted);
     i.name = job.name;
     i.user = job.user;
     i.format = job.format;
@@ -561,7 +564,7 @@ std::string Printer::htmlPage() {
             jobsTable += "</TD><TD>";
             jobsTable += htmlEscape(job.user);
             jobsTable += "</TD><TD>";
-            jobsTable += jobMessage(job.state);
+            jobsTable += jobMessage(job.state, job.interrupted);
             jobsTable += "</TD><TD>";
             jobsTable += std::to_string(job.documents);
             jobsTable += "</TD><TD>";

@@ -41,6 +41,9 @@ struct Printer::Job {
     int32_t documents = 0;
     int32_t openStreams = 0;    // documents still arriving
     bool lastDocument = false;  // no further document will come
+    // Aborted because a document (or the job's creation) did not arrive
+    // completely: the client dropped the upload.
+    bool interrupted = false;
     std::vector<std::string> files;
 };
 
@@ -78,8 +81,9 @@ inline bool isTerminal(JobState state) { return state >= JobState::Canceled; }
 inline bool isWaiting(JobState state) { return state == JobState::Pending || state == JobState::PendingHeld; }
 
 // Reasons and message that go with a job's state.
-std::vector<std::string> jobReasons(JobState state, bool lastDocument);
-const char* jobMessage(JobState state);
+// An interrupted job is one aborted because its document did not arrive whole.
+std::vector<std::string> jobReasons(JobState state, bool lastDocument, bool interrupted);
+const char* jobMessage(JobState state, bool interrupted);
 // A stable name-based "urn:uuid:" identifier.
 std::string uuidFrom(const std::string& seed);
 

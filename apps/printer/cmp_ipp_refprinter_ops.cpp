@@ -2,6 +2,7 @@
 // document spooling, the queries, and job control.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -424,6 +425,9 @@ void Operations::prepare() {
 }
 
 void Operations::process() {
+    // RFC 8011 4.1.1: 1 to 2^31-1. The decoder refuses 0; a value above 2^31-1
+    // reads as negative here.
+    if (m_req.m_requestId <= 0) return fail(kBadRequest, "request-id must be between 1 and 2147483647.");
     if (!checkOperationAttrs()) return;
     switch (m_op) {
     case kPrintJob: createJob(true); break;
@@ -482,6 +486,10 @@ uint32_t Operations::data(const cmp_ipp_buf& block) {
     return 1;
 }
 
+// The library aborts a stream whose body did not arrive whole (the client
+// dropped the upload, the connection broke). A job whose document (or whose
+// creation reply) never got through is of no use: it ends aborted, telling the
+// client why, and the part of the document that came is not kept.
 void Operations::abort() {
     std::lock_guard<std::mutex> lock(m_p.m_mutex);
     auto it = m_p.m_streams.find(m_ctx);
@@ -490,10 +498,20 @@ void Operations::abort() {
     const int64_t now = m_p.nowMs();
     if (s.fd >= 0) ::close(s.fd);
     Printer::Job* job = m_p.findJobLocked(s.jobId);
+    if (s.document && s.fd >= 0) {
+        ::unlink(s.path.c_str());
+        if (job != nullptr) {
+            auto f = std::find(job->files.begin(), job->files.end(), s.path);
+            if (f != job->files.end()) job->files.erase(f);
+            job->octets -= std::min<uint64_t>(job->octets, s.bytes);
+        }
+    }
     if (job != nullptr) {
         if (s.document) --job->openStreams;
-        // A job whose document (or whose creation reply) never got through is of no use.
-        if (!isTerminal(job->state)) endLocked(*job, JobState::Aborted, now);
+        if (!isTerminal(job->state)) {
+            job->interrupted = true;
+            endLocked(*job, JobState::Aborted, now);
+        }
     }
     m_p.m_streams.erase(it);
 }
@@ -824,8 +842,8 @@ void Operations::jobSummaryLocked(const Printer::Job& job, cmp_ipp_attrs& out) c
     append(out, integer("job-id", job.id));
     append(out, text(CMP_IPP_TAG_URI, "job-uri", m_p.jobUri(job.id)));
     append(out, enums("job-state", {static_cast<int32_t>(job.state)}));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument)));
-    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state)));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "job-state-reasons", jobReasons(job.state, job.lastDocument, job.interrupted)));
+    append(out, text(CMP_IPP_TAG_TEXT, "job-state-message", jobMessage(job.state, job.interrupted)));
 }
 
 void Operations::jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp_ipp_attrs& out, int64_t now) const {
@@ -838,7 +856,11 @@ void Operations::jobAttrsLocked(const Printer::Job& job, const Requested& r, cmp
 bool Operations::openDocumentLocked(Printer::Job& job, int32_t doc, const std::string& format, bool last,
                                     int64_t now) {
     const std::string path = m_p.spoolPath(job.id, doc, format, compression());
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Documents are for the printer alone: 0600 whatever the umask, also for a
+    // file left by an earlier run (job ids start at 1 again).
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    struct stat st;
+    if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 077) != 0) (void)fchmod(fd, 0600);
     if (fd < 0) {
         endLocked(job, JobState::Aborted, now);
         fail(kInternalError, "Unable to create the spool file: " + std::string(std::strerror(errno)));

@@ -60,7 +60,7 @@ extern "C" int httpGetMoreData(void* ctx, int /*unused*/, unsigned char** data, 
     int32_t npLen = 0;
     const int32_t rc = readBlockLength(req, &npLen);
     if (rc == PRS_PRT_HTTP_RET_END_OF_DATA) {
-        // The front end shut down its sending side at a block boundary: the chunked body is complete.
+        // End of data reported by the platform at a block boundary (see ahttpdSoread).
         req->bodyEnded = 1;
         return 2;
     }
@@ -80,16 +80,27 @@ extern "C" int httpGetMoreData(void* ctx, int /*unused*/, unsigned char** data, 
     }
 
     int32_t got = 0;
-    const int32_t spooled = AHTTPD_getSpooledData(req, npLen, &got, kGetSpooledAttempts);
+    int32_t spooled = AHTTPD_getSpooledData(req, npLen, &got, kGetSpooledAttempts);
+    // The spool read stops after its ten receives, possibly short of the block.
+    // The rest is read on: the next length word must never be taken from the
+    // middle of a block, nor a part of a block pass for all of it.
+    unsigned char pushback = 0;
+    while (spooled >= 0 && got < npLen) {
+        const int32_t n = ahttpdSoread(req, req->sock, req->messageBody + got, npLen - got, &pushback,
+                                       AHTTPD_getReceiveTimeout());
+        if (n < 0) spooled = n;
+        if (n == 0) spooled = PRS_PRT_HTTP_RET_408_TIMEOUT;
+        if (n > 0) got += n;
+    }
     req->bytesLeft -= got;
     if (length != nullptr) *length = got;
     if (data != nullptr) *data = req->messageBody;
-    if (spooled == PRS_PRT_HTTP_RET_END_OF_DATA) {
-        // The body ended inside this block: deliver what came, then report the end.
-        req->bodyEnded = 1;
-        return got > 0 ? 1 : 2;
-    }
     if (spooled >= 0) return 1;
+    if (spooled == PRS_PRT_HTTP_RET_END_OF_DATA) {
+        // Fewer bytes than the block announced: the body is incomplete, and a
+        // cut document must never pass for a whole one.
+        spooled = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+    }
     tracer(0, "[ERROR ]:cmp_ipp_http_ipp::%s(%d): getSpoolData failed HTTPrc=%d..\n", "httpGetMoreData", 246,
            spooled);
     tracer(0, "[ERROR ]:cmp_ipp_http_ipp::%s(%d): toRead=%d bufferSize=%d, bytesLeft=%d attempts=%d.\n",

@@ -5,8 +5,10 @@
 // Wire format (host byte order; the front end runs on the same machine): the front
 // end sends a request block (the first 30444 bytes of ahttpdReqObj), then the body
 // as blocks of a 32-bit length followed by that many bytes; a length of 0 or less
-// ends the body. The server answers with a reply record (the first 30436 bytes of
-// ahttpdRspObj) followed by contentLength body bytes.
+// ends the body. A connection that closes (or half-closes) before that block
+// abandons the body: the stream is aborted, never taken for complete. The
+// server answers with a reply record (the first 30436 bytes of ahttpdRspObj)
+// followed by contentLength body bytes.
 #ifndef CMP_IPP_HTTPD_H
 #define CMP_IPP_HTTPD_H
 
@@ -196,6 +198,10 @@ int32_t getConnectionCount(void);
 void incConnectionCount(void);
 void decConnectionCount(void);
 int set_cloexec_flag(int fd, int value);
+// The socket file is created with mode 0600 whatever the umask; with a group id
+// (0 or more) it belongs to that group and gets mode 0660. Takes effect when the
+// listener next starts. Returns 0.
+int pn_httpd_set_socket_group(int32_t gid);
 // Fills `out` (108 bytes are enough) with the socket path: "/tmp/zyn_ipp_server", or
 // $GEN_UNIX_PATH immediately followed by "zyn_ipp_server".
 void pn_httpd_socket_path(char* out, size_t size);

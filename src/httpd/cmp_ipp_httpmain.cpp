@@ -24,6 +24,7 @@
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -51,6 +52,8 @@ const char kSocketName[] = "zyn_ipp_server";
 const char kDefaultPath[] = "/tmp/zyn_ipp_server";
 
 std::once_flag g_wakeOnce;
+// Group given access to the socket file; -1: the owner alone.
+std::atomic<int32_t> g_socketGroup{-1};
 std::atomic<int> g_wake[2] = {{-1}, {-1}};
 
 bool setNonBlocking(int fd) {
@@ -68,6 +71,17 @@ std::atomic<int32_t> g_leaveRequested{0};
 std::atomic<int32_t> g_listenersAlive{0};
 
 bool stopping() { return g_pn_httpd_shutdown.load() != 0 || g_leaveRequested.load() != 0; }
+
+// The socket file gets its final mode whatever the process's umask: read and
+// write for the owner (and the configured group) only, since whoever can
+// connect can submit jobs and see the replies. Done between bind and listen:
+// until listen no connection can be made, so no one gets in through the mode
+// the file was created with.
+bool restrictSocketFile(const char* path) {
+    const int32_t group = g_socketGroup.load();
+    if (group >= 0 && chown(path, static_cast<uid_t>(-1), static_cast<gid_t>(group)) != 0) return false;
+    return chmod(path, group >= 0 ? 0660 : 0600) == 0;
+}
 
 int leave(int rc) {
     // A stop that has already returned set the count to 0: never below that.
@@ -163,15 +177,6 @@ int pn_httpd_conn_shutdown_all() {
     return n;
 }
 
-bool pn_httpd_conn_stopped(int sock) {
-    if (sock <= 0) return false;
-    pthread_mutex_lock(&g_connLock);
-    const ConnSlot* slot = findConn(sock);
-    const bool stopped = slot != nullptr && slot->stopped;
-    pthread_mutex_unlock(&g_connLock);
-    return stopped;
-}
-
 extern "C" int32_t getConnectionCount(void) { return g_pn_httpd_conn_count.load(); }
 extern "C" void incConnectionCount(void) { g_pn_httpd_conn_count.fetch_add(1); }
 extern "C" void decConnectionCount(void) { g_pn_httpd_conn_count.fetch_sub(1); }
@@ -215,6 +220,12 @@ extern "C" int pn_httpd_main(void) {
     if (bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof address) != 0) {
         tracer(0, "cmp_ipp_httpmain: %s(%d):  bind() failed.\n", "pn_httpd_main", 301);
         close(listener);
+        return leave(-1);
+    }
+    if (!restrictSocketFile(address.sun_path)) {
+        tracer(0, "cmp_ipp_httpmain: %s(%d):  chmod() failed.\n", "pn_httpd_main", 307);
+        close(listener);
+        unlink(address.sun_path);
         return leave(-1);
     }
     // poll() says when to accept; a connection that vanishes in between must not

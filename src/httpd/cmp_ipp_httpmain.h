@@ -27,8 +27,5 @@ void pn_httpd_conn_close(int sock);
 // keep-alive wait and pause returns at once and the task ends through its
 // socket-failure path. Returns how many were shut down.
 int pn_httpd_conn_shutdown_all();
-// True when a stop shut this open connection down (a receive of 0 bytes on it is
-// then not the end of a body).
-bool pn_httpd_conn_stopped(int sock);
 
 #endif

@@ -83,15 +83,14 @@ void closeFromReceive(ahttpdReqObj* req, int16_t sock) {
     forgetSocket(req, sock);
 }
 
-// The front end may finish a chunked body by shutting down its sending side
-// instead of (or after) sending the end block. A receive of 0 bytes is taken as
-// that end of data only while a chunked body is being spooled; anywhere else it
-// means the peer has gone. The socket stays open so that the reply can still go
-// out on the half-closed connection.
-bool endOfDataExpected(const ahttpdReqObj* req, int16_t sock) {
-    // A stop's shutdown also reads as 0 bytes: that is a lost connection, never a complete body.
-    return req != nullptr && req->chunked != 0 && req->spooling == 1 && !pn_httpd_conn_stopped(sock);
-}
+// A body is finished only by its end block (length 0 or less); a receive of 0
+// bytes is the front end gone, also in the middle of a body. A front end that
+// drops an upload closes its socket without the end block, and the stream is
+// then aborted rather than handed over as complete. The end-of-data result of a
+// zero-byte receive is kept for a platform whose receive reports that end with
+// ENOENT; errno is cleared before the receive, so a value left over from an
+// earlier call (a failed unlink, a missing file) can never pass for it.
+bool endOfDataReported(ssize_t received) { return received == 0 && errno == ENOENT; }
 
 // Sleeps up to ms, but ends as soon as the connection is shut down (by a stop,
 // or by a peer that has gone), so that no pause holds a stop.
@@ -459,6 +458,7 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
         }
 
         if (readable) {
+            errno = 0;
             const ssize_t n = recv(sock, dest, static_cast<size_t>(wanted), 0);
             if (n > 0) return static_cast<int32_t>(n) + fromPushback;
             if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
@@ -466,7 +466,7 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
                 return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
             }
             if (n == 0) {
-                if (endOfDataExpected(req, sock)) return PRS_PRT_HTTP_RET_END_OF_DATA;
+                if (endOfDataReported(n)) return PRS_PRT_HTTP_RET_END_OF_DATA;
                 if (ioctl(sock, FIONREAD, &waiting) != 0 || waiting <= 0) {
                     closeFromReceive(req, sock);
                     return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;

@@ -3,15 +3,19 @@
 // listening on a socket path of its own.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <signal.h>
+#include <sys/wait.h>
 
 #include <cctype>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <memory>
 
+#include "cmp_ipp_admission.h"
 #include "cmp_ipp_frontend.h"
 #include "cmp_ipp_relay.h"
-#include "httpd/httpd_fixture.h"
+#include "apps/http_client.h"
 
 namespace {
 
@@ -65,140 +69,181 @@ TEST(FrontendMapping, SelectionKeepsCredentialsWhenTheRecordIsFull) {
     EXPECT_EQ(byToken.count(CMP_IPP_IF_HDR_COOKIE), 0u) << "a value too long for a field is left out, not cut";
 }
 
-// ---- a raw HTTP/1.1 client ------------------------------------------------------------
+// ---- admission -------------------------------------------------------------------------
 
-struct HttpResponse {
-    bool ok = false;
-    int status = 0;
-    std::map<std::string, std::string> headers;  // names in lower case
-    std::string body;
-    std::string header(const std::string& name) const {
-        auto it = headers.find(name);
-        return it == headers.end() ? std::string() : it->second;
-    }
-};
-
-class HttpClient {
-public:
-    explicit HttpClient(uint16_t port) {
-        fd_ = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in a;
-        std::memset(&a, 0, sizeof a);
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd_, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) {
-            close(fd_);
-            fd_ = -1;
+// Steps against one table with limits 4 in all and 2 per address, 1000 ms
+// grace and 5000 ms header deadline. Each step either admits (the connection
+// is named by its step's index) or refuses, possibly pushing out an earlier one.
+TEST(FrontendAdmission, LimitsShareAndWhoGivesWay) {
+    admission_limits l;
+    l.connectionLimit = 4;
+    l.perAddressLimit = 2;
+    l.crowdedGraceMs = 1000;
+    l.headerTimeoutMs = 5000;
+    enum Act { Admit, HeadersDone, RequestDone };
+    struct Step {
+        const char* label;
+        Act act;
+        const char* address;  // Admit
+        int target;           // HeadersDone/RequestDone: the step that admitted it
+        int64_t at;
+        bool admitted;
+        int evicted;  // step index of the connection pushed out; -1 none
+    };
+    const Step steps[] = {
+        {"a1", Admit, "a", 0, 0, true, -1},
+        {"a2", Admit, "a", 0, 10, true, -1},
+        {"a3: a's share is full and none of a's waited 1 s", Admit, "a", 0, 20, false, -1},
+        {"b1", Admit, "b", 0, 30, true, -1},
+        {"a1's headers are complete", HeadersDone, nullptr, 0, 40, true, -1},
+        {"c1", Admit, "c", 0, 50, true, -1},
+        {"d1: full, and nobody waited 1 s", Admit, "d", 0, 900, false, -1},
+        {"d1 again: a2 has waited longest", Admit, "d", 0, 1100, true, 1},
+        {"a4: a has room, the table not: b1 gives way", Admit, "a", 0, 1110, true, 3},
+        {"a1's response is out", RequestDone, nullptr, 0, 1120, true, -1},
+        {"e1: c1 gives way, a1 (busy until now) does not", Admit, "e", 0, 1200, true, 5},
+        {"a5: a's share is full, a1 and a4 are fresh", Admit, "a", 0, 1220, false, -1},
+        {"a6: a's own a4 (since 1110) gives way, not d1 of another address", Admit, "a", 0, 2200, true, 8},
+    };
+    admission_table t(l);
+    std::vector<uint64_t> ids(sizeof steps / sizeof steps[0], 0);
+    for (size_t i = 0; i < ids.size(); ++i) {
+        const Step& s = steps[i];
+        SCOPED_TRACE(s.label);
+        if (s.act == HeadersDone) {
+            t.headersComplete(ids[static_cast<size_t>(s.target)]);
+            continue;
         }
-    }
-    ~HttpClient() {
-        if (fd_ >= 0) close(fd_);
-    }
-    bool connected() const { return fd_ >= 0; }
-
-    bool send(const std::string& s) {
-        size_t off = 0;
-        while (off < s.size()) {
-            const ssize_t k = ::send(fd_, s.data() + off, s.size() - off, MSG_NOSIGNAL);
-            if (k <= 0) return false;
-            off += static_cast<size_t>(k);
+        if (s.act == RequestDone) {
+            t.waitForRequest(ids[static_cast<size_t>(s.target)], s.at);
+            continue;
         }
-        return true;
+        uint64_t evicted = 99;
+        ids[i] = t.admit(s.address, s.at, &evicted);
+        EXPECT_EQ(ids[i] != 0, s.admitted);
+        EXPECT_EQ(evicted, s.evicted < 0 ? 0u : ids[static_cast<size_t>(s.evicted)]);
+        EXPECT_LE(t.counted(), l.connectionLimit);
+        EXPECT_LE(t.countedFrom(s.address), l.perAddressLimit);
     }
-    // The body as chunks of the given size, then the last chunk.
-    bool sendChunked(const std::string& body, size_t chunk) {
-        for (size_t off = 0; off < body.size(); off += chunk) {
-            const std::string piece = body.substr(off, chunk);
-            char size[32];
-            snprintf(size, sizeof size, "%zx\r\n", piece.size());
-            if (!send(size + piece + "\r\n")) return false;
-        }
-        return send("0\r\n\r\n");
-    }
-
-    HttpResponse read(int timeoutMs = 15000) {
-        HttpResponse r;
-        const auto start = Clock::now();
-        size_t end;
-        while ((end = buf_.find("\r\n\r\n")) == std::string::npos)
-            if (!fill(start, timeoutMs)) return r;
-        std::istringstream head(buf_.substr(0, end));
-        buf_.erase(0, end + 4);
-        std::string line, version;
-        std::getline(head, line);
-        std::istringstream(line) >> version >> r.status;
-        while (std::getline(head, line)) {
-            const size_t colon = line.find(':');
-            if (colon == std::string::npos) continue;
-            std::string name = line.substr(0, colon);
-            for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            if (!value.empty() && value.back() == '\r') value.pop_back();
-            r.headers[name] = value;
-        }
-        if (r.headers.count("content-length") != 0) {
-            const size_t n = std::stoul(r.headers["content-length"]);
-            while (buf_.size() < n)
-                if (!fill(start, timeoutMs)) return r;
-            r.body = buf_.substr(0, n);
-            buf_.erase(0, n);
-        } else if (r.header("transfer-encoding").find("chunked") != std::string::npos) {
-            for (;;) {
-                size_t eol;
-                while ((eol = buf_.find("\r\n")) == std::string::npos)
-                    if (!fill(start, timeoutMs)) return r;
-                const size_t n = std::stoul(buf_.substr(0, eol), nullptr, 16);
-                while (buf_.size() < eol + 2 + n + 2)
-                    if (!fill(start, timeoutMs)) return r;
-                r.body += buf_.substr(eol + 2, n);
-                buf_.erase(0, eol + 2 + n + 2);
-                if (n == 0) break;
-            }
-        }
-        r.ok = true;
-        return r;
-    }
-
-    bool closedByPeer(int timeoutMs) {
-        const auto start = Clock::now();
-        while (msSince(start) < timeoutMs) {
-            struct pollfd p = {fd_, POLLIN, 0};
-            if (poll(&p, 1, 20) <= 0) continue;
-            char b;
-            const ssize_t k = recv(fd_, &b, 1, MSG_DONTWAIT);
-            if (k == 0 || (k < 0 && errno != EAGAIN && errno != EINTR)) return true;
-        }
-        return false;
-    }
-
-private:
-    bool fill(Clock::time_point start, int timeoutMs) {
-        const int64_t left = timeoutMs - msSince(start);
-        if (left <= 0) return false;
-        struct pollfd p = {fd_, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0) return false;
-        char tmp[65536];
-        const ssize_t k = recv(fd_, tmp, sizeof tmp, 0);
-        if (k <= 0) return false;
-        buf_.append(tmp, static_cast<size_t>(k));
-        return true;
-    }
-
-    int fd_ = -1;
-    std::string buf_;
-};
-
-std::string asString(const Bytes& b) { return std::string(b.begin(), b.end()); }
-
-std::string postHead(size_t contentLength, const std::string& extra = "") {
-    return "POST /ipp/print HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/ipp\r\nContent-Length: " +
-           std::to_string(contentLength) + "\r\n" + extra + "\r\n";
+    EXPECT_EQ(t.counted(), 4u);
+    EXPECT_EQ(t.countedFrom("a"), 2u);  // a1 and a6
+    EXPECT_EQ(t.size(), 8u) << "those pushed out are still there until they close";
 }
-const char kChunkedHead[] =
-    "POST /ipp/print HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/ipp\r\n"
-    "Transfer-Encoding: chunked\r\n\r\n";
+
+// A connection whose request waits unread is held up by the server, not by its
+// client: it is not the one to give way.
+TEST(FrontendAdmission, ConnectionWithUnreadBytesIsSpared) {
+    admission_limits l;
+    l.connectionLimit = 2;
+    l.perAddressLimit = 0;
+    admission_table t(l);
+    uint64_t evicted = 0;
+    const uint64_t first = t.admit("x", 0, &evicted);
+    const uint64_t second = t.admit("x", 10, &evicted);
+    ASSERT_NE(second, 0u);
+    EXPECT_NE(t.admit("y", 2000, &evicted, [first](uint64_t id) { return id == first; }), 0u);
+    EXPECT_EQ(evicted, second) << "the longer waiting one has bytes unread";
+    EXPECT_EQ(t.admit("z", 3000, &evicted, [](uint64_t) { return true; }), 0u);
+    EXPECT_EQ(evicted, 0u);
+}
+
+TEST(FrontendAdmission, HeaderDeadlineExpiresOnlyWaitingConnections) {
+    admission_limits l;
+    l.headerTimeoutMs = 1000;
+    admission_table t(l);
+    uint64_t none = 0;
+    const uint64_t idle = t.admit("x", 0, &none);
+    const uint64_t busy = t.admit("x", 0, &none);
+    const uint64_t later = t.admit("y", 500, &none);
+    t.headersComplete(busy);
+    EXPECT_EQ(t.nextDeadline(), 1000);
+    EXPECT_TRUE(t.expire(999).empty());
+    EXPECT_EQ(t.expire(1000), std::vector<uint64_t>{idle});
+    EXPECT_TRUE(t.expire(1000).empty()) << "reported once";
+    EXPECT_EQ(t.counted(), 2u) << "an expired connection no longer counts";
+    EXPECT_EQ(t.nextDeadline(), 1500);
+    t.waitForRequest(busy, 1200);  // its response is out: the next request's headers are due
+    EXPECT_EQ(t.expire(2199), std::vector<uint64_t>{later});
+    EXPECT_EQ(t.expire(2200), std::vector<uint64_t>{busy});
+    t.remove(idle);
+    t.remove(busy);
+    t.remove(later);
+    EXPECT_EQ(t.size(), 0u);
+    EXPECT_EQ(t.nextDeadline(), INT64_MAX);
+}
+
+// A stand-in for the library that closes its first connections unread, as
+// the library does at its connection limit, then reads one request whole
+// (record, blocks, end block) and answers it.
+TEST(FrontendRelay, RefusedRequestIsSentAgainWholeAndOnce) {
+    char dir[] = "/tmp/cmp_ipp_relay_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/sock";
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un a;
+    std::memset(&a, 0, sizeof a);
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    ASSERT_EQ(bind(listener, reinterpret_cast<struct sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(listener, 5), 0);
+    const int refusals = 3;
+    std::string received;
+    std::thread server([&] {
+        for (int i = 0; i <= refusals; ++i) {
+            const int c = accept(listener, nullptr, nullptr);
+            if (c < 0) return;
+            if (i < refusals) {
+                // Let the request (or part of it) arrive, then close without reading.
+                std::this_thread::sleep_for(std::chrono::milliseconds(i * 20));
+                close(c);
+                continue;
+            }
+            std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
+            auto readAll = [c](void* p, size_t n) {
+                unsigned char* d = static_cast<unsigned char*>(p);
+                while (n > 0) {
+                    const ssize_t k = recv(c, d, n, 0);
+                    if (k <= 0) return false;
+                    d += k;
+                    n -= static_cast<size_t>(k);
+                }
+                return true;
+            };
+            if (!readAll(record.data(), record.size())) break;
+            received.assign(record.begin(), record.begin() + 4);
+            for (;;) {
+                int32_t length = 0;
+                if (!readAll(&length, sizeof length)) break;
+                received += "|" + std::to_string(length);
+                if (length <= 0) break;
+                std::string data(static_cast<size_t>(length), '\0');
+                if (!readAll(&data[0], data.size())) break;
+            }
+            std::vector<unsigned char> reply(AHTTPD_RSP_RECORD_SIZE, 0);
+            (void)send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
+            close(c);
+        }
+    });
+    std::atomic<bool> stopping{false};
+    relay_connection relay(5000, &stopping, 3000);
+    ASSERT_EQ(relay.connectTo(path), relay_connection::outcome::ok);
+    relay_request req;
+    req.method = AHTTPD_METHOD_POST;
+    req.chunked = true;
+    ASSERT_TRUE(relay.sendRequest(req));
+    const std::string body(1000, 'b');
+    ASSERT_TRUE(relay.addBody(reinterpret_cast<const unsigned char*>(body.data()), body.size()));
+    ASSERT_TRUE(relay.endBody());
+    relay_reply reply;
+    EXPECT_TRUE(relay.readReply(reply, 5000));
+    EXPECT_EQ(reply.status, 0);
+    server.join();
+    EXPECT_EQ(received, std::string("\x02\0\0\0", 4) + "|1000|0") << "one record, the block and the end, once";
+    EXPECT_EQ(relay.replays(), static_cast<unsigned>(refusals));
+    close(listener);
+    unlink(path.c_str());
+    rmdir(dir);
+}
 
 void expectIppResponse(const HttpResponse& r, uint32_t requestId) {
     ASSERT_TRUE(r.ok);
@@ -242,14 +287,28 @@ class FrontendE2E : public HttpdServer {
 protected:
     void SetUp() override {
         HttpdServer::SetUp();
+        restartFrontend([](cmp_ipp_frontend::options&) {});
+    }
+    // A front end with options of the test's own.
+    void restartFrontend(const std::function<void(cmp_ipp_frontend::options&)>& tune) {
+        frontend_.reset();
         cmp_ipp_frontend::options o;
         o.port = 0;
         o.socketPath = path_;
         o.relayTimeoutMs = 10000;
+        o.log = [this](const std::string& m) {
+            std::lock_guard<std::mutex> g(logLock_);
+            logged_.push_back(m);
+        };
+        tune(o);
         frontend_.reset(new cmp_ipp_frontend(o));
         std::string error;
         ASSERT_TRUE(frontend_->start(&error)) << error;
         ASSERT_NE(frontend_->port(), 0);
+    }
+    std::vector<std::string> logged() {
+        std::lock_guard<std::mutex> g(logLock_);
+        return logged_;
     }
     void TearDown() override {
         frontend_.reset();  // first: it holds connections the library's stop waits for
@@ -264,6 +323,8 @@ protected:
 
     DocumentHandler lib;
     std::unique_ptr<cmp_ipp_frontend> frontend_;
+    std::mutex logLock_;
+    std::vector<std::string> logged_;
 };
 
 TEST_F(FrontendE2E, GetGivesThePrinterPageOnItsPathsAndJobUris) {
@@ -515,6 +576,255 @@ TEST_F(FrontendE2E, OtherPathsAndMethodsAreRefusedLocally) {
     EXPECT_EQ(r.status, 405);
     EXPECT_EQ(r.header("allow"), "GET, POST");
     EXPECT_EQ(getConnectionCount(), 0) << "nothing was relayed";
+}
+
+// ---- protocol edges, limits, deadlines, trust --------------------------------------------
+
+TEST_F(FrontendE2E, PostMustBeApplicationIpp) {
+    startLibrary();
+    const std::string ipp = asString(ippRequest(kGetJobs, 21));
+    const struct {
+        const char* contentType;  // nullptr: no Content-Type at all
+        int status;
+    } cases[] = {
+        {"application/ipp", 200}, {"Application/IPP", 200}, {"application/ipp; charset=utf-8", 200},
+        {"text/plain", 400},      {"application/ipp-x", 400}, {"application/octet-stream", 400},
+        {"", 400},                {nullptr, 400},
+    };
+    int relayed = 0;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.contentType != nullptr ? c.contentType : "(none)");
+        std::string head = "POST /ipp/print HTTP/1.1\r\nHost: localhost\r\nContent-Length: " +
+                           std::to_string(ipp.size()) + "\r\n";
+        if (c.contentType != nullptr) head += std::string("Content-Type: ") + c.contentType + "\r\n";
+        HttpClient client(port());
+        ASSERT_TRUE(client.send(head + "\r\n" + ipp));
+        const HttpResponse r = client.read();
+        ASSERT_TRUE(r.ok);
+        EXPECT_EQ(r.status, c.status);
+        if (c.status == 200) ++relayed;
+        EXPECT_EQ(lib.prepared.load(), relayed) << "a refused POST never reaches the library";
+    }
+}
+
+// The library refuses connections beyond its 32 (closing them unread) while
+// tasks of ended connections are still winding down. A request that meets such
+// a refusal is sent again, not answered with 502.
+TEST_F(FrontendE2E, LibraryAtItsLimitIsRetriedNotAFailure) {
+    startLibrary();
+    const std::string ipp = asString(ippRequest(kGetJobs, 22));
+    for (const bool post : {false, true}) {
+        SCOPED_TRACE(post ? "POST" : "GET");
+        for (int i = 0; i < AHTTPD_MAX_CONNECTIONS; ++i) incConnectionCount();
+        std::thread release([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            for (int i = 0; i < AHTTPD_MAX_CONNECTIONS; ++i) decConnectionCount();
+        });
+        HttpClient c(port());
+        ASSERT_TRUE(c.send(post ? postHead(ipp.size()) + ipp : "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+        const HttpResponse r = c.read();
+        release.join();
+        ASSERT_TRUE(r.ok);
+        EXPECT_EQ(r.status, 200);
+        if (post) expectIppResponse(r, 22);
+    }
+}
+
+TEST_F(FrontendE2E, OverTheLimitGets503WithRetryAfterAndWaitingConnectionsGiveWay) {
+    restartFrontend([](cmp_ipp_frontend::options& o) {
+        o.connectionLimit = 4;
+        o.perAddressLimit = 0;
+        o.crowdedGraceMs = 800;
+        o.retryAfterSeconds = 7;
+    });
+    startLibrary();
+    std::vector<std::unique_ptr<HttpClient>> idle;
+    for (int i = 0; i < 4; ++i) {
+        idle.emplace_back(new HttpClient(port()));
+        ASSERT_TRUE(idle.back()->connected());
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    HttpClient over(port());
+    ASSERT_TRUE(over.connected());
+    const HttpResponse refused = over.read(5000);
+    ASSERT_TRUE(refused.ok) << "a complete answer, not a bare close";
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.header("retry-after"), "7");
+    EXPECT_EQ(refused.header("connection"), "close");
+    EXPECT_TRUE(over.closedByPeer(3000));
+
+    // Once the idle ones have waited longer than the grace time, a newcomer
+    // pushes out the one that waited longest and is served.
+    std::this_thread::sleep_for(std::chrono::milliseconds(900));
+    HttpClient newcomer(port());
+    ASSERT_TRUE(newcomer.send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+    const HttpResponse page = newcomer.read();
+    ASSERT_TRUE(page.ok);
+    EXPECT_EQ(page.status, 200);
+    EXPECT_TRUE(idle.front()->closedByPeer(2000)) << "the longest waiting connection gave way";
+    EXPECT_FALSE(idle.back()->closedByPeer(100));
+}
+
+TEST_F(FrontendE2E, HeadersMustBeCompleteInTime) {
+    restartFrontend([](cmp_ipp_frontend::options& o) { o.headerTimeoutMs = 600; });
+    startLibrary();
+    HttpClient slow(port());
+    const std::string request = "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n";
+    const auto start = Clock::now();
+    bool cut = false;
+    // One byte every 100 ms: each byte would reset an idle timer, not the deadline.
+    for (size_t i = 0; i + 1 < request.size() && !cut; ++i) {
+        cut = !slow.send(request.substr(i, 1)) || slow.closedByPeer(100);
+    }
+    EXPECT_TRUE(cut || slow.closedByPeer(2000));
+    EXPECT_LT(msSince(start), 2500);
+    EXPECT_EQ(lib.prepared.load(), 0);
+
+    // Headers in time, then an idle kept connection: closed after the deadline too.
+    HttpClient kept(port());
+    ASSERT_TRUE(kept.send(request));
+    EXPECT_EQ(kept.read().status, 200);
+    EXPECT_FALSE(kept.closedByPeer(300));
+    EXPECT_TRUE(kept.closedByPeer(2000));
+}
+
+TEST_F(FrontendE2E, OneAddressGetsItsShareOthersStillGetIn) {
+    restartFrontend([](cmp_ipp_frontend::options& o) {
+        o.connectionLimit = 8;
+        o.perAddressLimit = 3;
+    });
+    startLibrary();
+    std::vector<std::unique_ptr<HttpClient>> hog;
+    for (int i = 0; i < 3; ++i) {
+        hog.emplace_back(new HttpClient(port(), "127.0.0.2"));
+        ASSERT_TRUE(hog.back()->connected()) << "is 127.0.0.2 routed to loopback?";
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    HttpClient fourth(port(), "127.0.0.2");
+    EXPECT_EQ(fourth.read(5000).status, 503);
+    HttpClient other(port(), "127.0.0.1");
+    ASSERT_TRUE(other.send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+    EXPECT_EQ(other.read().status, 200);
+}
+
+// An upload that stops arriving is abandoned after the stall time: the library
+// sees the connection go without the end block and aborts the stream.
+TEST_F(FrontendE2E, StalledUploadIsAbandoned) {
+    restartFrontend([](cmp_ipp_frontend::options& o) { o.stallTimeoutSeconds = 1; });
+    startLibrary();
+    HttpClient c(port());
+    // More than a block, so that the library has started the job.
+    const std::string body = asString(ippRequest(kPrintJob, 23)) + std::string(40000, 's');
+    ASSERT_TRUE(c.send(postHead(body.size() + 5000) + body));
+    EXPECT_TRUE(c.closedByPeer(4000));
+    EXPECT_TRUE(settles([&] { return lib.aborted.load() == 1; }, 5000));
+    EXPECT_TRUE(settles([&] { return lib.finished.load() == 1; }, 5000));
+    EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000));
+}
+
+// A slow but steady upload: what has come goes to the library in part blocks,
+// so the library's receive time-out (the fixture's 5 s) never runs out between
+// blocks, although the whole upload takes twice as long.
+TEST_F(FrontendE2E, SlowUploadKeepsTheLibraryFed) {
+    startLibrary();
+    HttpClient c(port());
+    const std::string head = asString(ippRequest(kPrintJob, 24));
+    std::string doc;
+    ASSERT_TRUE(c.send(kChunkedHead));
+    ASSERT_TRUE(c.sendChunkedPiece(head));
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(3200));
+        const std::string piece(100, static_cast<char>('a' + i));
+        doc += piece;
+        ASSERT_TRUE(c.sendChunkedPiece(piece));
+    }
+    ASSERT_TRUE(c.send("0\r\n\r\n"));
+    expectIppResponse(c.read(), 24);
+    EXPECT_EQ(lib.aborted.load(), 0);
+    std::lock_guard<std::mutex> g(lib.docLock);
+    EXPECT_EQ(lib.document, doc);
+}
+
+// Whoever serves the socket receives clients' requests and credentials: a
+// socket served by another user is not relayed to unless that user is trusted.
+TEST_F(FrontendE2E, SocketOfAnotherUserIsRefusedUnlessTrusted) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to run a socket server as another user";
+    const uid_t other = 65534;
+    const std::string otherPath = dir_ + "/other";
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Serves the socket as another user and reports how many bytes each
+        // connection brought.
+        close(report[0]);
+        const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        struct sockaddr_un a;
+        std::memset(&a, 0, sizeof a);
+        a.sun_family = AF_UNIX;
+        std::strncpy(a.sun_path, otherPath.c_str(), sizeof a.sun_path - 1);
+        if (bind(fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0 || setuid(other) != 0 ||
+            listen(fd, 5) != 0)
+            _exit(1);
+        for (;;) {
+            const int conn = accept(fd, nullptr, nullptr);
+            if (conn < 0) _exit(0);
+            long total = 0;
+            char buf[4096];
+            struct pollfd p = {conn, POLLIN, 0};
+            while (poll(&p, 1, 300) > 0) {
+                const ssize_t n = recv(conn, buf, sizeof buf, 0);
+                if (n <= 0) break;
+                total += n;
+            }
+            close(conn);
+            (void)!write(report[1], &total, sizeof total);
+        }
+    }
+    close(report[1]);
+    struct Reap {
+        pid_t pid;
+        int fd;
+        ~Reap() {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+            close(fd);
+        }
+    } reap{child, report[0]};
+    ASSERT_TRUE(settles([&] { return access(otherPath.c_str(), F_OK) == 0; }, 3000));
+
+    restartFrontend([&](cmp_ipp_frontend::options& o) { o.socketPath = otherPath; });
+    for (int i = 0; i < 2; ++i) {
+        HttpClient c(port());
+        ASSERT_TRUE(c.send("GET / HTTP/1.1\r\nHost: localhost\r\nAuthorization: Basic dXNlcjpwYXNz\r\n\r\n"));
+        const HttpResponse r = c.read();
+        EXPECT_EQ(r.status, 503);
+        EXPECT_EQ(r.body, "IPP service not trusted\n");
+    }
+    long bytes = -1;
+    struct pollfd p = {report[0], POLLIN, 0};
+    int connections = 0;
+    while (poll(&p, 1, connections == 0 ? 2000 : 700) == 1) {
+        ASSERT_EQ(read(report[0], &bytes, sizeof bytes), static_cast<ssize_t>(sizeof bytes));
+        EXPECT_EQ(bytes, 0) << "nothing, credentials least of all, went to it";
+        ++connections;
+    }
+    EXPECT_EQ(connections, 2) << "one look per request";
+    const std::vector<std::string> log = logged();
+    ASSERT_EQ(log.size(), 1u) << "said once, not once per request";
+    EXPECT_NE(log[0].find("uid 65534"), std::string::npos) << log[0];
+
+    restartFrontend([&](cmp_ipp_frontend::options& o) {
+        o.socketPath = otherPath;
+        o.trustedUids = {other};
+    });
+    HttpClient trusted(port());
+    ASSERT_TRUE(trusted.send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
+    (void)trusted.read(3000);  // this server answers nothing; only that it was given the request counts
+    ASSERT_EQ(poll(&p, 1, 3000), 1);
+    ASSERT_EQ(read(report[0], &bytes, sizeof bytes), static_cast<ssize_t>(sizeof bytes));
+    EXPECT_GE(bytes, static_cast<long>(AHTTPD_REQ_BLOCK_SIZE)) << "a trusted server gets the request record";
 }
 
 }  // namespace

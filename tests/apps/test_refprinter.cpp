@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "../msg/msg_fixture.h"
+#include "apps/ipp_reply.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"
 #include "containers/cmp_ipp_malloc.h"
@@ -21,83 +23,13 @@
 
 namespace {
 
+using namespace ipp_reply;
 using refprinter::JobInfo;
 using refprinter::JobState;
 
 enum : uint8_t { kOpGroup = 1, kJobGroup = 2, kPrinterGroup = 4, kUnsupportedGroup = 5 };
 enum : uint16_t { kPrintJob = 2, kCreateJob = 5, kSendDocument = 6, kCancelJob = 8, kGetJobAttributes = 9,
                   kGetJobs = 10, kGetPrinterAttributes = 11, kHoldJob = 12, kReleaseJob = 13, kIdentifyPrinter = 0x3C };
-
-struct Value {
-    uint8_t tag;
-    std::string bytes;
-    int32_t integer() const {
-        uint32_t v = 0;
-        for (unsigned char c : bytes) v = (v << 8) | c;
-        return static_cast<int32_t>(v);
-    }
-};
-struct Attr { std::string name; std::vector<Value> values; };
-struct Group { uint8_t tag; std::vector<Attr> attrs; };
-
-// A decoded reply: groups of top-level attributes (collection contents skipped).
-struct Response {
-    uint16_t status = 0xFFFF;
-    std::vector<Group> groups;
-
-    std::vector<const Group*> of(uint8_t tag) const {
-        std::vector<const Group*> out;
-        for (const Group& g : groups)
-            if (g.tag == tag) out.push_back(&g);
-        return out;
-    }
-    const Attr* find(uint8_t tag, const std::string& name) const {
-        for (const Group* g : of(tag))
-            for (const Attr& a : g->attrs)
-                if (a.name == name) return &a;
-        return nullptr;
-    }
-    int32_t integer(uint8_t tag, const std::string& name) const {
-        const Attr* a = find(tag, name);
-        return a != nullptr && !a->values.empty() ? a->values[0].integer() : -1;
-    }
-    std::string text(uint8_t tag, const std::string& name) const {
-        const Attr* a = find(tag, name);
-        return a != nullptr && !a->values.empty() ? a->values[0].bytes : "<absent>";
-    }
-};
-
-Response parse(const std::string& b) {
-    Response r;
-    if (b.size() < 9) return r;
-    auto u16 = [&b](size_t p) {
-        return p + 2 <= b.size() ? static_cast<size_t>((static_cast<uint8_t>(b[p]) << 8) | static_cast<uint8_t>(b[p + 1]))
-                                 : b.size();
-    };
-    r.status = static_cast<uint16_t>(u16(2));
-    size_t p = 8;
-    int depth = 0;
-    while (p < b.size()) {
-        const uint8_t tag = static_cast<uint8_t>(b[p++]);
-        if (tag == 0x03) break;
-        if (tag < 0x10) {
-            r.groups.push_back(Group{tag, {}});
-            continue;
-        }
-        const size_t nameLength = u16(p);
-        const std::string name = b.substr(std::min(p + 2, b.size()), nameLength);
-        p += 2 + nameLength;
-        const size_t valueLength = u16(p);
-        const std::string value = b.substr(std::min(p + 2, b.size()), valueLength);
-        p += 2 + valueLength;
-        if (tag == 0x37) --depth;
-        if (tag == 0x37 || (tag == 0x34 ? depth++ > 0 : depth > 0) || r.groups.empty()) continue;
-        Group& g = r.groups.back();
-        if (nameLength != 0 || g.attrs.empty()) g.attrs.push_back(Attr{name, {}});
-        g.attrs.back().values.push_back(Value{tag, value});
-    }
-    return r;
-}
 
 Bytes bytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
@@ -474,6 +406,93 @@ TEST_F(RefPrinterTest, AbortedStreamsAbortTheirJobAndLeaveNothingOpen) {
     EXPECT_EQ(printer->streamCount(), 0u);
     EXPECT_EQ(openSpoolFiles(), 0);
     EXPECT_EQ(jobRequest(kGetJobAttributes, 1).text(kJobGroup, "job-state-reasons"), "aborted-by-system");
+}
+
+// An upload the client dropped reaches the printer as an abort: the job ends
+// aborted with a reason the client can read, and the part of the document that
+// came is not kept (nor counted).
+TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument) {
+    const struct {
+        const char* label;
+        uint16_t op;
+    } cases[] = {{"Print-Job", kPrintJob}, {"Send-Document", kSendDocument}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        int32_t id = 0;
+        if (c.op == kSendDocument) {
+            const Response created = createJob("dave");
+            ASSERT_EQ(created.status, 0);
+            id = created.integer(kJobGroup, "job-id");
+        }
+        Ipp m = request(c.op);
+        if (c.op == kSendDocument) m.integer(0x21, "job-id", id).attr(0x22, "last-document", {1});
+        m.text(0x49, "document-format", "application/pdf").tag(3).raw(bytesOf("%PDF-1.4 start"));
+        Stream upload(m.b, &record);
+        EXPECT_EQ(upload.data(std::string(5000, 'p')), 0u);
+        if (id == 0) id = printer->jobs().back().id;
+        JobInfo during;
+        ASSERT_TRUE(printer->job(id, &during));
+        ASSERT_EQ(during.files.size(), 1u);
+        const std::string partial = during.files[0];
+        EXPECT_EQ(access(partial.c_str(), F_OK), 0);
+        upload.end(true);
+
+        JobInfo info;
+        ASSERT_TRUE(printer->job(id, &info));
+        EXPECT_EQ(info.state, JobState::Aborted);
+        EXPECT_EQ(info.reasons, (std::vector<std::string>{"aborted-by-system", "submission-interrupted"}));
+        EXPECT_TRUE(info.files.empty());
+        EXPECT_EQ(info.octets, 0u);
+        EXPECT_NE(access(partial.c_str(), F_OK), 0) << "partial document left behind";
+        const Response r = jobRequest(kGetJobAttributes, id, {"job-state", "job-state-reasons", "job-state-message"});
+        EXPECT_EQ(r.integer(kJobGroup, "job-state"), 8);
+        const Attr* reasons = r.find(kJobGroup, "job-state-reasons");
+        ASSERT_NE(reasons, nullptr);
+        ASSERT_EQ(reasons->values.size(), 2u);
+        EXPECT_EQ(reasons->values[1].bytes, "submission-interrupted");
+        EXPECT_EQ(r.text(kJobGroup, "job-state-message"), "Job aborted: the document did not arrive completely.");
+        EXPECT_EQ(printer->streamCount(), 0u);
+        EXPECT_EQ(openSpoolFiles(), 0);
+    }
+}
+
+// Documents are readable by the printer's user alone, whatever the umask, also
+// when a file of an earlier run (job ids start at 1 again) is in the way.
+TEST_F(RefPrinterTest, SpoolFilesArePrivate) {
+    const std::string stale = spool + "/job-1-doc-1.txt";
+    FILE* f = fopen(stale.c_str(), "w");
+    ASSERT_NE(f, nullptr);
+    fclose(f);
+    ASSERT_EQ(chmod(stale.c_str(), 0644), 0);
+    const mode_t savedMask = umask(0);
+    EXPECT_EQ(printJob("erin", "first").status, 0);
+    EXPECT_EQ(printJob("erin", "second").status, 0);
+    umask(savedMask);
+    for (const char* name : {"/job-1-doc-1.txt", "/job-2-doc-1.txt"}) {
+        struct stat st;
+        ASSERT_EQ(stat((spool + name).c_str(), &st), 0) << name;
+        EXPECT_EQ(st.st_mode & 0777, 0600u) << name;
+    }
+}
+
+// RFC 8011: request-id is 1 to 2^31-1; the decoder refuses 0, the printer what lies above.
+TEST_F(RefPrinterTest, RequestIdOutOfRangeIsABadRequest) {
+    const struct {
+        uint32_t id;
+        uint16_t status;
+    } cases[] = {{1, 0x0000}, {0x7FFFFFFFu, 0x0000}, {0x80000000u, 0x0400}, {0xFFFFFFFFu, 0x0400}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.id);
+        Ipp m;
+        m.header(2, 0, kGetPrinterAttributes, c.id).opGroup().tag(3);
+        const Response r = send(m.b);
+        EXPECT_EQ(r.status, c.status);
+        EXPECT_EQ(r.integer(kPrinterGroup, "printer-state") > 0, c.status == 0) << "attributes only when served";
+    }
+    Ipp job;
+    job.header(2, 0, kPrintJob, 0x80000001u).opGroup().tag(3);
+    EXPECT_EQ(send(job.b, {"data"}).status, 0x0400);
+    EXPECT_TRUE(printer->jobs().empty()) << "no job for a refused request";
 }
 
 TEST_F(RefPrinterTest, CancelDuringTransferDropsTheRestOfTheDocument) {

@@ -269,32 +269,90 @@ TEST_F(HttpdE2E, PeerClosingDuringTheRequestBlockEndsTheTask) {
     EXPECT_EQ(handler.prepared.load(), 0);
 }
 
-// The front end shuts down its sending side to end a chunked body: end of data, not
-// a failure, whether inside a block (the short last block is still delivered) or
-// at a block boundary (the keep-alive wait then sees the closed side).
-TEST_F(HttpdE2E, ChunkedBodyEndedByShuttingDownTheSendingSide) {
+// Every way a body can end on the socket. Only the end block finishes it; a
+// close or half-close without one (at a block boundary or inside a block) is an
+// abandoned upload: the stream is aborted and still ended, no block that
+// arrived only in part reaches the handler, and no reply goes out.
+TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
+    enum class End { EndBlock, CloseAtBoundary, HalfCloseAtBoundary, HalfCloseInBlock, CloseInBlock };
+    const struct {
+        const char* label;
+        bool chunked;
+        End end;
+    } cases[] = {
+        {"chunked, end block", true, End::EndBlock},
+        {"content-length, end block", false, End::EndBlock},
+        {"chunked, closed between blocks", true, End::CloseAtBoundary},
+        {"chunked, half-closed between blocks", true, End::HalfCloseAtBoundary},
+        {"chunked, half-closed inside a block", true, End::HalfCloseInBlock},
+        {"chunked, closed inside a block", true, End::CloseInBlock},
+        {"content-length, closed inside a block", false, End::CloseInBlock},
+        {"content-length, all bytes but no end block", false, End::HalfCloseAtBoundary},
+    };
     start();
-    for (const bool midBlock : {true, false}) {
-        SCOPED_TRACE(midBlock ? "inside a block" : "at a block boundary");
-        const uint64_t before = handler.dataBytes.load();
-        Client c(path_);
-        R r = R::post(0, midBlock ? AHTTPD_CONN_CLOSE : AHTTPD_CONN_KEEP_ALIVE);
-        r.chunked = 1;
-        ASSERT_TRUE(c.sendRequest(r));
-        ASSERT_TRUE(c.sendBlock(ippRequest(kPrintJob, 31)));
-        const Bytes doc(3000, 0x11);
-        ASSERT_TRUE(c.sendBlock(doc));
-        if (midBlock) {
+    const Bytes doc(3000, 0x11);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        const Bytes first = ippRequest(kPrintJob, 31);
+        const int aborted = handler.aborted.load(), finished = handler.finished.load();
+        const uint64_t bytes = handler.dataBytes.load();
+        Client client(path_);
+        R r = R::post(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
+        r.chunked = c.chunked ? 1 : 0;
+        ASSERT_TRUE(client.sendRequest(r));
+        ASSERT_TRUE(client.sendBlock(first));
+        ASSERT_TRUE(client.sendBlock(doc));
+        if (c.end == End::HalfCloseInBlock || c.end == End::CloseInBlock) {
             const int32_t announced = 3000;
-            ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
-            ASSERT_TRUE(c.sendRaw(doc.data(), 1000));
+            ASSERT_TRUE(client.sendRaw(&announced, sizeof announced));
+            ASSERT_TRUE(client.sendRaw(doc.data(), 1000));
         }
-        ASSERT_EQ(shutdown(c.fd(), SHUT_WR), 0);
-        expectIppReply(c.readReply(), 31);
-        EXPECT_EQ(handler.dataBytes.load() - before, midBlock ? 4000u : 3000u);
-        EXPECT_TRUE(c.closedByPeer(2000));
+        switch (c.end) {
+        case End::EndBlock: ASSERT_TRUE(client.sendEnd()); break;
+        case End::HalfCloseAtBoundary:
+        case End::HalfCloseInBlock: ASSERT_EQ(shutdown(client.fd(), SHUT_WR), 0); break;
+        case End::CloseAtBoundary:
+        case End::CloseInBlock:
+            // Wait until the whole block is in, so that the close comes after it.
+            ASSERT_TRUE(settles([&] { return handler.dataBytes.load() - bytes == doc.size(); }, 3000));
+            client.closeNow();
+            break;
+        }
+        if (c.end == End::EndBlock) {
+            expectIppReply(client.readReply(), 31);
+            EXPECT_EQ(handler.aborted.load(), aborted);
+        } else {
+            if (client.connected()) {
+                EXPECT_FALSE(client.readReply(3000).ok) << "closed without a reply";
+            }
+            EXPECT_TRUE(settles([&] { return handler.aborted.load() == aborted + 1; }, 3000)) << "stream aborted";
+        }
+        EXPECT_TRUE(settles([&] { return handler.finished.load() == finished + 1; }, 3000)) << "and ended";
+        EXPECT_EQ(handler.dataBytes.load() - bytes, doc.size()) << "whole blocks only";
+        EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
     }
-    EXPECT_EQ(handler.dataCalls.load(), 3);
+}
+
+// A block that trickles in over more receives than the spool read makes is
+// still delivered whole, and the next length word is read where it belongs.
+TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
+    start();
+    Client c(path_);
+    R r = R::post(0, AHTTPD_CONN_CLOSE);
+    r.chunked = 1;
+    ASSERT_TRUE(c.sendRequest(r));
+    ASSERT_TRUE(c.sendBlock(ippRequest(kPrintJob, 32)));
+    const int32_t announced = 24 * 500;
+    ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
+    for (int i = 0; i < 24; ++i) {
+        ASSERT_TRUE(c.sendRaw(Bytes(500, static_cast<unsigned char>(i)).data(), 500));
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(c.sendBlock(Bytes(100, 0x22)));
+    ASSERT_TRUE(c.sendEnd());
+    expectIppReply(c.readReply(), 32);
+    EXPECT_EQ(handler.dataCalls.load(), 2);
+    EXPECT_EQ(handler.dataBytes.load(), 24u * 500u + 100u);
     EXPECT_EQ(handler.aborted.load(), 0);
 }
 
@@ -401,6 +459,39 @@ TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
         EXPECT_EQ(g_pn_httpd_num_ports.load(), 0);
         EXPECT_EQ(g_pn_httpd_shutdown.load(), 0);
         EXPECT_FALSE(Client(path_, 200).connected());
+    }
+}
+
+// Whoever can connect can submit jobs: the socket is the owner's alone (or its
+// group's, when configured), whatever the umask the process runs with.
+TEST_F(HttpdE2E, SocketFileModeIgnoresTheUmask) {
+    struct Restore {
+        mode_t mask = umask(0);
+        ~Restore() {
+            umask(mask);
+            pn_httpd_set_socket_group(-1);
+        }
+    } restore;
+    const struct {
+        int32_t group;
+        mode_t mode;
+    } cases[] = {{-1, 0600}, {static_cast<int32_t>(getgid()), 0660}, {-1, 0600}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.group);
+        EXPECT_EQ(pn_httpd_set_socket_group(c.group), 0);
+        start();
+        struct stat st;
+        ASSERT_TRUE(settles([&] { return stat(path_.c_str(), &st) == 0 && (st.st_mode & 0777) == c.mode; }, 5000))
+            << std::oct << (st.st_mode & 0777);
+        if (c.group >= 0) {
+            EXPECT_EQ(st.st_gid, static_cast<gid_t>(c.group));
+        }
+        Client client(path_);
+        ASSERT_TRUE(client.sendRequest(R::get()));
+        EXPECT_EQ(client.readReply().body, HttpTestHandler::kPage);
+        client.closeNow();
+        ASSERT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
+        stop();
     }
 }
 

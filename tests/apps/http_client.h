@@ -1,0 +1,180 @@
+// A raw HTTP/1.1 client for the front-end tests: it speaks to the TCP port
+// byte by byte, so that tests can also send slowly, cut uploads short, reset
+// connections and come from other loopback addresses.
+#ifndef TESTS_APPS_HTTP_CLIENT_H
+#define TESTS_APPS_HTTP_CLIENT_H
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
+#include <cctype>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "httpd/httpd_fixture.h"
+
+struct HttpResponse {
+    bool ok = false;
+    int status = 0;
+    std::map<std::string, std::string> headers;  // names in lower case
+    std::string body;
+    std::string header(const std::string& name) const {
+        auto it = headers.find(name);
+        return it == headers.end() ? std::string() : it->second;
+    }
+};
+
+class HttpClient {
+public:
+    // From `source` (any 127.x.y.z works on Linux loopback), so that tests can
+    // play several client addresses.
+    explicit HttpClient(uint16_t port, const char* source = "127.0.0.1") {
+        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        // The port is chosen at connect(), as for any client: many short
+        // connections in a row must not run out of ports held in TIME_WAIT.
+        int one = 1;
+        setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
+        struct sockaddr_in from;
+        std::memset(&from, 0, sizeof from);
+        from.sin_family = AF_INET;
+        inet_pton(AF_INET, source, &from.sin_addr);
+        struct sockaddr_in a;
+        std::memset(&a, 0, sizeof a);
+        a.sin_family = AF_INET;
+        a.sin_port = htons(port);
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(fd_, reinterpret_cast<struct sockaddr*>(&from), sizeof from) != 0 ||
+            connect(fd_, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) {
+            close(fd_);
+            fd_ = -1;
+        }
+    }
+    ~HttpClient() {
+        if (fd_ >= 0) close(fd_);
+    }
+    HttpClient(const HttpClient&) = delete;
+    HttpClient& operator=(const HttpClient&) = delete;
+    bool connected() const { return fd_ >= 0; }
+    // Ends the connection with a TCP reset instead of an orderly close.
+    void reset() {
+        if (fd_ < 0) return;
+        struct linger l = {1, 0};
+        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        close(fd_);
+        fd_ = -1;
+    }
+    void closeNow() {
+        if (fd_ >= 0) close(fd_);
+        fd_ = -1;
+    }
+
+    bool send(const std::string& s) {
+        size_t off = 0;
+        while (off < s.size()) {
+            const ssize_t k = ::send(fd_, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+            if (k <= 0) return false;
+            off += static_cast<size_t>(k);
+        }
+        return true;
+    }
+    bool sendChunkedPiece(const std::string& piece) {
+        char size[32];
+        snprintf(size, sizeof size, "%zx\r\n", piece.size());
+        return send(size + piece + "\r\n");
+    }
+    // The body as chunks of the given size, then the last chunk.
+    bool sendChunked(const std::string& body, size_t chunk) {
+        for (size_t off = 0; off < body.size(); off += chunk) {
+            const std::string piece = body.substr(off, chunk);
+            char size[32];
+            snprintf(size, sizeof size, "%zx\r\n", piece.size());
+            if (!send(size + piece + "\r\n")) return false;
+        }
+        return send("0\r\n\r\n");
+    }
+
+    HttpResponse read(int timeoutMs = 15000) {
+        HttpResponse r;
+        const auto start = Clock::now();
+        size_t end;
+        while ((end = buf_.find("\r\n\r\n")) == std::string::npos)
+            if (!fill(start, timeoutMs)) return r;
+        std::istringstream head(buf_.substr(0, end));
+        buf_.erase(0, end + 4);
+        std::string line, version;
+        std::getline(head, line);
+        std::istringstream(line) >> version >> r.status;
+        while (std::getline(head, line)) {
+            const size_t colon = line.find(':');
+            if (colon == std::string::npos) continue;
+            std::string name = line.substr(0, colon);
+            for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+            std::string value = line.substr(colon + 1);
+            value.erase(0, value.find_first_not_of(' '));
+            if (!value.empty() && value.back() == '\r') value.pop_back();
+            r.headers[name] = value;
+        }
+        if (r.headers.count("content-length") != 0) {
+            const size_t n = std::stoul(r.headers["content-length"]);
+            while (buf_.size() < n)
+                if (!fill(start, timeoutMs)) return r;
+            r.body = buf_.substr(0, n);
+            buf_.erase(0, n);
+        } else if (r.header("transfer-encoding").find("chunked") != std::string::npos) {
+            for (;;) {
+                size_t eol;
+                while ((eol = buf_.find("\r\n")) == std::string::npos)
+                    if (!fill(start, timeoutMs)) return r;
+                const size_t n = std::stoul(buf_.substr(0, eol), nullptr, 16);
+                while (buf_.size() < eol + 2 + n + 2)
+                    if (!fill(start, timeoutMs)) return r;
+                r.body += buf_.substr(eol + 2, n);
+                buf_.erase(0, eol + 2 + n + 2);
+                if (n == 0) break;
+            }
+        }
+        r.ok = true;
+        return r;
+    }
+
+    bool closedByPeer(int timeoutMs) {
+        const auto start = Clock::now();
+        while (msSince(start) < timeoutMs) {
+            struct pollfd p = {fd_, POLLIN, 0};
+            if (poll(&p, 1, 20) <= 0) continue;
+            char b;
+            const ssize_t k = recv(fd_, &b, 1, MSG_DONTWAIT);
+            if (k == 0 || (k < 0 && errno != EAGAIN && errno != EINTR)) return true;
+        }
+        return false;
+    }
+
+private:
+    bool fill(Clock::time_point start, int timeoutMs) {
+        const int64_t left = timeoutMs - msSince(start);
+        if (left <= 0) return false;
+        struct pollfd p = {fd_, POLLIN, 0};
+        if (poll(&p, 1, static_cast<int>(left)) <= 0) return false;
+        char tmp[65536];
+        const ssize_t k = recv(fd_, tmp, sizeof tmp, 0);
+        if (k <= 0) return false;
+        buf_.append(tmp, static_cast<size_t>(k));
+        return true;
+    }
+
+    int fd_ = -1;
+    std::string buf_;
+};
+
+inline std::string asString(const Bytes& b) { return std::string(b.begin(), b.end()); }
+
+inline std::string postHead(size_t contentLength, const std::string& extra = "") {
+    return "POST /ipp/print HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/ipp\r\nContent-Length: " +
+           std::to_string(contentLength) + "\r\n" + extra + "\r\n";
+}
+constexpr char kChunkedHead[] =
+    "POST /ipp/print HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/ipp\r\n"
+    "Transfer-Encoding: chunked\r\n\r\n";
+
+#endif
