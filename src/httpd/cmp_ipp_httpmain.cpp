@@ -177,6 +177,11 @@ int pn_httpd_conn_shutdown_all() {
     return n;
 }
 
+extern "C" int pn_httpd_set_socket_group(int32_t gid) {
+    g_socketGroup.store(gid < 0 ? -1 : gid);
+    return 0;
+}
+
 extern "C" int32_t getConnectionCount(void) { return g_pn_httpd_conn_count.load(); }
 extern "C" void incConnectionCount(void) { g_pn_httpd_conn_count.fetch_add(1); }
 extern "C" void decConnectionCount(void) { g_pn_httpd_conn_count.fetch_sub(1); }
