@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "attr/cmp_ipp_ipptable_index.h"
 #include "containers/cmp_ipp_malloc.h"
@@ -84,10 +85,43 @@ bool splitNumbers(const char* text, int parts, int32_t* out) {
 
 }  // namespace
 
-cmp_ipp_attr::cmp_ipp_attr()
+cmp_ipp_attr::cmp_ipp_attr() noexcept
     : m_type(0), m_nameId(0), m_nameLength(0), m_name(nullptr), m_numValues(0), m_memberType(0) {}
 
 cmp_ipp_attr::cmp_ipp_attr(const cmp_ipp_attr& other) : cmp_ipp_attr() { *this = other; }
+
+cmp_ipp_attr::cmp_ipp_attr(cmp_ipp_attr&& other) noexcept
+    : m_type(other.m_type), m_nameId(other.m_nameId), m_nameLength(other.m_nameLength), m_name(other.m_name),
+      m_numValues(other.m_numValues), m_strings(std::move(other.m_strings)), m_bufs(std::move(other.m_bufs)),
+      m_longs(std::move(other.m_longs)), m_memberType(other.m_memberType) {
+    other.m_name = nullptr;
+    other.clearFields();
+}
+
+cmp_ipp_attr& cmp_ipp_attr::operator=(cmp_ipp_attr&& other) noexcept {
+    if (this == &other) return *this;
+    freeName();
+    m_type = other.m_type;
+    m_nameId = other.m_nameId;
+    m_nameLength = other.m_nameLength;
+    m_name = other.m_name;
+    m_numValues = other.m_numValues;
+    m_strings = std::move(other.m_strings);
+    m_bufs = std::move(other.m_bufs);
+    m_longs = std::move(other.m_longs);
+    m_memberType = other.m_memberType;
+    other.m_name = nullptr;
+    other.clearFields();
+    return *this;
+}
+
+void cmp_ipp_attr::clearFields() {
+    m_type = 0;
+    m_nameId = 0;
+    m_nameLength = 0;
+    m_numValues = 0;
+    m_memberType = 0;
+}
 
 cmp_ipp_attr::cmp_ipp_attr(int16_t type, uint16_t id) : cmp_ipp_attr() {
     m_type = type;

@@ -14,7 +14,7 @@ const int kTraceInfo = 2;
 
 unsigned char* const cmp_ipp_buf::m_1charbuf = &g_zeroByte;
 
-cmp_ipp_buf::cmp_ipp_buf(bool owner)
+cmp_ipp_buf::cmp_ipp_buf(bool owner) noexcept
     : m_length(0), m_size(1), m_data(m_1charbuf), m_owner(owner), m_port(nullptr) {}
 
 cmp_ipp_buf::cmp_ipp_buf(uint32_t size, bool owner)

@@ -8,7 +8,7 @@
 
 class cmp_ipp_string {
 public:
-    cmp_ipp_string() : m_data(nullptr), m_length(0) {}
+    cmp_ipp_string() noexcept : m_data(nullptr), m_length(0) {}
     explicit cmp_ipp_string(const char* s, int32_t n = -1) : m_data(nullptr), m_length(0) {
         assignBytes(s, n);
     }
