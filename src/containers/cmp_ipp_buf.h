@@ -45,6 +45,10 @@ public:
     int32_t getIntAt(uint32_t pos);
     // A negative length gives an empty string.
     cmp_ipp_string getStringAt(uint32_t pos, int32_t len);
+    // The len bytes at pos where they stand in the block, read by the rule of
+    // getStringAt (one refill, the same message); null when they are not all
+    // there or len is negative. Valid until the buffer next grows.
+    const unsigned char* getBytesAt(uint32_t pos, int32_t len);
 
     void setByteAt(uint32_t pos, int32_t v);
     void setShortAt(uint32_t pos, int32_t v);

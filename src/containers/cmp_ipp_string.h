@@ -1,6 +1,8 @@
 // Counted, NUL-terminated text on the library's allocator. Three states: unset
-// (null text), empty (an allocated zero-length text) and text. A length of -1
-// means "NUL-terminated, measure it". No spare capacity is ever kept.
+// (null text), empty (a zero-length text) and text. A length of -1 means
+// "NUL-terminated, measure it". No spare capacity is ever kept. Every empty
+// string shares one static zero-length text, so emptiness costs no allocation
+// (every text value of an attribute carries an empty language).
 #ifndef CMP_IPP_STRING_H
 #define CMP_IPP_STRING_H
 
@@ -52,6 +54,8 @@ public:
 
 private:
     static cmp_ipp_string concat(const cmp_ipp_string& a, const char* s, int32_t n);
+    // Frees the text unless it is the shared empty one.
+    static void release(char* data);
 
     char* m_data;
     int32_t m_length;
