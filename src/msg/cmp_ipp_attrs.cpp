@@ -298,6 +298,16 @@ void cmp_ipp_attrs::adopt(cmp_ipp_attr& attr) {
 
 int32_t cmp_ipp_attrs::addValueAt(int32_t pos, const cmp_ipp_attr& value) {
     if (pos < 0 || pos >= m_list.length()) return -1;
+    if (m_list[pos].m_name != nullptr && m_list[pos].m_nameLength <= 0) {
+        // A name without a length (setNameId after setName) is not copied, so
+        // the copy has another key than the entry: take the long way.
+        cmp_ipp_attr merged(m_list[pos]);
+        merged.cmp_ipp_attr_add_multi(value);
+        cmp_ipp_attrs_set_attr(&merged, false);
+        if (merged.cmp_ipp_attr_is_col_type()) return m_list.length() - 1;
+        return merged.m_nameId != 0 ? firstWithIdForChange(merged.m_nameId)
+                                    : firstWithNameForChange(merged.cmp_ipp_attr_get_name());
+    }
     if (m_list[pos].cmp_ipp_attr_is_col_type()) {
         // cmp_ipp_attrs_set_attr(marker, false) always appends.
         cmp_ipp_attr merged(m_list[pos]);
