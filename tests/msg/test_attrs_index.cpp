@@ -7,10 +7,12 @@
 // attribute-by-attribute steps it replaces.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "msg/cmp_ipp_attrs.h"
@@ -231,6 +233,45 @@ TEST(AttrsIndex, CopiesCarryTheEntriesNotTheIndex) {
     copy.cmp_ipp_attrs_set_attr(&a, false);
     EXPECT_EQ(copy.find(uint16_t{7})->m_longs[0], 99);
     EXPECT_EQ(g.find(uint16_t{7})->m_longs[0], 27) << "the original keeps its own entries";
+}
+
+// The printer's attribute list is read by every request task at once, with
+// const lookups and with the non-const find some callers use.
+TEST(AttrsConcurrency, ManyThreadsLookUpOneIndexedList) {
+    ScopedRegistry reg(messageTables());
+    cmp_ipp_attrs printer;
+    for (int i = 0; i < 300; ++i) {
+        cmp_ipp_attr a(0x21, static_cast<uint16_t>(1 + i % 150), i);
+        const std::string name = "own-" + std::to_string(i % 200);
+        if (i % 3 == 0) {
+            a.setNameId(0);
+            a.setName(name.c_str(), static_cast<int32_t>(name.size()));
+        }
+        printer.cmp_ipp_attrs_set_attr(&a, false);  // builds and keeps the index
+    }
+    Reference r;
+    for (int32_t i = 0; i < printer.count(); ++i) r.v.push_back(printer.list()[i]);
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int k = 0; k < 6; ++k) {
+        threads.emplace_back([&, k] {
+            for (int round = 0; round < 20; ++round) {
+                for (uint16_t id = 0; id < 160; ++id) {
+                    const cmp_ipp_attrs& view = printer;
+                    const cmp_ipp_attr* a = view.find(id);
+                    if ((a == nullptr ? -1 : static_cast<int32_t>(a - &view[0])) != r.indexOf(id)) wrong.fetch_add(1);
+                    // Hands out a pointer: the list stops trusting its index (only a flag changes).
+                    if (k == 0 && id % 40 == 0 && printer.find(id) == nullptr && r.indexOf(id) >= 0) wrong.fetch_add(1);
+                }
+                for (int n = 0; n < 210; n += 7) {
+                    const std::string name = "own-" + std::to_string(n);
+                    if (printer.cmp_ipp_attrs_index_of(name.c_str()) != r.indexOf(name.c_str())) wrong.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
 
 // ---- the decoder's merging ---------------------------------------------------
