@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "attr/cmp_ipp_ipptable.h"
 #include "msg/cmp_ipp_limits.h"
@@ -93,7 +94,7 @@ struct BoundedPort {
         return self->source->pfnGetMoreData(self->source->ctx, unused, data, length);
     }
 
-    static const uint32_t kHeaderBytes = 8;
+    static constexpr uint32_t kHeaderBytes = 8;
 };
 
 }  // namespace
@@ -261,9 +262,9 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
         parseError(kLineNoData, 603, 0, 0);
         return CMP_IPP_STATUS_BAD_REQUEST;
     }
-    std::unique_ptr<BoundedPort> port;
+    std::optional<BoundedPort> port;
     if (info != nullptr && info->pfnGetMoreData != nullptr) {
-        port.reset(new BoundedPort(*info, buf));
+        port.emplace(*info, buf);
         buf.setPort(&port->record);
     }
     PortGuard detach{buf};
