@@ -90,13 +90,7 @@ cmp_ipp_attr::cmp_ipp_attr() noexcept
 
 cmp_ipp_attr::cmp_ipp_attr(const cmp_ipp_attr& other) : cmp_ipp_attr() { *this = other; }
 
-cmp_ipp_attr::cmp_ipp_attr(cmp_ipp_attr&& other) noexcept
-    : m_type(other.m_type), m_nameId(other.m_nameId), m_nameLength(other.m_nameLength), m_name(other.m_name),
-      m_numValues(other.m_numValues), m_strings(std::move(other.m_strings)), m_bufs(std::move(other.m_bufs)),
-      m_longs(std::move(other.m_longs)), m_memberType(other.m_memberType) {
-    other.m_name = nullptr;
-    other.clearFields();
-}
+cmp_ipp_attr::cmp_ipp_attr(cmp_ipp_attr&& other) noexcept : cmp_ipp_attr() { *this = std::move(other); }
 
 cmp_ipp_attr& cmp_ipp_attr::operator=(cmp_ipp_attr&& other) noexcept {
     if (this == &other) return *this;

@@ -35,15 +35,18 @@ cmp_ipp_ipptable_def* cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance() {
 
 namespace {
 
-// Open addressing with linear probing. A slot holds row number + 1, 0 when free;
-// tables are at most two thirds full, so every probe sequence ends.
-struct Table {
-    uint16_t* slots;
-    uint32_t shift;  // 32 - log2(number of slots)
-    uint32_t mask;
+// The key of row i of a table; two rows with equal keys match the same lookups.
+typedef uint32_t (*KeyOf)(const void* rows, int32_t i);
 
-    uint32_t first(uint32_t key) const { return (key * 2654435761u) >> shift; }  // Fibonacci hashing
-};
+uint32_t attrId(const void* rows, int32_t i) { return static_cast<const cmp_ipp_attr_row_t*>(rows)[i].id; }
+uint32_t attrIdTag(const void* rows, int32_t i) {
+    const cmp_ipp_attr_row_t& r = static_cast<const cmp_ipp_attr_row_t*>(rows)[i];
+    return r.id | static_cast<uint32_t>(static_cast<uint16_t>(r.valueTag)) << 16;
+}
+uint32_t altId(const void* rows, int32_t i) { return static_cast<const cmp_ipp_alt_type_row_t*>(rows)[i].id; }
+uint32_t setId(const void* rows, int32_t i) { return static_cast<const uint16_t*>(rows)[i]; }
+uint32_t opId(const void* rows, int32_t i) { return static_cast<const cmp_ipp_operation_row_t*>(rows)[i].id; }
+uint32_t statusCode(const void* rows, int32_t i) { return static_cast<const cmp_ipp_status_row_t*>(rows)[i].code; }
 
 uint32_t hashName(const char* s, size_t n) {
     uint32_t h = 2166136261u;  // FNV-1a
@@ -51,131 +54,130 @@ uint32_t hashName(const char* s, size_t n) {
     return h;
 }
 
-int32_t rows(int16_t count, const void* table) { return (table == nullptr || count < 1) ? 0 : count; }
-
-uint32_t slotsFor(int32_t rows) {
-    uint32_t n = 2;
-    while (n < static_cast<uint32_t>(rows) + static_cast<uint32_t>(rows) / 2 + 1) n <<= 1;
-    return n;
+// Whether a row's name is exactly the len bytes at name.
+bool sameName(const char* rowName, const char* name, size_t len) {
+    return rowName != nullptr && std::strncmp(rowName, name, len) == 0 && rowName[len] == '\0';
 }
+
+// Open addressing with linear probing over the rows of one table. A slot holds
+// row number + 1, 0 when free; at most two thirds of the slots are used, so
+// every probe ends. Each key is entered with its first row only.
+struct Table {
+    const void* rows;
+    KeyOf key;  // null for the table of names
+    uint16_t* slots;
+    uint32_t shift;  // 32 - log2(number of slots)
+    uint32_t mask;
+
+    uint32_t home(uint32_t k) const { return (k * 2654435761u) >> shift; }  // Fibonacci hashing
+
+    int32_t find(uint32_t k) const {
+        for (uint32_t i = home(k); slots[i] != 0; i = (i + 1) & mask) {
+            if (key(rows, slots[i] - 1) == k) return slots[i] - 1;
+        }
+        return -1;
+    }
+    const cmp_ipp_attr_row_t* findName(const char* name, size_t len) const {
+        const cmp_ipp_attr_row_t* a = static_cast<const cmp_ipp_attr_row_t*>(rows);
+        for (uint32_t i = home(hashName(name, len)); slots[i] != 0; i = (i + 1) & mask) {
+            if (sameName(a[slots[i] - 1].name, name, len)) return &a[slots[i] - 1];
+        }
+        return nullptr;
+    }
+    void add(int32_t r) {
+        const char* name = nullptr;
+        size_t len = 0;
+        uint32_t k;
+        if (key != nullptr) {
+            k = key(rows, r);
+        } else {
+            name = static_cast<const cmp_ipp_attr_row_t*>(rows)[r].name;
+            if (name == nullptr) return;  // a row without a name is never found by name
+            len = std::strlen(name);
+            k = hashName(name, len);
+        }
+        uint32_t i = home(k);
+        for (; slots[i] != 0; i = (i + 1) & mask) {
+            const int32_t j = slots[i] - 1;
+            if (key != nullptr ? key(rows, j) == k : sameName(static_cast<const cmp_ipp_attr_row_t*>(rows)[j].name, name, len))
+                return;  // an earlier row has it
+        }
+        slots[i] = static_cast<uint16_t>(r + 1);
+    }
+};
+
+int32_t rowsOf(int16_t count, const void* table) { return (table == nullptr || count < 1) ? 0 : count; }
+
+uint32_t bitsFor(int32_t rows) {
+    uint32_t b = 1;
+    while ((1u << b) < static_cast<uint32_t>(rows) + static_cast<uint32_t>(rows) / 2 + 1) ++b;
+    return b;
+}
+
+enum { kByName, kById, kByIdTag, kAltById, kOneSetOf, kOpById, kStatusByCode, kTables };
 
 struct RegistryIndex {
     // The registry fields it was built from, and the reindex() generation.
-    const cmp_ipp_attr_row_t* attrs;
-    const cmp_ipp_alt_type_row_t* alts;
-    const uint16_t* sets;
-    const cmp_ipp_operation_row_t* ops;
-    const cmp_ipp_status_row_t* statuses;
-    int16_t attrCount, altCount, setCount, opCount, statusCount;
+    const void* tables[5];
+    int16_t counts[5];
     uint32_t generation;
     uint32_t serial;
     const RegistryIndex* replaced;
 
-    Table byName, byId, byIdTag, altById, oneSetOf, opById, statusByCode;
+    Table t[kTables];
     uint16_t* storage;
 
     bool describes(const cmp_ipp_ipptable_def& r, uint32_t gen) const {
-        return generation == gen && attrs == r.m_attrTable && alts == r.m_altTypeTable && sets == r.m_oneSetOfTable &&
-               ops == r.m_operationIdTable && statuses == r.m_statusCodeTable && attrCount == r.m_attrCount &&
-               altCount == r.m_altTypeCount && setCount == r.m_oneSetOfCount && opCount == r.m_operationIdCount &&
-               statusCount == r.m_statusCodeCount;
+        return generation == gen && tables[0] == r.m_attrTable && tables[1] == r.m_altTypeTable &&
+               tables[2] == r.m_oneSetOfTable && tables[3] == r.m_operationIdTable &&
+               tables[4] == r.m_statusCodeTable && counts[0] == r.m_attrCount && counts[1] == r.m_altTypeCount &&
+               counts[2] == r.m_oneSetOfCount && counts[3] == r.m_operationIdCount &&
+               counts[4] == r.m_statusCodeCount;
     }
-
-    int32_t nAttrs() const { return rows(attrCount, attrs); }
-    int32_t nAlts() const { return rows(altCount, alts); }
-    int32_t nSets() const { return rows(setCount, sets); }
-    int32_t nOps() const { return rows(opCount, ops); }
-    int32_t nStatuses() const { return rows(statusCount, statuses); }
-
-    // The first row r whose key matches, or -1. same(r) tells whether row r has the key.
-    template <typename Same>
-    static int32_t find(const Table& t, uint32_t key, Same same) {
-        for (uint32_t i = t.first(key);; i = (i + 1) & t.mask) {
-            const uint16_t s = t.slots[i];
-            if (s == 0) return -1;
-            if (same(s - 1)) return s - 1;
-        }
-    }
-    // Enters row r unless an earlier row with the same key is there: first row wins.
-    template <typename Same>
-    static void add(Table& t, uint32_t key, int32_t r, Same same) {
-        uint32_t i = t.first(key);
-        for (; t.slots[i] != 0; i = (i + 1) & t.mask) {
-            if (same(t.slots[i] - 1)) return;
-        }
-        t.slots[i] = static_cast<uint16_t>(r + 1);
-    }
+    const cmp_ipp_attr_row_t* attrs() const { return static_cast<const cmp_ipp_attr_row_t*>(tables[0]); }
 };
 
 std::atomic<const RegistryIndex*> g_index{nullptr};
 std::atomic<uint32_t> g_generation{0};
 std::mutex g_buildLock;
 
-uint32_t idTagKey(uint16_t id, int tag) { return id ^ (static_cast<uint32_t>(static_cast<uint16_t>(tag)) << 16); }
-
-bool sameName(const char* rowName, const char* name, size_t len) {
-    return rowName != nullptr && std::strncmp(rowName, name, len) == 0 && rowName[len] == '\0';
-}
-
 RegistryIndex* build(const cmp_ipp_ipptable_def& r, uint32_t gen) {
     RegistryIndex* ix = new RegistryIndex();
-    ix->attrs = r.m_attrTable;
-    ix->alts = r.m_altTypeTable;
-    ix->sets = r.m_oneSetOfTable;
-    ix->ops = r.m_operationIdTable;
-    ix->statuses = r.m_statusCodeTable;
-    ix->attrCount = r.m_attrCount;
-    ix->altCount = r.m_altTypeCount;
-    ix->setCount = r.m_oneSetOfCount;
-    ix->opCount = r.m_operationIdCount;
-    ix->statusCount = r.m_statusCodeCount;
+    ix->tables[0] = r.m_attrTable;
+    ix->tables[1] = r.m_altTypeTable;
+    ix->tables[2] = r.m_oneSetOfTable;
+    ix->tables[3] = r.m_operationIdTable;
+    ix->tables[4] = r.m_statusCodeTable;
+    ix->counts[0] = r.m_attrCount;
+    ix->counts[1] = r.m_altTypeCount;
+    ix->counts[2] = r.m_oneSetOfCount;
+    ix->counts[3] = r.m_operationIdCount;
+    ix->counts[4] = r.m_statusCodeCount;
     ix->generation = gen;
 
-    Table* tables[] = {&ix->byName, &ix->byId, &ix->byIdTag, &ix->altById, &ix->oneSetOf, &ix->opById, &ix->statusByCode};
-    const int32_t counts[] = {ix->nAttrs(), ix->nAttrs(), ix->nAttrs(), ix->nAlts(), ix->nSets(), ix->nOps(), ix->nStatuses()};
+    // Which registry table each index table covers, and its key.
+    static const struct {
+        int table;
+        KeyOf key;
+    } kinds[kTables] = {{0, nullptr}, {0, attrId}, {0, attrIdTag}, {1, altId}, {2, setId}, {3, opId}, {4, statusCode}};
+    uint32_t bits[kTables];
     uint32_t total = 0;
-    for (int32_t c : counts) total += slotsFor(c);
+    for (int k = 0; k < kTables; ++k) {
+        bits[k] = bitsFor(rowsOf(ix->counts[kinds[k].table], ix->tables[kinds[k].table]));
+        total += 1u << bits[k];
+    }
     ix->storage = new uint16_t[total]();
     uint16_t* next = ix->storage;
-    for (size_t k = 0; k < sizeof counts / sizeof counts[0]; ++k) {
-        const uint32_t n = slotsFor(counts[k]);
-        uint32_t bits = 0;
-        while ((1u << bits) < n) ++bits;
-        tables[k]->slots = next;
-        tables[k]->shift = 32 - bits;
-        tables[k]->mask = n - 1;
-        next += n;
-    }
-
-    const cmp_ipp_attr_row_t* a = ix->attrs;
-    for (int32_t i = 0; i < ix->nAttrs(); ++i) {
-        if (a[i].name != nullptr) {
-            const char* name = a[i].name;
-            const size_t len = std::strlen(name);
-            RegistryIndex::add(ix->byName, hashName(name, len), i,
-                               [&](int32_t j) { return sameName(a[j].name, name, len); });
-        }
-        const uint16_t id = a[i].id;
-        const int16_t tag = a[i].valueTag;
-        RegistryIndex::add(ix->byId, id, i, [&](int32_t j) { return a[j].id == id; });
-        RegistryIndex::add(ix->byIdTag, idTagKey(id, tag), i,
-                           [&](int32_t j) { return a[j].id == id && a[j].valueTag == tag; });
-    }
-    for (int32_t i = 0; i < ix->nAlts(); ++i) {
-        const uint16_t id = ix->alts[i].id;
-        RegistryIndex::add(ix->altById, id, i, [&](int32_t j) { return ix->alts[j].id == id; });
-    }
-    for (int32_t i = 0; i < ix->nSets(); ++i) {
-        const uint16_t id = ix->sets[i];
-        RegistryIndex::add(ix->oneSetOf, id, i, [&](int32_t j) { return ix->sets[j] == id; });
-    }
-    for (int32_t i = 0; i < ix->nOps(); ++i) {
-        const uint16_t id = ix->ops[i].id;
-        RegistryIndex::add(ix->opById, id, i, [&](int32_t j) { return ix->ops[j].id == id; });
-    }
-    for (int32_t i = 0; i < ix->nStatuses(); ++i) {
-        const uint16_t code = ix->statuses[i].code;
-        RegistryIndex::add(ix->statusByCode, code, i, [&](int32_t j) { return ix->statuses[j].code == code; });
+    for (int k = 0; k < kTables; ++k) {
+        Table& t = ix->t[k];
+        t.rows = ix->tables[kinds[k].table];
+        t.key = kinds[k].key;
+        t.slots = next;
+        t.shift = 32 - bits[k];
+        t.mask = (1u << bits[k]) - 1;
+        next += 1u << bits[k];
+        const int32_t n = rowsOf(ix->counts[kinds[k].table], t.rows);
+        for (int32_t i = 0; i < n; ++i) t.add(i);
     }
     return ix;
 }
@@ -196,6 +198,9 @@ const RegistryIndex* current() {
     return fresh;
 }
 
+// The row number of the first row with key k in index table which, or -1.
+int32_t rowOf(int which, uint32_t k) { return current()->t[which].find(k); }
+
 }  // namespace
 
 void cmp_ipp_ipptable_def::reindex() {
@@ -206,52 +211,39 @@ void cmp_ipp_ipptable_def::reindex() {
 
 namespace cmp_ipp_registry {
 
-const cmp_ipp_attr_row_t* attrByName(const char* name, size_t len) {
-    const RegistryIndex* ix = current();
-    const cmp_ipp_attr_row_t* a = ix->attrs;
-    const int32_t r = RegistryIndex::find(ix->byName, hashName(name, len),
-                                          [&](int32_t j) { return sameName(a[j].name, name, len); });
-    return r < 0 ? nullptr : &a[r];
-}
+const cmp_ipp_attr_row_t* attrByName(const char* name, size_t len) { return current()->t[kByName].findName(name, len); }
 
 const cmp_ipp_attr_row_t* attrById(uint16_t id) {
     const RegistryIndex* ix = current();
-    const cmp_ipp_attr_row_t* a = ix->attrs;
-    const int32_t r = RegistryIndex::find(ix->byId, id, [&](int32_t j) { return a[j].id == id; });
-    return r < 0 ? nullptr : &a[r];
+    const int32_t r = ix->t[kById].find(id);
+    return r < 0 ? nullptr : &ix->attrs()[r];
 }
 
 const cmp_ipp_attr_row_t* attrByIdTag(uint16_t id, int tag) {
     if (tag < INT16_MIN || tag > INT16_MAX) return nullptr;  // no row holds such a tag
     const RegistryIndex* ix = current();
-    const cmp_ipp_attr_row_t* a = ix->attrs;
-    const int32_t r = RegistryIndex::find(ix->byIdTag, idTagKey(id, tag),
-                                          [&](int32_t j) { return a[j].id == id && a[j].valueTag == tag; });
-    return r < 0 ? nullptr : &a[r];
+    const int32_t r = ix->t[kByIdTag].find(id | static_cast<uint32_t>(static_cast<uint16_t>(tag)) << 16);
+    return r < 0 ? nullptr : &ix->attrs()[r];
 }
 
 const cmp_ipp_alt_type_row_t* altTypeById(uint16_t id) {
     const RegistryIndex* ix = current();
-    const int32_t r = RegistryIndex::find(ix->altById, id, [&](int32_t j) { return ix->alts[j].id == id; });
-    return r < 0 ? nullptr : &ix->alts[r];
+    const int32_t r = ix->t[kAltById].find(id);
+    return r < 0 ? nullptr : &static_cast<const cmp_ipp_alt_type_row_t*>(ix->tables[1])[r];
 }
 
-bool isOneSetOf(uint16_t id) {
-    const RegistryIndex* ix = current();
-    return RegistryIndex::find(ix->oneSetOf, id, [&](int32_t j) { return ix->sets[j] == id; }) >= 0;
-}
+bool isOneSetOf(uint16_t id) { return rowOf(kOneSetOf, id) >= 0; }
 
 const cmp_ipp_operation_row_t* operationById(uint16_t id) {
     const RegistryIndex* ix = current();
-    const int32_t r = RegistryIndex::find(ix->opById, id, [&](int32_t j) { return ix->ops[j].id == id; });
-    return r < 0 ? nullptr : &ix->ops[r];
+    const int32_t r = ix->t[kOpById].find(id);
+    return r < 0 ? nullptr : &static_cast<const cmp_ipp_operation_row_t*>(ix->tables[3])[r];
 }
 
 const cmp_ipp_status_row_t* statusByCode(uint16_t code) {
     const RegistryIndex* ix = current();
-    const int32_t r =
-        RegistryIndex::find(ix->statusByCode, code, [&](int32_t j) { return ix->statuses[j].code == code; });
-    return r < 0 ? nullptr : &ix->statuses[r];
+    const int32_t r = ix->t[kStatusByCode].find(code);
+    return r < 0 ? nullptr : &static_cast<const cmp_ipp_status_row_t*>(ix->tables[4])[r];
 }
 
 uint32_t serial() { return current()->serial; }

@@ -19,6 +19,14 @@
 #include <type_traits>
 #include <utility>
 
+// Slots to allocate for a reported capacity of n above 16: the next of 24, 32,
+// 48, 64, 96, ... (one copy for every element type).
+inline int32_t cmp_ipp_vector_room(int32_t n) {
+    int32_t r = 16;
+    while (r < n && r <= INT32_MAX / 2) r = (r & (r - 1)) != 0 ? r / 3 * 4 : r + r / 2;
+    return r < n ? n : r;
+}
+
 template <typename T>
 class cmp_ipp_vector {
     static_assert(std::is_nothrow_default_constructible<T>::value && std::is_nothrow_move_constructible<T>::value,
@@ -97,11 +105,17 @@ public:
     void clear() { m_length = 0; }
 
     // Any index below capacity() is valid; from length() on it is a spare.
+    // Reading a spare of an empty vector makes its array (the spares are there
+    // in principle from the start), so do not do that on a vector that other
+    // tasks read at the same time; elements below length() are always there.
     T& operator[](int32_t i) {
         if (m_data == nullptr) materialize();
         return m_data[i];
     }
-    const T& operator[](int32_t i) const { return m_data != nullptr ? m_data[i] : spare(); }
+    const T& operator[](int32_t i) const {
+        if (m_data == nullptr) const_cast<cmp_ipp_vector*>(this)->materialize();
+        return m_data[i];
+    }
 
     int32_t length() const { return m_length; }
     int32_t capacity() const { return m_size; }
@@ -110,18 +124,7 @@ public:
     bool hasStorage() const { return m_data != nullptr; }
 
 private:
-    // Slots to allocate for a reported capacity of n.
-    static int32_t roomFor(int32_t n) {
-        if (n <= 16) return n;
-        int32_t r = 16;
-        while (r < n && r <= INT32_MAX / 2) r = (r & (r - 1)) != 0 ? r / 3 * 4 : r + r / 2;  // 24, 32, 48, 64, ...
-        return r < n ? n : r;
-    }
-
-    static const T& spare() {
-        static const T s{};
-        return s;
-    }
+    static int32_t roomFor(int32_t n) { return n <= 16 ? n : cmp_ipp_vector_room(n); }
 
     static T* allocate(int32_t n) { return static_cast<T*>(::operator new(sizeof(T) * static_cast<size_t>(n))); }
 

@@ -136,8 +136,8 @@ int32_t cmp_ipp_attrs::firstWithName(const char* name) const {
                            [&](int32_t q) { return std::strcmp(list[q].cmp_ipp_attr_get_name(), name) == 0; })];
 }
 
-int32_t cmp_ipp_attrs::firstWithIdForChange(uint16_t id) {
-    if (m_list.length() < kIndexFrom) return scanId(id);
+// An index that holds every entry, trusted again from here on.
+void cmp_ipp_attrs::prepareIndex() {
     if (m_changedOutside.exchange(false, std::memory_order_relaxed) ||
         (m_index != nullptr && m_index->count != m_list.length()))
         dropIndex();
@@ -145,19 +145,18 @@ int32_t cmp_ipp_attrs::firstWithIdForChange(uint16_t id) {
         m_index = new cmp_ipp_attrs_index();
         m_index->count = m_list.length();
     }
+}
+
+int32_t cmp_ipp_attrs::firstWithIdForChange(uint16_t id) {
+    if (m_list.length() < kIndexFrom) return scanId(id);
+    prepareIndex();
     if (m_index->ids == nullptr) m_index->ids = buildTable(m_list, m_index->count, &m_index->idBits, enterId);
     return firstWithId(id);
 }
 
 int32_t cmp_ipp_attrs::firstWithNameForChange(const char* name) {
     if (m_list.length() < kIndexFrom) return scanName(name);
-    if (m_changedOutside.exchange(false, std::memory_order_relaxed) ||
-        (m_index != nullptr && m_index->count != m_list.length()))
-        dropIndex();
-    if (m_index == nullptr) {
-        m_index = new cmp_ipp_attrs_index();
-        m_index->count = m_list.length();
-    }
+    prepareIndex();
     const uint32_t serial = cmp_ipp_registry::serial();
     if (m_index->names != nullptr && m_index->serial != serial) {
         delete[] m_index->names;

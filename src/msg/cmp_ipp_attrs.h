@@ -108,6 +108,7 @@ private:
     cmp_ipp_attr& appendEntry();
     void entered();
     void overwrite(int32_t i, const cmp_ipp_attr& attr);
+    void prepareIndex();
     void dropIndex();
 
     cmp_ipp_attrs_index* m_index;
