@@ -49,8 +49,9 @@ public:
 
     // Appends an attribute that its maker no longer needs (the decoder's),
     // taking over its stores instead of copying them: the list ends up as
-    // cmp_ipp_attrs_set_attr_by_name(&attr, false) leaves it, and attr is left
-    // as a default attribute.
+    // cmp_ipp_attrs_set_attr_by_name(&attr, false) leaves it. attr is left as a
+    // default attribute, or unchanged when it had to be copied after all (the
+    // spare it goes into was used before).
     void adopt(cmp_ipp_attr& attr);
     // Adds the first value of value to the entry at pos, exactly as a copy of
     // that entry given the value with cmp_ipp_attr_add_multi and then stored
