@@ -143,4 +143,5 @@ extern "C" void cmp_ipp_dictionary_install(void) {
     reg->m_oneSetOfTable = cmp_ipp_dictionary_onesetof_table(&reg->m_oneSetOfCount);
     reg->m_operationIdTable = cmp_ipp_dictionary_operation_table(&reg->m_operationIdCount);
     reg->m_statusCodeTable = cmp_ipp_dictionary_status_table(&reg->m_statusCodeCount);
+    reg->reindex();
 }

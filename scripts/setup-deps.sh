@@ -18,6 +18,7 @@ packages=(
   pkg-config              # finds libmicrohttpd
   cups-ipp-utils          # ipptool, for the end-to-end tests of cmp-ipp-printer
   curl                    # fetches the printer's web page in those tests
+  libcups2-dev            # libcups beside the library in bench_msg (optional there)
 )
 
 missing=()

@@ -16,6 +16,7 @@
 
 #include "msg/cmp_ipp_attrs.h"
 #include "msg/cmp_ipp_ippmsg.h"
+#include "msg/cmp_ipp_limits.h"
 #include "msg/cmp_ipp_obj.h"
 #include "msg/cmp_ipp_request.h"
 

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "attr/cmp_ipp_ipptable_index.h"
 #include "containers/cmp_ipp_malloc.h"
 
 const cmp_ipp_type_name_row_t cmp_ipp_attr_type_names[26] = {
@@ -83,10 +85,37 @@ bool splitNumbers(const char* text, int parts, int32_t* out) {
 
 }  // namespace
 
-cmp_ipp_attr::cmp_ipp_attr()
+cmp_ipp_attr::cmp_ipp_attr() noexcept
     : m_type(0), m_nameId(0), m_nameLength(0), m_name(nullptr), m_numValues(0), m_memberType(0) {}
 
 cmp_ipp_attr::cmp_ipp_attr(const cmp_ipp_attr& other) : cmp_ipp_attr() { *this = other; }
+
+cmp_ipp_attr::cmp_ipp_attr(cmp_ipp_attr&& other) noexcept : cmp_ipp_attr() { *this = std::move(other); }
+
+cmp_ipp_attr& cmp_ipp_attr::operator=(cmp_ipp_attr&& other) noexcept {
+    if (this == &other) return *this;
+    freeName();
+    m_type = other.m_type;
+    m_nameId = other.m_nameId;
+    m_nameLength = other.m_nameLength;
+    m_name = other.m_name;
+    m_numValues = other.m_numValues;
+    m_strings = std::move(other.m_strings);
+    m_bufs = std::move(other.m_bufs);
+    m_longs = std::move(other.m_longs);
+    m_memberType = other.m_memberType;
+    other.m_name = nullptr;
+    other.clearFields();
+    return *this;
+}
+
+void cmp_ipp_attr::clearFields() {
+    m_type = 0;
+    m_nameId = 0;
+    m_nameLength = 0;
+    m_numValues = 0;
+    m_memberType = 0;
+}
 
 cmp_ipp_attr::cmp_ipp_attr(int16_t type, uint16_t id) : cmp_ipp_attr() {
     m_type = type;
@@ -249,70 +278,38 @@ const char* cmp_ipp_attr::cmp_ipp_attr_get_name() const {
     return cmp_ipp_attr_id_to_name(m_nameId, nullptr);
 }
 
-// ---- registry lookups: linear scans, first matching row wins ----
-
-namespace {
-const cmp_ipp_ipptable_def* registry() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance(); }
-}  // namespace
+// ---- registry lookups: first matching row, through the registry's index ----
 
 uint16_t cmp_ipp_attr::cmp_ipp_attr_name_to_id(const char* name) {
     if (name == nullptr) return 0;
-    int16_t count = 0;
-    const cmp_ipp_attr_row_t* rows = registry()->get_ipp_attr_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (rows[i].name != nullptr && std::strcmp(rows[i].name, name) == 0) return rows[i].id;
-    }
-    return 0;
+    const cmp_ipp_attr_row_t* row = cmp_ipp_registry::attrByName(name, std::strlen(name));
+    return row != nullptr ? row->id : 0;
 }
 
 const char* cmp_ipp_attr::cmp_ipp_attr_id_to_name(uint16_t id, int16_t* type) {
-    int16_t count = 0;
-    const cmp_ipp_attr_row_t* rows = registry()->get_ipp_attr_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (rows[i].id == id) {
-            if (type != nullptr) *type = rows[i].valueTag;
-            return rows[i].name != nullptr ? rows[i].name : "";
-        }
-    }
-    return "";
+    const cmp_ipp_attr_row_t* row = cmp_ipp_registry::attrById(id);
+    if (row == nullptr) return "";
+    if (type != nullptr) *type = row->valueTag;
+    return row->name != nullptr ? row->name : "";
 }
 
 int16_t cmp_ipp_attr::nameIdToType(uint16_t id) {
-    int16_t count = 0;
-    const cmp_ipp_attr_row_t* rows = registry()->get_ipp_attr_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (rows[i].id == id) return rows[i].valueTag;
-    }
-    return 0;
+    const cmp_ipp_attr_row_t* row = cmp_ipp_registry::attrById(id);
+    return row != nullptr ? row->valueTag : 0;
 }
 
 int16_t cmp_ipp_attr::nameIdToAlternateType(uint16_t id) {
-    int16_t count = 0;
-    const cmp_ipp_alt_type_row_t* rows = registry()->get_ipp_attr_alt_type_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (rows[i].id == id) return rows[i].altTag;
-    }
-    return 0;
+    const cmp_ipp_alt_type_row_t* row = cmp_ipp_registry::altTypeById(id);
+    return row != nullptr ? row->altTag : 0;
 }
 
-bool cmp_ipp_attr::nameIdIsOneSetOf(uint16_t id) {
-    int16_t count = 0;
-    const uint16_t* ids = registry()->get_ipp_attr_onesetof_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (ids[i] == id) return true;
-    }
-    return false;
-}
+bool cmp_ipp_attr::nameIdIsOneSetOf(uint16_t id) { return cmp_ipp_registry::isOneSetOf(id); }
 
 bool cmp_ipp_attr::getNameIdMinMax(uint16_t id, int type, int32_t* min, int32_t* max) {
-    int16_t count = 0;
-    const cmp_ipp_attr_row_t* rows = registry()->get_ipp_attr_table(&count);
-    for (int16_t i = 0; i < count; ++i) {
-        if (rows[i].id == id && rows[i].valueTag == type) {
-            *min = rows[i].min;
-            *max = rows[i].max;
-            return true;
-        }
+    if (const cmp_ipp_attr_row_t* row = cmp_ipp_registry::attrByIdTag(id, type)) {
+        *min = row->min;
+        *max = row->max;
+        return true;
     }
     int32_t lo = 0, hi = 0;
     switch (type) {

@@ -53,8 +53,13 @@ const char* cmp_ipp_attr_type_name(int tag);
 
 class cmp_ipp_attr {
 public:
-    cmp_ipp_attr();
+    // No values, no name; allocates nothing.
+    cmp_ipp_attr() noexcept;
     cmp_ipp_attr(const cmp_ipp_attr& other);
+    // Take over the other's name and stores; the other is left as a default
+    // attribute (no values, no name, empty stores of capacity 2).
+    cmp_ipp_attr(cmp_ipp_attr&& other) noexcept;
+    cmp_ipp_attr& operator=(cmp_ipp_attr&& other) noexcept;
     cmp_ipp_attr(int16_t type, uint16_t id);
     // a is always word 0; b and c are kept as far as the tag has words per value.
     cmp_ipp_attr(int16_t type, uint16_t id, int32_t a, int32_t b = 0, int32_t c = 0);
@@ -140,6 +145,8 @@ public:
 private:
     void addStringPair(const char* text, const char* language);
     void freeName();
+    // Scalar fields back to those of a default attribute (the name is not freed).
+    void clearFields();
 
     // Stored values read through these never leave the stores: a value the
     // stores do not hold reads as 0 or as an empty text.

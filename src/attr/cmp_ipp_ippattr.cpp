@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "attr/cmp_ipp_attr.h"
+#include "attr/cmp_ipp_ipptable_index.h"
 #include "platform/cmp_dbglog.h"
 
 namespace {
@@ -31,6 +32,12 @@ public:
         if (len <= 0 || !fits(pos, len)) return cmp_ipp_string();
         return m_buf.getStringAt(static_cast<uint32_t>(pos), len);
     }
+    // What stringAt would hold, in place: null where stringAt gives an unset
+    // string. Valid until the next read that may pull more data.
+    const char* textAt(int64_t pos, int32_t len) {
+        if (len <= 0 || !fits(pos, len)) return nullptr;
+        return reinterpret_cast<const char*>(m_buf.getBytesAt(static_cast<uint32_t>(pos), len));
+    }
     // The len bytes at pos straight from the block, or null when they are not all
     // there even after one more piece from the port.
     const unsigned char* bytesAt(int64_t pos, int32_t len) {
@@ -47,11 +54,14 @@ private:
     cmp_ipp_buf& m_buf;
 };
 
-// Registered names hold no zero byte, so a wire name with one is never the
-// registered name that its first characters spell.
-uint16_t lookUpName(const cmp_ipp_string& name) {
-    if (name.data() != nullptr && std::strlen(name.data()) != static_cast<size_t>(name.length())) return 0;
-    return cmp_ipp_attr::cmp_ipp_attr_name_to_id(name.c_str());
+// The identifier of the wire name of len bytes at name (null: a name that is
+// not there, looked up as ""). Registered names hold no zero byte, so a wire
+// name with one is never the registered name that its first characters spell.
+uint16_t lookUpName(const char* name, int32_t len) {
+    if (name == nullptr) len = 0;
+    if (len > 0 && std::memchr(name, 0, static_cast<size_t>(len)) != nullptr) return 0;
+    const cmp_ipp_attr_row_t* row = cmp_ipp_registry::attrByName(len > 0 ? name : "", static_cast<size_t>(len));
+    return row != nullptr ? row->id : 0;
 }
 
 // Collection markers always start an attribute of their own.
@@ -87,10 +97,16 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
                                    kCreate, 216, nameLength);
         return finish(false);
     }
-    const cmp_ipp_string wireName = in.stringAt(offset + 3, nameLength);
+    // The wire name is read in place; it stays at offset + 3 however the buffer grows.
+    const int64_t namePos = static_cast<int64_t>(offset) + 3;
+    const char* name = in.textAt(namePos, nameLength);
+    const bool haveName = name != nullptr;
     count += nameLength;
-    uint16_t nameId = lookUpName(wireName);
-    const bool isSides = wireName.isEqualTo("sides", 5);
+    uint16_t nameId = lookUpName(name, nameLength);
+    const bool isSides = haveName && nameLength == 5 && std::memcmp(name, "sides", 5) == 0;
+    auto wireName = [&]() -> const char* {
+        return haveName ? reinterpret_cast<const char*>(buf.data()) + namePos : nullptr;
+    };
 
     int curTag = firstTag;
     int32_t valueIndex = 0;
@@ -114,8 +130,9 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
         case CMP_IPP_TAG_BOOLEAN: {
             const bool isBool = curTag == CMP_IPP_TAG_BOOLEAN;
             if (valueLength != (isBool ? 1 : 4)) {
+                const cmp_ipp_string shown(wireName(), haveName ? nameLength : 0);
                 orvane::cmp_dbglog::tracer(kTraceError, kWrongLengthMsg, kCreate, isBool ? 328 : 273,
-                                           wireName.c_str(), valueLength, curTag);
+                                           shown.c_str(), valueLength, curTag);
                 if (isBool) *status = kStatusValueTooLong;
                 return finish(false);
             }
@@ -257,11 +274,11 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
             }
             break;
         case CMP_IPP_TAG_MEMBERNAME: {
-            const cmp_ipp_string member = in.stringAt(valueStart, valueLength);
-            nameId = lookUpName(member);
+            const char* member = in.textAt(valueStart, valueLength);
+            nameId = lookUpName(member, valueLength);
             if (valueIndex == 0) {
                 attr.reset(new cmp_ipp_attr(CMP_IPP_TAG_MEMBERNAME, nameId));
-                if (nameId == 0) attr->setName(member.data(), member.length());
+                if (nameId == 0) attr->setName(member, member != nullptr ? valueLength : 0);
             } else {
                 orvane::cmp_dbglog::tracer(kTraceError,
                                            "[ERROR ]:cmp_ipp_ippattr::%s(%d): wrong member-attribute-name order: "
@@ -296,7 +313,7 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
     // An own name counts even when it starts with a zero byte (a member name
     // can): it keeps its length and is written back as it came.
     if (attr && attr->m_nameId == 0 && attr->m_name == nullptr && attr->cmp_ipp_attr_get_name()[0] == '\0') {
-        attr->setName(wireName.data(), wireName.length());
+        attr->setName(wireName(), haveName ? nameLength : 0);
     }
     return finish(attr != nullptr);
 }

@@ -1,6 +1,7 @@
 // The IPP dictionary registry: five tables installed by the embedding software
-// before the service starts, read without locks afterwards. Every lookup is a
-// linear scan taking the first matching row, so the tables need no order.
+// before the service starts, read without locks afterwards. Every lookup answers
+// with the first matching row, so the tables need no order; an index built on
+// first use makes the lookups constant-time.
 #ifndef CMP_IPP_IPPTABLE_H
 #define CMP_IPP_IPPTABLE_H
 
@@ -63,6 +64,13 @@ public:
         *count = m_statusCodeCount;
         return m_statusCodeTable;
     }
+
+    // Rebuilds the lookup index now. Changing any of the ten fields below is
+    // noticed by the next lookup; rows rewritten in place, or other tables put
+    // at the addresses and counts of earlier ones (tables on the stack), are
+    // not: call this after installing. Lookups running meanwhile on other tasks
+    // answer from the tables before or after, never from a mix.
+    void reindex();
 
     // Written directly by the embedding software; a table is read only while its
     // count is at least 1.

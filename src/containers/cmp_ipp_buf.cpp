@@ -14,7 +14,7 @@ const int kTraceInfo = 2;
 
 unsigned char* const cmp_ipp_buf::m_1charbuf = &g_zeroByte;
 
-cmp_ipp_buf::cmp_ipp_buf(bool owner)
+cmp_ipp_buf::cmp_ipp_buf(bool owner) noexcept
     : m_length(0), m_size(1), m_data(m_1charbuf), m_owner(owner), m_port(nullptr) {}
 
 cmp_ipp_buf::cmp_ipp_buf(uint32_t size, bool owner)
@@ -138,14 +138,18 @@ int32_t cmp_ipp_buf::getIntAt(uint32_t pos) {
     return static_cast<int32_t>(v);
 }
 
-cmp_ipp_string cmp_ipp_buf::getStringAt(uint32_t pos, int32_t len) {
-    cmp_ipp_string out;
-    if (len < 0) return out;
+const unsigned char* cmp_ipp_buf::getBytesAt(uint32_t pos, int32_t len) {
+    if (len < 0) return nullptr;
     uint64_t end = static_cast<uint64_t>(pos) + static_cast<uint32_t>(len);
     if (end > m_length) getMoreDataFromPort();
     if (end > m_size) std::printf("There STILL is not enough data in the buffer!\n");
-    if (end > m_length) return out;
-    out.assignBytes(reinterpret_cast<const char*>(m_data + pos), len);
+    if (end > m_length) return nullptr;
+    return m_data + pos;
+}
+
+cmp_ipp_string cmp_ipp_buf::getStringAt(uint32_t pos, int32_t len) {
+    cmp_ipp_string out;
+    if (const unsigned char* p = getBytesAt(pos, len)) out.assignBytes(reinterpret_cast<const char*>(p), len);
     return out;
 }
 

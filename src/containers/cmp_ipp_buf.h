@@ -14,8 +14,8 @@ public:
     // Empty buffers share this one zero byte; it is never released or written.
     static unsigned char* const m_1charbuf;
 
-    cmp_ipp_buf() : cmp_ipp_buf(true) {}
-    explicit cmp_ipp_buf(bool owner);
+    cmp_ipp_buf() noexcept : cmp_ipp_buf(true) {}
+    explicit cmp_ipp_buf(bool owner) noexcept;
     cmp_ipp_buf(uint32_t size, bool owner);
     cmp_ipp_buf(int size, bool owner) : cmp_ipp_buf(static_cast<uint32_t>(size < 0 ? 0 : size), owner) {}
     cmp_ipp_buf(const cmp_ipp_buf& other, bool owner);
@@ -23,11 +23,15 @@ public:
     cmp_ipp_buf(const unsigned char* p, uint32_t len, bool owner);
     // A copy owns its block; the port is never copied.
     cmp_ipp_buf(const cmp_ipp_buf& other) : cmp_ipp_buf(other, true) {}
+    // Hands the block over; the other is left empty on the shared block.
     cmp_ipp_buf(cmp_ipp_buf&& other) noexcept;
     ~cmp_ipp_buf();
 
     // Clears and appends, reusing the block when it is large enough; the
     // ownership flag and the port stay as they are.
+    // Also for a source about to vanish: assignment is defined by what it keeps
+    // (the block when large enough, the ownership flag), so there is no moving
+    // assignment; moving happens by construction, which is what the containers use.
     cmp_ipp_buf& operator=(const cmp_ipp_buf& other);
     cmp_ipp_buf& operator+=(const cmp_ipp_buf& other) {
         append(other.m_data, other.m_length);
@@ -41,6 +45,10 @@ public:
     int32_t getIntAt(uint32_t pos);
     // A negative length gives an empty string.
     cmp_ipp_string getStringAt(uint32_t pos, int32_t len);
+    // The len bytes at pos where they stand in the block, read by the rule of
+    // getStringAt (one refill, the same message); null when they are not all
+    // there or len is negative. Valid until the buffer next grows.
+    const unsigned char* getBytesAt(uint32_t pos, int32_t len);
 
     void setByteAt(uint32_t pos, int32_t v);
     void setShortAt(uint32_t pos, int32_t v);

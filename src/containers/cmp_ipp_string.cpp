@@ -6,6 +6,10 @@
 
 namespace {
 
+// The text of every empty string; never written (nothing writes into a
+// zero-length text) and never freed.
+char g_emptyText[1] = {'\0'};
+
 // Unsigned byte-wise compare of the common prefix.
 int comparePrefix(const char* a, const char* b, int32_t n) {
     return std::memcmp(a, b, static_cast<size_t>(n));
@@ -13,16 +17,20 @@ int comparePrefix(const char* a, const char* b, int32_t n) {
 
 }  // namespace
 
+void cmp_ipp_string::release(char* data) {
+    if (data != g_emptyText) cmp_ipp_free(data);
+}
+
 cmp_ipp_string::~cmp_ipp_string() {
     if (m_data != nullptr) {
-        cmp_ipp_free(m_data);
+        release(m_data);
         m_data = nullptr;
     }
 }
 
 cmp_ipp_string& cmp_ipp_string::operator=(cmp_ipp_string&& other) noexcept {
     if (this != &other) {
-        cmp_ipp_free(m_data);
+        release(m_data);
         m_data = other.m_data;
         m_length = other.m_length;
         other.m_data = nullptr;
@@ -32,13 +40,17 @@ cmp_ipp_string& cmp_ipp_string::operator=(cmp_ipp_string&& other) noexcept {
 }
 
 void cmp_ipp_string::assignBytes(const char* s, int32_t n) {
-    cmp_ipp_free(m_data);
+    release(m_data);
     m_data = nullptr;
     m_length = 0;
     if (n == -1) {
         n = (s == nullptr) ? 0 : static_cast<int32_t>(std::strlen(s));
     } else if (n < 0 || s == nullptr) {
         n = 0;  // caller error: keep a valid empty text rather than read anything
+    }
+    if (n == 0) {
+        m_data = g_emptyText;
+        return;
     }
     m_data = static_cast<char*>(cmp_ipp_malloc(static_cast<uint32_t>(n) + 1));
     if (n > 0) std::memcpy(m_data, s, static_cast<size_t>(n));
@@ -65,7 +77,7 @@ void cmp_ipp_string::append(const char* s, int32_t n) {
     if (m_length != 0) std::memcpy(block, m_data, static_cast<size_t>(m_length));
     std::memcpy(block + m_length, s, static_cast<size_t>(n));
     block[m_length + n] = '\0';
-    cmp_ipp_free(m_data);
+    release(m_data);
     m_data = block;
     m_length += n;
 }

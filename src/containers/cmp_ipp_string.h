@@ -1,6 +1,8 @@
 // Counted, NUL-terminated text on the library's allocator. Three states: unset
-// (null text), empty (an allocated zero-length text) and text. A length of -1
-// means "NUL-terminated, measure it". No spare capacity is ever kept.
+// (null text), empty (a zero-length text) and text. A length of -1 means
+// "NUL-terminated, measure it". No spare capacity is ever kept. Every empty
+// string shares one static zero-length text, so emptiness costs no allocation
+// (every text value of an attribute carries an empty language).
 #ifndef CMP_IPP_STRING_H
 #define CMP_IPP_STRING_H
 
@@ -8,7 +10,7 @@
 
 class cmp_ipp_string {
 public:
-    cmp_ipp_string() : m_data(nullptr), m_length(0) {}
+    cmp_ipp_string() noexcept : m_data(nullptr), m_length(0) {}
     explicit cmp_ipp_string(const char* s, int32_t n = -1) : m_data(nullptr), m_length(0) {
         assignBytes(s, n);
     }
@@ -56,6 +58,8 @@ public:
 
 private:
     static cmp_ipp_string concat(const cmp_ipp_string& a, const char* s, int32_t n);
+    // Frees the text unless it is the shared empty one.
+    static void release(char* data);
 
     char* m_data;
     int32_t m_length;

@@ -4,8 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "attr/cmp_ipp_ipptable.h"
+#include "msg/cmp_ipp_limits.h"
 #include "platform/cmp_dbglog.h"
 #include "service/cmp_ipp_manager.h"
 
@@ -30,6 +32,10 @@ enum : int {
     kLineAltMismatch = 768,
     kLineNoPrevious = 790,
     kLineZeroDelimiter = 833,
+    kLineAttributeBytes = 851,
+    kLineAttributes = 854,
+    kLineValues = 857,
+    kLineDepth = 860,
 };
 
 void parseError(int line, int code, int32_t offset, int32_t value) {
@@ -59,6 +65,36 @@ cmp_ipp_obj* printerObject() { return static_cast<cmp_ipp_obj*>(cmp_ipp_manager:
 struct PortGuard {
     cmp_ipp_buf& buf;
     ~PortGuard() { buf.setPort(nullptr); }
+};
+
+// Stands between the buffer and the request's record: passes the record's
+// pieces on until the buffer holds the header and the largest attribute part
+// allowed, then answers "nothing more" and notes that it did, so that an
+// oversized request is never read into memory.
+struct BoundedPort {
+    cmp_ipp_if_info_s record;
+    const cmp_ipp_if_info_s* source;
+    const cmp_ipp_buf* buf;
+    bool refused;
+
+    BoundedPort(const cmp_ipp_if_info_s& from, const cmp_ipp_buf& b)
+        : record(from), source(&from), buf(&b), refused(false) {
+        record.pfnGetMoreData = pull;
+        record.ctx = this;
+    }
+    BoundedPort(const BoundedPort&) = delete;
+    BoundedPort& operator=(const BoundedPort&) = delete;
+
+    static int pull(void* ctx, int unused, unsigned char** data, int* length) {
+        BoundedPort* self = static_cast<BoundedPort*>(ctx);
+        if (self->buf->length() >= kHeaderBytes + CMP_IPP_MAX_ATTRIBUTE_BYTES) {
+            self->refused = true;
+            return 0;
+        }
+        return self->source->pfnGetMoreData(self->source->ctx, unused, data, length);
+    }
+
+    static constexpr uint32_t kHeaderBytes = 8;
 };
 
 }  // namespace
@@ -176,11 +212,11 @@ bool cmp_ipp_msg::valideType(const cmp_ipp_attr& attr) const {
 
 bool cmp_ipp_msg::valid_ipp_version(unsigned char major, unsigned char minor) {
     m_version = 0;
-    cmp_ipp_obj* printer = printerObject();
+    const cmp_ipp_obj* printer = printerObject();
     if (printer == nullptr) return false;
     uint16_t id = cmp_ipp_attr::cmp_ipp_attr_name_to_id("ipp-versions-supported");
-    const cmp_ipp_attr* versions =
-        id != 0 ? printer->m_attrs.find(id) : printer->m_attrs.find("ipp-versions-supported");
+    const cmp_ipp_attrs& attrs = printer->m_attrs;  // read only: many requests look at once
+    const cmp_ipp_attr* versions = id != 0 ? attrs.find(id) : attrs.find("ipp-versions-supported");
     if (versions == nullptr || versions->m_numValues < 1) return false;
 
     const int32_t n = versions->m_numValues;
@@ -226,7 +262,11 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
         parseError(kLineNoData, 603, 0, 0);
         return CMP_IPP_STATUS_BAD_REQUEST;
     }
-    if (info != nullptr && info->pfnGetMoreData != nullptr) buf.setPort(info);
+    std::optional<BoundedPort> port;
+    if (info != nullptr && info->pfnGetMoreData != nullptr) {
+        port.emplace(*info, buf);
+        buf.setPort(&port->record);
+    }
     PortGuard detach{buf};
 
     const unsigned char major = buf.getByteAt(0);
@@ -258,6 +298,16 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
     int opGroups = 0, jobGroups = 0, printerGroups = 0, unsupportedGroups = 0, subscriptionGroups = 0;
     int groupsSeen = 0;
     int32_t lastUpper = 0;
+    // The bounds: the attribute part ends before this offset; attributes and
+    // open collections so far.
+    const uint64_t attributesEnd = uint64_t{BoundedPort::kHeaderBytes} + CMP_IPP_MAX_ATTRIBUTE_BYTES;
+    int32_t attributes = 0;
+    int32_t depth = 0;
+    auto tooLarge = [&](int line, int code, uint32_t at, int64_t value) -> uint32_t {
+        const int32_t v = value > INT32_MAX ? INT32_MAX : static_cast<int32_t>(value);
+        parseError(line, code, static_cast<int32_t>(at), v);
+        return CMP_IPP_LIMIT_STATUS;
+    };
 
     for (;;) {
         // Group step for the delimiter tag just read.
@@ -318,16 +368,24 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
         ++groupsSeen;
         if (groupError) return CMP_IPP_STATUS_BAD_REQUEST;
 
-        // Attributes of the group.
-        std::unique_ptr<cmp_ipp_attr> previous;
+        // Attributes of the group. previous is the index, in the group, of the
+        // attribute that additional values join.
+        int32_t previous = -1;
         uint32_t marked = 0;
         for (;;) {
+            // Whatever stands here (an attribute or a delimiter tag) belongs
+            // to the attribute part.
+            if (offset >= attributesEnd)
+                return tooLarge(kLineAttributeBytes, 610, offset, int64_t{offset} - 8 + 1);
             const unsigned int first = buf.getByteAt(offset);
             if ((first & 0xF0) == 0) break;
             uint16_t status = CMP_IPP_STATUS_BAD_REQUEST;
             int32_t consumed = 0;
             std::unique_ptr<cmp_ipp_attr> attr(
                 cmp_ipp_attr::Create(buf, static_cast<int32_t>(offset), &status, &consumed));
+            const uint64_t attrEnd = uint64_t{offset} + static_cast<uint32_t>(consumed > 0 ? consumed : 0);
+            if ((port && port->refused) || attrEnd > attributesEnd)
+                return tooLarge(kLineAttributeBytes, 610, offset, static_cast<int64_t>(attrEnd) - 8);
             if (!attr || consumed <= 0) {
                 parseError(kLineCreate, 602, static_cast<int32_t>(offset), static_cast<int32_t>(first));
                 return attr ? static_cast<uint32_t>(CMP_IPP_STATUS_BAD_REQUEST) : status;
@@ -351,6 +409,13 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
 
             const bool marker = attr->cmp_ipp_attr_is_col_type() != 0;
             const bool additional = attr->m_nameLength == 0 && attr->m_nameId == 0 && !marker;
+            if (attr->m_numValues > CMP_IPP_MAX_VALUES)
+                return tooLarge(kLineValues, 612, offset, attr->m_numValues);
+            if (!additional && ++attributes > CMP_IPP_MAX_ATTRIBUTES)
+                return tooLarge(kLineAttributes, 611, offset, attributes);
+            if (attr->m_type == CMP_IPP_TAG_BEGIN_COLLECTION && ++depth > CMP_IPP_MAX_COLLECTION_DEPTH)
+                return tooLarge(kLineDepth, 613, offset, depth);
+            if (attr->m_type == CMP_IPP_TAG_END_COLLECTION && depth > 0) --depth;
             int32_t lower = 0, upper = 0;
             if (attr->m_type == CMP_IPP_TAG_RANGE && attr->m_numValues >= 1 && attr->m_longs.length() >= 2) {
                 lower = attr->m_longs[0];
@@ -359,18 +424,22 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             const bool isRange = attr->m_type == CMP_IPP_TAG_RANGE;
 
             if (!additional) {
-                group->cmp_ipp_attrs_set_attr_by_name(attr.get(), false);
+                // The group takes the attribute over: as cmp_ipp_attrs_set_attr_by_name(attr, false), without a copy.
+                group->adopt(*attr);
                 if (isRange && upper < lower) marked = CMP_IPP_STATUS_BAD_REQUEST;
-                previous = std::move(attr);
+                previous = group->count() - 1;
             } else {
-                if (!previous) {
+                if (previous < 0) {
                     parseError(kLineNoPrevious, 607, static_cast<int32_t>(offset), static_cast<int32_t>(first));
                     return CMP_IPP_STATUS_BAD_REQUEST;
                 }
                 if (isRange && (lower <= lastUpper || upper < lower || upper <= lastUpper))
                     marked = CMP_IPP_STATUS_BAD_REQUEST;
-                previous->cmp_ipp_attr_add_multi(*attr);
-                group->cmp_ipp_attrs_set_attr(previous.get(), false);
+                // The previous attribute gets the value and is stored again with
+                // cmp_ipp_attrs_set_attr(previous, false), merged in place.
+                previous = group->addValueAt(previous, *attr);
+                if (group->list()[previous].m_numValues > CMP_IPP_MAX_VALUES)
+                    return tooLarge(kLineValues, 612, offset, group->list()[previous].m_numValues);
             }
             if (isRange) lastUpper = upper;
 

@@ -54,7 +54,7 @@ void cmp_ipp_response::cmp_ipp_res_convert_to_version() {
     if (id == 0) return;
     for (int32_t g = 0; g < m_groups.length(); ++g) {
         cmp_ipp_attrs* group = m_groups[g];
-        const cmp_ipp_attr* reasons = group->find(id);
+        const cmp_ipp_attr* reasons = static_cast<const cmp_ipp_attrs*>(group)->find(id);
         if (reasons == nullptr) continue;
         cmp_ipp_string first;
         if (reasons->m_numValues >= 1 && reasons->m_strings.length() >= 1) first = reasons->m_strings[0];
@@ -111,7 +111,7 @@ void cmp_ipp_response::convertToClientZone() {
         cmp_ipp_attrs* group = m_groups[g];
         for (uint16_t id : ids) {
             if (id == 0) continue;
-            const cmp_ipp_attr* found = group->find(id);
+            const cmp_ipp_attr* found = static_cast<const cmp_ipp_attrs*>(group)->find(id);
             if (found == nullptr) continue;
             // Rebuilt as a uri attribute of its own name, so clients read it as before.
             cmp_ipp_attr rebuilt(CMP_IPP_TAG_URI, id);

@@ -31,6 +31,7 @@ public:
         r->m_oneSetOfCount = m_saved.m_oneSetOfCount;
         r->m_operationIdCount = m_saved.m_operationIdCount;
         r->m_statusCodeCount = m_saved.m_statusCodeCount;
+        r->reindex();
     }
     RegistryRestore(const RegistryRestore&) = delete;
     RegistryRestore& operator=(const RegistryRestore&) = delete;
@@ -60,6 +61,8 @@ private:
         r->m_oneSetOfCount = static_cast<int16_t>(m_tables.oneSetOf.size());
         r->m_operationIdCount = static_cast<int16_t>(m_tables.operations.size());
         r->m_statusCodeCount = static_cast<int16_t>(m_tables.statuses.size());
+        // The tables may sit where earlier ones sat, with the same counts.
+        r->reindex();
     }
 
     RegistryTables m_tables;

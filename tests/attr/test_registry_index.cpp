@@ -1,0 +1,321 @@
+// The registry's lookups answer through an index; these tests hold every answer
+// against a plain front-to-back scan of the installed tables, for tables with
+// duplicate names, identifiers and (identifier, tag) pairs, for misses, and for
+// tables that change (also in place, at the same address) or are first looked
+// up from many threads at once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "attr/cmp_ipp_attr.h"
+#include "attr/cmp_ipp_ipptable.h"
+#include "registry_fixture.h"
+
+namespace {
+
+using A = cmp_ipp_attr;
+
+// The answers a scan of the tables gives.
+struct Scan {
+    const RegistryTables& t;
+
+    const cmp_ipp_attr_row_t* byName(const char* name) const {
+        for (const auto& r : t.attrs)
+            if (r.name != nullptr && std::strcmp(r.name, name) == 0) return &r;
+        return nullptr;
+    }
+    const cmp_ipp_attr_row_t* byId(uint16_t id) const {
+        for (const auto& r : t.attrs)
+            if (r.id == id) return &r;
+        return nullptr;
+    }
+    const cmp_ipp_attr_row_t* byIdTag(uint16_t id, int tag) const {
+        for (const auto& r : t.attrs)
+            if (r.id == id && r.valueTag == tag) return &r;
+        return nullptr;
+    }
+    int16_t alt(uint16_t id) const {
+        for (const auto& r : t.altTypes)
+            if (r.id == id) return r.altTag;
+        return 0;
+    }
+    bool oneSetOf(uint16_t id) const {
+        for (uint16_t x : t.oneSetOf)
+            if (x == id) return true;
+        return false;
+    }
+    const char* op(uint16_t id) const {
+        for (const auto& r : t.operations)
+            if (r.id == id) return r.name != nullptr ? r.name : "unknown";
+        return "unknown";
+    }
+    const char* status(uint16_t code) const {
+        for (const auto& r : t.statuses)
+            if (r.code == code) return r.text != nullptr ? r.text : "unknown";
+        return "unknown";
+    }
+};
+
+struct Domain {
+    std::vector<std::string> names;
+    std::vector<uint16_t> ids;
+    std::vector<int> tags;
+};
+
+// Every name and identifier of the tables and their neighbours, misses that
+// differ only in case, length or a last letter, and tags with and without rows.
+Domain domainOf(const RegistryTables& t) {
+    Domain d;
+    d.names = {"", "nope", "x", "SIDES", "copie", "copiesx"};
+    d.tags = {-1, 0, 0x13, 0x21, 0x33, 0x42, 0x44, 0x50, 0x7FFF, -32768, 70000, -70000};
+    for (const auto& r : t.attrs) {
+        if (r.name != nullptr && r.name[0] != '\0') {
+            d.names.push_back(r.name);
+            std::string other = r.name;
+            other.back() = static_cast<char>(other.back() ^ 1);
+            d.names.push_back(other);
+        }
+        d.tags.push_back(r.valueTag);
+    }
+    uint16_t top = 8;
+    for (const auto& r : t.attrs) top = std::max<uint16_t>(top, r.id);
+    for (const auto& r : t.altTypes) top = std::max<uint16_t>(top, r.id);
+    for (uint32_t id = 0; id <= top + 2u; ++id) d.ids.push_back(static_cast<uint16_t>(id));
+    d.ids.push_back(0xFFFF);
+    return d;
+}
+
+// Every lookup of the registry against the scan; returns the number of differences.
+int differences(const RegistryTables& t, const Domain& d) {
+    const Scan scan{t};
+    int bad = 0;
+    auto check = [&bad](bool ok, const std::string& what) {
+        if (!ok) {
+            if (bad < 10) ADD_FAILURE() << what;
+            ++bad;
+        }
+    };
+    for (const std::string& n : d.names) {
+        const cmp_ipp_attr_row_t* r = scan.byName(n.c_str());
+        check(A::cmp_ipp_attr_name_to_id(n.c_str()) == (r != nullptr ? r->id : 0), "name_to_id " + n);
+    }
+    for (uint16_t id : d.ids) {
+        const std::string at = " id " + std::to_string(id);
+        const cmp_ipp_attr_row_t* r = scan.byId(id);
+        int16_t type = 12345;
+        const char* name = A::cmp_ipp_attr_id_to_name(id, &type);
+        if (r != nullptr) {
+            // The very text of the first row, not an equal one of a later row.
+            check(name == (r->name != nullptr ? r->name : name) && (r->name != nullptr || *name == '\0'),
+                  "id_to_name" + at);
+            check(type == r->valueTag, "id_to_name type" + at);
+        } else {
+            check(*name == '\0' && type == 12345, "id_to_name miss" + at);
+        }
+        check(A::nameIdToType(id) == (r != nullptr ? r->valueTag : 0), "nameIdToType" + at);
+        check(A::nameIdToAlternateType(id) == scan.alt(id), "nameIdToAlternateType" + at);
+        check(A::nameIdIsOneSetOf(id) == scan.oneSetOf(id), "nameIdIsOneSetOf" + at);
+        check(cmp_ipp_ipptable_op_name(id) == scan.op(id) || std::strcmp(scan.op(id), "unknown") == 0,
+              "op name" + at);
+        check(std::strcmp(cmp_ipp_ipptable_op_name(id), scan.op(id)) == 0, "op text" + at);
+        check(std::strcmp(cmp_ipp_ipptable_status_text(id), scan.status(id)) == 0, "status" + at);
+        for (int tag : d.tags) {
+            const cmp_ipp_attr_row_t* row = scan.byIdTag(id, tag);
+            int32_t lo = -7, hi = -7;
+            const bool hit = A::getNameIdMinMax(id, tag, &lo, &hi);
+            const std::string what = "getNameIdMinMax" + at + " tag " + std::to_string(tag);
+            check(hit == (row != nullptr), what);
+            if (row != nullptr) check(lo == row->min && hi == row->max, what + " range");
+        }
+    }
+    return bad;
+}
+
+RegistryTables duplicates() {
+    RegistryTables t;
+    t.attrs = {
+        {7, "copies", 0x21, 1, 999},  {7, "copies", 0x33, 5, 50},   {7, "copies", 0x21, 2, 3},  // (7, 0x21) twice
+        {9, "sides", 0x44, 1, 255},   {10, "sides", 0x44, 2, 254},  {11, "job-name", -1, 0, 255},
+        {12, nullptr, 0x41, 0, 9},    {12, "late-name", 0x41, 0, 8}, {3, "", 0x42, 0, 1},
+        {4, "media", 0x44, 1, 255},   {4, "media", 0x42, 0, 255},   {5, "x", -32768, 0, 0},
+    };
+    t.altTypes = {{9, 0x42, 0, 255}, {7, 0x13, 0, 0}, {9, 0x41, 0, 0}};
+    t.oneSetOf = {9, 11, 9, 4};
+    t.operations = {{2, "Print-Job"}, {2, "Shadowed"}, {4, nullptr}};
+    t.statuses = {{0x0400, "client-error-bad-request"}, {0x0400, "shadowed"}, {0, "successful-ok"}};
+    return t;
+}
+
+// Hundreds of rows over a narrow range of identifiers and names, so that
+// most keys repeat, as in a dictionary that adds second rows for alternate tags.
+RegistryTables generated(unsigned seed, size_t rows) {
+    static std::vector<std::string> names;  // row names must outlive the tables
+    if (names.empty())
+        for (int i = 0; i < 400; ++i) names.push_back("attr-" + std::to_string(i));
+    std::mt19937 rnd(seed);
+    const int16_t tags[] = {-1, 0x21, 0x22, 0x23, 0x33, 0x41, 0x42, 0x44, 0x45, 0x34, 0x4A};
+    RegistryTables t;
+    for (size_t i = 0; i < rows; ++i) {
+        const uint16_t id = static_cast<uint16_t>(1 + rnd() % 300);
+        t.attrs.push_back({id, names[rnd() % names.size()].c_str(), tags[rnd() % 11], static_cast<int32_t>(rnd() % 9),
+                           static_cast<int32_t>(100 + rnd() % 9)});
+    }
+    for (int i = 0; i < 80; ++i) t.altTypes.push_back({static_cast<uint16_t>(1 + rnd() % 300), tags[rnd() % 11], 0, 0});
+    for (int i = 0; i < 120; ++i) t.oneSetOf.push_back(static_cast<uint16_t>(1 + rnd() % 300));
+    for (int i = 0; i < 60; ++i) t.operations.push_back({static_cast<uint16_t>(rnd() % 80), names[rnd() % 50].c_str()});
+    for (int i = 0; i < 60; ++i) t.statuses.push_back({static_cast<uint16_t>(rnd() % 80), names[rnd() % 50].c_str()});
+    return t;
+}
+
+TEST(RegistryIndex, EveryLookupAnswersAsAScanOfTheTables) {
+    const struct {
+        const char* what;
+        RegistryTables tables;
+    } cases[] = {
+        {"no tables", RegistryTables{}},
+        {"duplicate names, identifiers and pairs", duplicates()},
+        {"600 generated rows", generated(1, 600)},
+        {"one row", [] {
+             RegistryTables t;
+             t.attrs = {{1, "a", 0x21, 0, 1}};
+             return t;
+         }()},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ScopedRegistry reg(c.tables);
+        EXPECT_EQ(differences(c.tables, domainOf(c.tables)), 0);
+    }
+}
+
+TEST(RegistryIndex, CountsBelowOneAndMissingTablesMeanNoTable) {
+    RegistryRestore restore;
+    const RegistryTables t = duplicates();
+    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
+    r->m_attrTable = t.attrs.data();
+    r->m_attrCount = -3;
+    r->m_altTypeTable = nullptr;
+    r->m_altTypeCount = 5;  // no table behind the count: nothing to read
+    r->m_oneSetOfTable = t.oneSetOf.data();
+    r->m_oneSetOfCount = 0;
+    r->m_operationIdTable = t.operations.data();
+    r->m_operationIdCount = 1;
+    r->m_statusCodeTable = nullptr;
+    r->m_statusCodeCount = 0;
+    r->reindex();
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("copies"), 0);
+    EXPECT_EQ(A::nameIdToType(7), 0);
+    EXPECT_EQ(A::nameIdToAlternateType(9), 0);
+    EXPECT_FALSE(A::nameIdIsOneSetOf(9));
+    EXPECT_STREQ(cmp_ipp_ipptable_op_name(2), "Print-Job");
+    EXPECT_STREQ(cmp_ipp_ipptable_status_text(0x0400), "unknown");
+}
+
+// The registry fields are the index's key: writing them is enough.
+TEST(RegistryIndex, ChangedFieldsAreNoticedWithoutReindex) {
+    RegistryRestore restore;
+    const RegistryTables first = duplicates();
+    const RegistryTables second = generated(2, 300);
+    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
+    r->m_attrTable = first.attrs.data();
+    r->m_attrCount = static_cast<int16_t>(first.attrs.size());
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("sides"), 9);
+    r->m_attrCount = 3;  // the same table, shorter
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("sides"), 0);
+    EXPECT_EQ(A::nameIdToType(7), 0x21);
+    r->m_attrTable = second.attrs.data();
+    r->m_attrCount = static_cast<int16_t>(second.attrs.size());
+    RegistryTables seen;
+    seen.attrs = second.attrs;
+    const Scan scan{seen};
+    for (uint16_t id = 0; id < 310; ++id) {
+        const cmp_ipp_attr_row_t* row = scan.byId(id);
+        ASSERT_EQ(A::nameIdToType(id), row != nullptr ? row->valueTag : 0) << id;
+    }
+}
+
+// Rows rewritten in place keep the address and count the index is keyed on:
+// reindex() is what tells the registry, as the fixture and the dictionary
+// installer do for tables that may sit where earlier ones sat.
+TEST(RegistryIndex, RowsRewrittenInPlaceAreSeenAfterReindex) {
+    RegistryRestore restore;
+    cmp_ipp_attr_row_t rows[3] = {{1, "alpha", 0x21, 0, 1}, {2, "beta", 0x44, 1, 255}, {1, "alpha", 0x33, 4, 5}};
+    cmp_ipp_alt_type_row_t alts[1] = {{2, 0x42, 0, 0}};
+    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
+    r->m_attrTable = rows;
+    r->m_attrCount = 3;
+    r->m_altTypeTable = alts;
+    r->m_altTypeCount = 1;
+    r->reindex();
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("alpha"), 1);
+    EXPECT_EQ(A::nameIdToAlternateType(2), 0x42);
+
+    rows[0] = {5, "gamma", 0x42, 0, 9};
+    rows[1] = {1, "alpha", 0x23, 1, 2};
+    rows[2] = {5, "gamma", 0x21, 7, 8};
+    alts[0] = {5, 0x44, 0, 0};
+    r->reindex();
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("gamma"), 5);
+    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("beta"), 0);
+    EXPECT_EQ(A::nameIdToType(1), 0x23);
+    EXPECT_EQ(A::nameIdToAlternateType(2), 0);
+    EXPECT_EQ(A::nameIdToAlternateType(5), 0x44);
+    int32_t lo = 0, hi = 0;
+    EXPECT_TRUE(A::getNameIdMinMax(5, 0x21, &lo, &hi));
+    EXPECT_EQ(lo, 7);
+    EXPECT_EQ(hi, 8);
+    EXPECT_FALSE(A::getNameIdMinMax(1, 0x33, &lo, &hi)) << "the old second row is gone";
+}
+
+// The first lookups after installing come from many tasks at once, and one of
+// them builds the index while the others wait for it or read it.
+TEST(RegistryConcurrency, FirstLookupsFromManyThreadsAgreeWithTheTables) {
+    for (unsigned round = 0; round < 3; ++round) {
+        const RegistryTables t = generated(10 + round, 500);
+        const Domain d = domainOf(t);
+        const Scan scan{t};
+        std::vector<uint16_t> expectedIds;
+        for (const std::string& n : d.names) {
+            const cmp_ipp_attr_row_t* row = scan.byName(n.c_str());
+            expectedIds.push_back(row != nullptr ? row->id : 0);
+        }
+        RegistryRestore restore;
+        cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
+        // Written as embedding software does, without reindex(): the index is built lazily.
+        r->m_attrTable = t.attrs.data();
+        r->m_attrCount = static_cast<int16_t>(t.attrs.size());
+        r->m_altTypeTable = t.altTypes.data();
+        r->m_altTypeCount = static_cast<int16_t>(t.altTypes.size());
+        r->m_oneSetOfTable = t.oneSetOf.data();
+        r->m_oneSetOfCount = static_cast<int16_t>(t.oneSetOf.size());
+
+        std::atomic<int> ready{0};
+        std::atomic<int> wrong{0};
+        std::vector<std::thread> threads;
+        for (int k = 0; k < 8; ++k) {
+            threads.emplace_back([&, k] {
+                ready.fetch_add(1);
+                while (ready.load() < 8) std::this_thread::yield();
+                for (size_t i = 0; i < d.names.size(); ++i) {
+                    const size_t j = (i + static_cast<size_t>(k) * 7) % d.names.size();
+                    if (A::cmp_ipp_attr_name_to_id(d.names[j].c_str()) != expectedIds[j]) wrong.fetch_add(1);
+                }
+                for (uint16_t id : d.ids) {
+                    const cmp_ipp_attr_row_t* row = scan.byId(id);
+                    if (A::nameIdToType(id) != (row != nullptr ? row->valueTag : 0)) wrong.fetch_add(1);
+                    if (A::nameIdToAlternateType(id) != scan.alt(id)) wrong.fetch_add(1);
+                    if (A::nameIdIsOneSetOf(id) != scan.oneSetOf(id)) wrong.fetch_add(1);
+                }
+            });
+        }
+        for (auto& th : threads) th.join();
+        EXPECT_EQ(wrong.load(), 0) << "round " << round;
+    }
+}
+
+}  // namespace

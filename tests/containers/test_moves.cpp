@@ -1,0 +1,251 @@
+// The vector hands its elements over when it grows and keeps the capacities and
+// assignment rules of a step-5 array; buffers, strings and attributes move
+// their storage instead of copying it and are left valid and empty.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+
+#include "attr/cmp_ipp_attr.h"
+#include "containers/cmp_ipp_buf.h"
+#include "containers/cmp_ipp_string.h"
+#include "containers/cmp_ipp_vector.h"
+#include "platform/emw_osw.h"
+
+namespace {
+
+// Counts what happens to it: constructions of each kind, copies, moves and destructions.
+struct Tracked {
+    static int made, copies, moves, destroyed;
+    static void reset() { made = copies = moves = destroyed = 0; }
+    static int alive() { return made - destroyed; }
+
+    int v = -1;
+    Tracked() noexcept { ++made; }
+    Tracked(const Tracked& o) : v(o.v) {
+        ++made;
+        ++copies;
+    }
+    Tracked(Tracked&& o) noexcept : v(o.v) {
+        ++made;
+        ++moves;
+        o.v = -2;
+    }
+    Tracked& operator=(const Tracked& o) {
+        v = o.v;
+        ++copies;
+        return *this;
+    }
+    Tracked& operator=(Tracked&& o) noexcept {
+        v = o.v;
+        ++moves;
+        o.v = -2;
+        return *this;
+    }
+    ~Tracked() { ++destroyed; }
+};
+int Tracked::made, Tracked::copies, Tracked::moves, Tracked::destroyed;
+
+// The capacity of a fresh vector after n appends: 2, then steps of 5.
+int32_t capacityAfter(int32_t n) { return n <= 2 ? 2 : 2 + 5 * ((n - 2 + 4) / 5); }
+
+TEST(VectorGrowth, MovesNeverCopiesAndKeepsTheStepFiveCapacities) {
+    Tracked::reset();
+    {
+        cmp_ipp_vector<Tracked> v;
+        EXPECT_EQ(v.capacity(), 2);
+        EXPECT_EQ(Tracked::made, 0) << "an empty vector makes no element";
+        for (int32_t i = 0; i < 300; ++i) {
+            v.appendSlot().v = i;
+            ASSERT_EQ(v.capacity(), capacityAfter(i + 1)) << "after " << i + 1;
+            ASSERT_EQ(v.length(), i + 1);
+            ASSERT_EQ(Tracked::alive(), v.capacity()) << "exactly the capacity is constructed";
+        }
+        EXPECT_EQ(Tracked::copies, 0);
+        EXPECT_GT(Tracked::moves, 0);
+        EXPECT_LT(Tracked::moves, 1000) << "about twice per doubling (arrays of step 5 would move some 9000)";
+        for (int32_t i = 0; i < 300; ++i) ASSERT_EQ(v[i].v, i);
+        for (int32_t i = v.length(); i < v.capacity(); ++i) EXPECT_EQ(v[i].v, -1) << "spare " << i;
+
+        v.clear();
+        EXPECT_EQ(v.capacity(), capacityAfter(300));
+        EXPECT_EQ(v[5].v, 5) << "emptying keeps the elements";
+    }
+    EXPECT_EQ(Tracked::alive(), 0) << "every element, spares included, is destroyed once";
+}
+
+TEST(VectorGrowth, ReserveAndAssignmentFollowTheArrayRules) {
+    Tracked::reset();
+    {
+        cmp_ipp_vector<Tracked> v;
+        v.reserve(1);
+        EXPECT_EQ(v.capacity(), 2);
+        v.reserve(23);
+        EXPECT_EQ(v.capacity(), 23);
+        for (int i = 0; i < 24; ++i) v.appendSlot().v = i;
+        EXPECT_EQ(v.capacity(), 28) << "growth goes on in steps of 5 from a reserved size";
+
+        cmp_ipp_vector<Tracked> small(3);
+        small.appendSlot().v = 99;
+        Tracked::reset();
+        small = v;
+        EXPECT_EQ(small.capacity(), 28);
+        EXPECT_EQ(small.length(), 24);
+        EXPECT_EQ(small.growBy(), 5);
+        EXPECT_EQ(Tracked::copies, 24) << "assignment copies each element once";
+        EXPECT_EQ(small[23].v, 23);
+
+        cmp_ipp_vector<Tracked> one;
+        one.appendSlot().v = 7;
+        small = one;
+        EXPECT_EQ(small.capacity(), 28) << "assignment never shrinks";
+        EXPECT_EQ(small.length(), 1);
+        EXPECT_EQ(small[0].v, 7);
+
+        cmp_ipp_vector<Tracked> empty;
+        cmp_ipp_vector<Tracked> target;
+        Tracked::reset();
+        target = empty;
+        EXPECT_EQ(Tracked::made, 0) << "assigning an empty vector makes nothing";
+    }
+}
+
+TEST(VectorGrowth, AppendingAnElementOfTheSameVectorWhileItGrows) {
+    cmp_ipp_vector<cmp_ipp_string> v;
+    v.append(cmp_ipp_string("first"));
+    v.append(cmp_ipp_string("second"));
+    ASSERT_EQ(v.capacity(), 2);
+    v.append(v[0]);  // the array is replaced by this very append
+    ASSERT_EQ(v.length(), 3);
+    EXPECT_STREQ(v[2].c_str(), "first");
+    EXPECT_STREQ(v[0].c_str(), "first");
+}
+
+TEST(VectorMoves, TheArrayChangesHandsAndTheSourceIsAFreshVector) {
+    Tracked::reset();
+    cmp_ipp_vector<Tracked> a;
+    for (int i = 0; i < 9; ++i) a.appendSlot().v = i;
+    const Tracked* elements = &a[0];
+    const int moves = Tracked::moves, copies = Tracked::copies;
+
+    cmp_ipp_vector<Tracked> b(std::move(a));
+    EXPECT_EQ(&b[0], elements);
+    EXPECT_EQ(b.length(), 9);
+    EXPECT_EQ(b.capacity(), 12);
+    EXPECT_EQ(Tracked::moves, moves);
+    EXPECT_EQ(Tracked::copies, copies);
+    EXPECT_EQ(a.length(), 0);
+    EXPECT_EQ(a.capacity(), 2);
+    a.appendSlot().v = 5;  // still usable
+    EXPECT_EQ(a[0].v, 5);
+
+    cmp_ipp_vector<Tracked> c;
+    c = std::move(b);
+    EXPECT_EQ(&c[0], elements);
+    EXPECT_EQ(c.length(), 9);
+    EXPECT_EQ(b.length(), 0);
+    EXPECT_EQ(b.capacity(), 2);
+}
+
+TEST(BufMoves, TheBlockAndItsOwnershipChangeHands) {
+    cmp_ipp_buf owned(reinterpret_cast<const unsigned char*>("abcdef"), 6, true);
+    const unsigned char* block = owned.data();
+    cmp_ipp_buf taken(std::move(owned));
+    EXPECT_EQ(taken.data(), block);
+    EXPECT_EQ(taken.length(), 6u);
+    EXPECT_EQ(taken.capacity(), 7u);
+    EXPECT_TRUE(taken.owner());
+    EXPECT_EQ(owned.data(), cmp_ipp_buf::m_1charbuf) << "moved-from: empty, on the shared block";
+    EXPECT_EQ(owned.length(), 0u);
+    EXPECT_EQ(owned.capacity(), 1u);
+    owned.append(reinterpret_cast<const unsigned char*>("xy"), 2);
+    EXPECT_EQ(std::string(owned.c_str()), "xy") << "and usable";
+
+    unsigned char caller[4] = {'w', 'r', 'a', 'p'};
+    cmp_ipp_buf wrapped(caller, 4, false);
+    cmp_ipp_buf moved(std::move(wrapped));
+    EXPECT_EQ(moved.data(), caller);
+    EXPECT_FALSE(moved.owner()) << "a wrapped block stays the caller's";
+    EXPECT_EQ(cmp_ipp_buf::m_1charbuf[0], 0);
+
+    // Vector growth moves buffers: blocks stay where they are, spares share the empty block.
+    cmp_ipp_vector<cmp_ipp_buf> v;
+    v.appendSlot().append(reinterpret_cast<const unsigned char*>("one"), 3);
+    const unsigned char* first = v[0].data();
+    for (int i = 0; i < 20; ++i) v.appendSlot();
+    EXPECT_EQ(v[0].data(), first);
+    EXPECT_EQ(v[v.length()].data(), cmp_ipp_buf::m_1charbuf);
+}
+
+TEST(StringMoves, EmptyTextsCostNoAllocation) {
+    const uint32_t calls = emwOSWTestAllocCalls();
+    const int32_t blocks = emwOSWTestOutstandingBlocks();
+    {
+        cmp_ipp_string empty;
+        empty.assignBytes(nullptr, -1);
+        const cmp_ipp_string unset;
+        cmp_ipp_string alsoEmpty;
+        alsoEmpty = unset;
+        cmp_ipp_string fromZero("abc", 0);
+        EXPECT_TRUE(empty.isSet());
+        EXPECT_TRUE(alsoEmpty.isSet()) << "a copied unset string is empty, not unset";
+        EXPECT_TRUE(fromZero.isSet());
+        EXPECT_STREQ(empty.c_str(), "");
+        EXPECT_EQ(emwOSWTestAllocCalls(), calls);
+        empty.append("x", 1);
+        EXPECT_STREQ(empty.c_str(), "x");
+        EXPECT_EQ(emwOSWTestAllocCalls(), calls + 1);
+        cmp_ipp_string moved(std::move(fromZero));
+        EXPECT_TRUE(moved.isSet());
+        EXPECT_FALSE(fromZero.isSet());
+    }
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+}
+
+TEST(AttrMoves, StoresAndNameChangeHandsAndTheSourceIsADefaultAttribute) {
+    cmp_ipp_attr a(0x41, 0, "own-name", 8, "text value");
+    a.m_longs.append(3);
+    const char* name = a.m_name;
+    const char* text = a.m_strings[0].data();
+    const int32_t blocks = emwOSWTestOutstandingBlocks();
+
+    cmp_ipp_attr b(std::move(a));
+    EXPECT_EQ(b.m_name, name);
+    EXPECT_EQ(b.m_strings[0].data(), text);
+    EXPECT_EQ(b.m_nameLength, 8);
+    EXPECT_EQ(b.m_numValues, 1);
+    EXPECT_EQ(b.m_type, 0x41);
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks) << "nothing copied";
+
+    EXPECT_EQ(a.m_name, nullptr);
+    EXPECT_EQ(a.m_numValues, 0);
+    EXPECT_EQ(a.m_nameLength, 0);
+    EXPECT_EQ(a.m_nameId, 0);
+    EXPECT_EQ(a.m_strings.length(), 0);
+    EXPECT_EQ(a.m_strings.capacity(), 2);
+    EXPECT_EQ(a.m_longs.length(), 0);
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "");
+
+    cmp_ipp_attr c(0x21, 4, 1);
+    c = std::move(b);
+    EXPECT_EQ(c.m_name, name);
+    EXPECT_EQ(c.m_strings[0].data(), text);
+    EXPECT_EQ(b.m_name, nullptr);
+    EXPECT_EQ(b.m_strings.length(), 0);
+    a = c;  // a moved-from attribute takes a copy like any other
+    EXPECT_STREQ(a.cmp_ipp_attr_get_name(), "own-name");
+    EXPECT_NE(a.m_name, c.m_name);
+}
+
+TEST(AttrMoves, AVectorOfAttributesGrowsWithoutCopyingTheirValues) {
+    cmp_ipp_vector<cmp_ipp_attr> list;
+    list.appendSlot() = cmp_ipp_attr(0x41, 0, "n", 1, "value");
+    const char* text = list[0].m_strings[0].data();
+    const uint32_t calls = emwOSWTestAllocCalls();
+    for (int i = 0; i < 40; ++i) list.appendSlot();
+    EXPECT_EQ(emwOSWTestAllocCalls(), calls) << "no text copied, no spare allocated";
+    EXPECT_EQ(list[0].m_strings[0].data(), text);
+    EXPECT_FALSE(list[list.length()].m_strings.hasStorage()) << "spares hold no store arrays";
+}
+
+}  // namespace
