@@ -140,7 +140,7 @@ bool attributesEndAtEnd(const std::string& body, std::string* why) {
 
 class Connection {
 public:
-    explicit Connection(const Options& o) : m_o(o) {}
+    Connection(const Options& o, int index) : m_o(o), m_index(index) {}
     ~Connection() { close(); }
 
     bool open() {
@@ -152,6 +152,16 @@ public:
         a.sin_family = AF_INET;
         a.sin_port = htons(static_cast<uint16_t>(m_o.port));
         if (inet_pton(AF_INET, m_o.host.c_str(), &a.sin_addr) != 1) return false;
+        // Servers may give each client address a share of their connections
+        // (ours: 16 of 32): on loopback the connections come from 127.0.0.1 to
+        // 127.0.0.4 in turn, as from four clients.
+        if (m_o.host.compare(0, 4, "127.") == 0) {
+            struct sockaddr_in src;
+            memset(&src, 0, sizeof src);
+            src.sin_family = AF_INET;
+            src.sin_addr.s_addr = htonl(0x7F000001u + static_cast<uint32_t>(m_index % 4));
+            if (bind(m_fd, reinterpret_cast<struct sockaddr*>(&src), sizeof src) != 0) return false;
+        }
         if (connect(m_fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) return false;
         const int one = 1;
         setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -279,6 +289,7 @@ private:
     }
 
     const Options& m_o;
+    const int m_index;
     int m_fd = -1;
     char m_buf[65536];
     size_t m_start = 0;
@@ -367,7 +378,7 @@ bool exchange(const Options& o, Connection& c, const std::string& ipp, uint32_t 
 }
 
 void run(const Options& o, int index, Worker& w) {
-    Connection c(o);
+    Connection c(o, index);
     const std::string ipp = gpaRequest(o);
     uint32_t requestId = static_cast<uint32_t>(index) * 1000000u + 1;
     while (!g_stop.load() && !g_failed.load()) {
@@ -382,7 +393,7 @@ int holdConnections(const Options& o) {
     std::vector<Worker> w(static_cast<size_t>(o.connections));
     const std::string ipp = gpaRequest(o);
     for (int i = 0; i < o.connections; ++i) {
-        open.emplace_back(new Connection(o));
+        open.emplace_back(new Connection(o, i));
         if (!open.back()->open()) return fprintf(stderr, "gpa_load: cannot connect\n"), 1;
     }
     // Every connection carries a request, so the server has set each one up.
