@@ -58,7 +58,8 @@ struct Config {
     // time() when empty.
     std::function<int64_t()> wallClockS;
     // The first job's id (a printer that keeps its ids over a restart); the
-    // ids that follow count up to 2147483647, the last one there is.
+    // ids that follow count up to 2147483647, the last one there is: after it
+    // job creation is refused (ids are never reused).
     int32_t firstJobId = 1;
 };
 
