@@ -16,6 +16,7 @@
 
 #include <string>
 
+#include "cmp_ipp_app_setup.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_frontend.h"
 #include "cmp_ipp_refprinter.h"
@@ -24,6 +25,8 @@
 #include "platform/cmp_dbglog.h"
 
 namespace {
+
+using namespace cmp_ipp_app;
 
 struct Options {
     uint16_t port = 8631;
@@ -60,98 +63,11 @@ void usage(FILE* out, const char* argv0) {
             argv0);
 }
 
-bool parseNumber(const char* text, long low, long high, long* out) {
-    char* end = nullptr;
-    errno = 0;
-    const long v = strtol(text, &end, 10);
-    if (errno != 0 || end == text || *end != '\0' || v < low || v > high) return false;
-    *out = v;
-    return true;
-}
-
-// The library takes its socket directory from GEN_UNIX_PATH, written with a trailing "/".
-std::string withSlash(std::string dir) {
-    if (dir.empty() || dir.back() != '/') dir += '/';
-    return dir;
-}
-
-// Creates dir with exactly `mode` (whatever the umask) and, when group is not
-// -1, of that group. A directory that is already there is used as it is.
-bool ensureDirectory(const std::string& dir, mode_t mode, gid_t group = static_cast<gid_t>(-1)) {
-    if (mkdir(dir.c_str(), 0700) == 0) {
-        if (group != static_cast<gid_t>(-1) && chown(dir.c_str(), static_cast<uid_t>(-1), group) != 0) return false;
-        return chmod(dir.c_str(), mode) == 0;
-    }
-    struct stat st;
-    return errno == EEXIST && stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool parseGroup(const char* text, gid_t* out) {
-    long v = 0;
-    char* end = nullptr;
-    errno = 0;
-    v = strtol(text, &end, 10);
-    if (errno == 0 && end != text && *end == '\0' && v >= 0 && v < 0x7FFFFFFF) {
-        *out = static_cast<gid_t>(v);
-        return true;
-    }
-    const struct group* g = getgrnam(text);
-    if (g == nullptr) return false;
-    *out = g->gr_gid;
-    return true;
-}
-
 std::string uriHost(const Options& o) {
     if (!o.hostName.empty()) return o.hostName;
     if (o.bind == "127.0.0.1" || o.bind == "::1") return "localhost";
     if (o.bind.find(':') != std::string::npos) return "[" + o.bind + "]";
     return o.bind;
-}
-
-// The listener binds, restricts and then listens on its socket from a thread of
-// its own. The HTTP port opens only once the socket takes connections, so that
-// no client is turned away while the service comes up. Linux lists listening
-// Unix sockets in /proc/net/unix (flag __SO_ACCEPTCON); reading that costs the
-// library nothing, where a trial connection would start a connection task that
-// only sees the connection close. The trial connection is the fallback.
-bool listedAsListening(const std::string& path, bool* readable) {
-    FILE* f = fopen("/proc/net/unix", "re");
-    *readable = f != nullptr;
-    if (f == nullptr) return false;
-    char line[512];
-    bool found = false;
-    while (!found && fgets(line, sizeof line, f) != nullptr) {
-        unsigned long flags = 0;
-        char name[sizeof line];
-        // Num RefCount Protocol Flags Type St Inode Path
-        if (sscanf(line, "%*s %*s %*s %lx %*s %*s %*s %511s", &flags, name) == 2)
-            found = (flags & 0x10000UL) != 0 && path == name;
-    }
-    fclose(f);
-    return found;
-}
-
-bool takesConnections(const std::string& path) {
-    struct sockaddr_un addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sun_family = AF_UNIX;
-    if (path.size() >= sizeof addr.sun_path) return false;
-    memcpy(addr.sun_path, path.c_str(), path.size());
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    const bool listening = connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0;
-    close(fd);
-    return listening;
-}
-
-bool waitForListener(const std::string& path, int timeoutMs) {
-    for (int waited = 0; waited < timeoutMs; waited += 10) {
-        bool readable = false;
-        if (listedAsListening(path, &readable)) return true;
-        if (!readable && takesConnections(path)) return true;
-        usleep(10 * 1000);
-    }
-    return false;
 }
 
 int parseArgs(int argc, char** argv, Options& o) {
@@ -217,31 +133,10 @@ int main(int argc, char** argv) {
     const int parsed = parseArgs(argc, argv, o);
     if (parsed >= 0) return parsed;
 
-    // Documents are private: the spool directory is created 0700, its files 0600.
-    if (!ensureDirectory(o.spoolDir, 0700)) {
-        fprintf(stderr, "%s: cannot use spool directory %s\n", argv[0], o.spoolDir.c_str());
-        return 1;
-    }
-    struct stat spoolStat;
-    if (stat(o.spoolDir.c_str(), &spoolStat) == 0 && (spoolStat.st_mode & 077) != 0)
-        fprintf(stderr, "%s: warning: spool directory %s is open to other users (mode %03o)\n", argv[0],
-                o.spoolDir.c_str(), static_cast<unsigned>(spoolStat.st_mode & 0777));
+    if (!prepareSpoolDir(argv[0], o.spoolDir)) return 1;
     const bool grouped = o.socketGroup != static_cast<gid_t>(-1);
-    const mode_t socketDirMode = grouped ? 0710 : 0700;
     bool ownSocketDir = false;
-    if (o.socketDir.empty()) {
-        char dir[] = "/tmp/cmp-ipp-printer-XXXXXX";  // created 0700
-        if (mkdtemp(dir) == nullptr ||
-            (grouped && (chown(dir, static_cast<uid_t>(-1), o.socketGroup) != 0 || chmod(dir, socketDirMode) != 0))) {
-            fprintf(stderr, "%s: cannot create a socket directory under /tmp\n", argv[0]);
-            return 1;
-        }
-        o.socketDir = dir;
-        ownSocketDir = true;
-    } else if (!ensureDirectory(o.socketDir, socketDirMode, o.socketGroup)) {
-        fprintf(stderr, "%s: cannot use socket directory %s\n", argv[0], o.socketDir.c_str());
-        return 1;
-    }
+    if (!prepareSocketDir(argv[0], &o.socketDir, o.socketGroup, &ownSocketDir)) return 1;
     const std::string socketDir = withSlash(o.socketDir);
     setenv("GEN_UNIX_PATH", socketDir.c_str(), 1);
     const std::string socketPath = cmp_ipp_fe::socketPathIn(socketDir.c_str());

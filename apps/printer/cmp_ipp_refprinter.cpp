@@ -137,7 +137,8 @@ Printer::Printer(Config config) : m_config(std::move(config)), m_handler(*this) 
     if (m_config.uris.empty()) m_config.uris.push_back("ipp://localhost:631/ipp/print");
     if (m_config.uuid.empty()) m_config.uuid = uuidFrom(m_config.name + "|" + m_config.uris[0]);
     m_startMs = m_config.clockMs();
-    m_startWall = static_cast<int64_t>(time(nullptr));
+    m_startWall = m_config.wallClockS ? m_config.wallClockS() : static_cast<int64_t>(time(nullptr));
+    m_nextJobId = m_config.firstJobId > 0 ? m_config.firstJobId : 1;
     m_stateChangeMs = m_startMs;
     m_lastFinishMs = m_startMs;
     m_obj.setName(m_config.name.c_str());
@@ -462,7 +463,7 @@ void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now,
         append(out, job.completedMs >= 0 ? dateTime("date-time-at-completed", wallOf(job.completedMs))
                                          : outOfBand(CMP_IPP_TAG_NOVALUE, "date-time-at-completed"));
     }
-    if (keep("job-k-octets")) append(out, integer("job-k-octets", static_cast<int32_t>((job.octets + 1023) / 1024)));
+    if (keep("job-k-octets")) append(out, integer("job-k-octets", kOctets(job.octets)));
     if (keep("number-of-documents")) append(out, integer("number-of-documents", job.documents));
     if (!job.format.empty() && keep("document-format-supplied")) {
         append(out, text(CMP_IPP_TAG_MIMETYPE, "document-format-supplied", job.format));
@@ -568,7 +569,7 @@ std::string Printer::htmlPage() {
             jobsTable += "</TD><TD>";
             jobsTable += std::to_string(job.documents);
             jobsTable += "</TD><TD>";
-            jobsTable += std::to_string((job.octets + 1023) / 1024);
+            jobsTable += std::to_string(kOctets(job.octets));
             jobsTable += "</TD></TR>\n";
         }
         jobsTable += "</TABLE>\n";

@@ -54,6 +54,13 @@ struct Config {
     uint32_t processingMs = 2000;
     // Milliseconds on a monotonic clock; tests put a clock of their own here.
     std::function<int64_t()> clockMs;
+    // Seconds since 1970 (UTC), read once at start for the printer's date-times;
+    // time() when empty.
+    std::function<int64_t()> wallClockS;
+    // The first job's id (a printer that keeps its ids over a restart); the
+    // ids that follow count up to 2147483647, the last one there is: after it
+    // job creation is refused (ids are never reused).
+    int32_t firstJobId = 1;
 };
 
 // A snapshot of one job, for diagnostics and tests.
@@ -178,7 +185,7 @@ private:
     mutable std::mutex m_mutex;  // guards everything below
     std::map<int32_t, std::unique_ptr<Job>> m_jobs;
     std::map<const cmp_ipp_streamed_ctx*, std::unique_ptr<Stream>> m_streams;
-    int32_t m_nextJobId = 1;
+    int64_t m_nextJobId = 1;  // above INT32_MAX once the last id is given
     bool m_accepting = true;
     uint32_t m_identifyCount = 0;
     int64_t m_stateChangeMs;

@@ -76,6 +76,12 @@ cmp_ipp_attr resolutions(const char* name, const std::vector<int32_t>& dpi) {
     return a;
 }
 
+int32_t kOctets(uint64_t octets) {
+    // Without "+ 1023": a count near 2^64 would wrap to nothing.
+    const uint64_t k = octets / 1024 + (octets % 1024 != 0 ? 1 : 0);
+    return k > static_cast<uint64_t>(INT32_MAX) ? INT32_MAX : static_cast<int32_t>(k);
+}
+
 cmp_ipp_attr dateTime(const char* name, time_t when) {
     struct tm t;
     gmtime_r(&when, &t);

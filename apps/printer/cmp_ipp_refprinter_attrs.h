@@ -29,6 +29,9 @@ cmp_ipp_attr range(const char* name, int32_t lower, int32_t upper);
 // Resolutions in dots per inch.
 cmp_ipp_attr resolutions(const char* name, const std::vector<int32_t>& dpi);
 cmp_ipp_attr dateTime(const char* name, time_t when);
+// job-k-octets of a byte count: whole kilo-octets rounded up, at most INT32_MAX
+// (an integer attribute cannot say more).
+int32_t kOctets(uint64_t octets);
 cmp_ipp_attr octets(const char* name, const std::vector<std::string>& values);
 // An out-of-band value: no-value, unknown or unsupported.
 cmp_ipp_attr outOfBand(int16_t tag, const char* name);

@@ -930,12 +930,14 @@ void Operations::createJob(bool withDocument) {
     {
         std::lock_guard<std::mutex> lock(m_p.m_mutex);
         if (!m_p.m_accepting) return fail(kNotAccepting, "The printer is not accepting jobs.");
+        // Ids are never reused: jobs are kept, processed and pruned in id order.
+        if (m_p.m_nextJobId > INT32_MAX) return fail(kNotAccepting, "The printer has no job ids left.");
         const int64_t now = m_p.nowMs();
         m_p.advanceLocked(now);
         pruneLocked();
         std::unique_ptr<Printer::Job> owned(new Printer::Job());
         Printer::Job& job = *owned;
-        job.id = m_p.m_nextJobId++;
+        job.id = static_cast<int32_t>(m_p.m_nextJobId++);
         job.uuid =
             uuidFrom(m_p.m_config.uuid + "|" + std::to_string(m_p.m_startWall) + "|" + std::to_string(job.id));
         job.name = opText("job-name", documentName.empty() ? "Untitled" : documentName);

@@ -1,0 +1,194 @@
+// cmp-ipp-service: the IPP service without an HTTP front end. The IPP
+// dictionary is installed, the reference printer registered with the library
+// and the library's listener started on its Unix-domain socket; clients reach
+// it through a front end in another process (cmp-ipp-frontend --socket-dir),
+// which may run on another architecture. SIGINT or SIGTERM stops it.
+#include <getopt.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "cmp_ipp_app_setup.h"
+#include "cmp_ipp_dictionary.h"
+#include "cmp_ipp_refprinter.h"
+#include "httpd/cmp_ipp_httpd.h"
+#include "platform/cmp_dbglog.h"
+
+namespace {
+
+using namespace cmp_ipp_app;
+
+struct Options {
+    // Where clients reach the printer: the front end's host and port, which
+    // make the printer URI and every job URI.
+    std::string hostName = "localhost";
+    uint16_t port = 8631;
+    std::string spoolDir = "spool";
+    std::string socketDir;  // empty: $GEN_UNIX_PATH, else /tmp/, as the library and the front end
+    gid_t socketGroup = static_cast<gid_t>(-1);  // -1: the socket is for this user alone
+    std::string name = "Reference Printer";
+    int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
+    uint32_t processingMs = 2000;
+};
+
+// Emulated start-up (the service under qemu-user) is slow; a listener that is
+// not up by then is not coming.
+const int kListenerWaitMs = 30000;
+
+void usage(FILE* out, const char* argv0) {
+    fprintf(out,
+            "Usage: %s [options]\n"
+            "The IPP library with the reference printer on the library's Unix-domain socket,\n"
+            "for an HTTP front end in another process (cmp-ipp-frontend --socket-dir DIR).\n"
+            "Stop it with Ctrl-C (SIGINT) or SIGTERM.\n"
+            "  --host NAME        host name in the printer URI: where clients reach the front\n"
+            "                     end (default localhost)\n"
+            "  --port N           the front end's TCP port, for the printer URI (default 8631)\n"
+            "  --name TEXT        printer-name (default \"Reference Printer\")\n"
+            "  --spool DIR        where documents are written (default ./spool, created if missing)\n"
+            "  --socket-dir DIR   directory of the library's socket \"zyn_ipp_server\", created 0700\n"
+            "                     if missing (default: $GEN_UNIX_PATH, else /tmp/)\n"
+            "  --socket-group G   let group G (name or number) use the socket too: socket 0660,\n"
+            "                     a directory created here 0710, both of group G\n"
+            "  --trace-level N    library trace threshold (0 errors only ... 3 all; default\n"
+            "                     $CMP_IPP_TRACE_LEVEL, else 0)\n"
+            "  --processing-ms N  how long each job stays processing (default 2000)\n"
+            "  --help             this text\n",
+            argv0);
+}
+
+int parseArgs(int argc, char** argv, Options& o) {
+    static const struct option longOpts[] = {
+        {"host", required_argument, nullptr, 'H'},        {"port", required_argument, nullptr, 'p'},
+        {"name", required_argument, nullptr, 'n'},        {"spool", required_argument, nullptr, 'd'},
+        {"socket-dir", required_argument, nullptr, 's'},  {"socket-group", required_argument, nullptr, 'g'},
+        {"trace-level", required_argument, nullptr, 't'}, {"processing-ms", required_argument, nullptr, 'm'},
+        {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
+    };
+    int c;
+    long v = 0;
+    while ((c = getopt_long(argc, argv, "H:p:n:d:s:g:t:m:h", longOpts, nullptr)) != -1) {
+        switch (c) {
+        case 'H':
+            if (*optarg == '\0') {
+                fprintf(stderr, "%s: empty host name\n", argv[0]);
+                return 2;
+            }
+            o.hostName = optarg;
+            break;
+        case 'p':
+            // Unlike cmp-ipp-printer's, this port is only named, never bound: 0 means nothing.
+            if (!parseNumber(optarg, 1, 65535, &v)) {
+                fprintf(stderr, "%s: bad port: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.port = static_cast<uint16_t>(v);
+            break;
+        case 'n': o.name = optarg; break;
+        case 'd': o.spoolDir = optarg; break;
+        case 's': o.socketDir = optarg; break;
+        case 'g':
+            if (!parseGroup(optarg, &o.socketGroup)) {
+                fprintf(stderr, "%s: unknown group: %s\n", argv[0], optarg);
+                return 2;
+            }
+            break;
+        case 't':
+            if (!parseNumber(optarg, 0, 9, &v)) {
+                fprintf(stderr, "%s: bad trace level: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.traceLevel = static_cast<int>(v);
+            break;
+        case 'm':
+            if (!parseNumber(optarg, 0, 3600000, &v)) {
+                fprintf(stderr, "%s: bad processing time: %s\n", argv[0], optarg);
+                return 2;
+            }
+            o.processingMs = static_cast<uint32_t>(v);
+            break;
+        case 'h': usage(stdout, argv[0]); return 0;
+        default: usage(stderr, argv[0]); return 2;
+        }
+    }
+    if (optind < argc) {
+        usage(stderr, argv[0]);
+        return 2;
+    }
+    return -1;
+}
+
+// An IPv6 address as a URI host goes in brackets.
+std::string uriHost(const std::string& host) {
+    if (host.find(':') != std::string::npos && host.front() != '[') return "[" + host + "]";
+    return host;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options o;
+    const int parsed = parseArgs(argc, argv, o);
+    if (parsed >= 0) return parsed;
+
+    if (!prepareSpoolDir(argv[0], o.spoolDir)) return 1;
+    if (o.socketDir.empty()) {
+        const char* env = getenv("GEN_UNIX_PATH");
+        o.socketDir = env != nullptr && *env != '\0' ? env : "/tmp/";
+    }
+    bool created = false;
+    if (!prepareSocketDir(argv[0], &o.socketDir, o.socketGroup, &created)) return 1;
+    const std::string socketDir = withSlash(o.socketDir);
+    setenv("GEN_UNIX_PATH", socketDir.c_str(), 1);
+    const std::string socketPath = socketDir + "zyn_ipp_server";
+    if (o.traceLevel >= 0) orvane::cmp_dbglog_common::get_instance().set_level(o.traceLevel);
+    const bool grouped = o.socketGroup != static_cast<gid_t>(-1);
+    (void)pn_httpd_set_socket_group(grouped ? static_cast<int32_t>(o.socketGroup) : -1);
+
+    // Every thread started below inherits this mask, so only sigwait() sees the stop signals.
+    sigset_t stopSignals;
+    sigemptyset(&stopSignals);
+    sigaddset(&stopSignals, SIGINT);
+    sigaddset(&stopSignals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+    cmp_ipp_dictionary_install();
+    refprinter::Config config;
+    config.name = o.name;
+    config.spoolDir = o.spoolDir;
+    config.processingMs = o.processingMs;
+    const std::string uri = "ipp://" + uriHost(o.hostName) + ":" + std::to_string(o.port) + "/ipp/print";
+    config.uris = {uri};
+    refprinter::Printer printer(config);
+
+    int rc = 0;
+    if (!printer.start()) {
+        fprintf(stderr, "%s: the IPP service did not start\n", argv[0]);
+        rc = 1;
+    } else {
+        (void)httpd_start_wrap();
+        if (!waitForListener(socketPath, kListenerWaitMs)) {
+            fprintf(stderr, "%s: the IPP listener did not come up on %s\n", argv[0], socketPath.c_str());
+            rc = 1;
+        }
+    }
+    if (rc == 0) {
+        printf("Printer URI: %s\n", uri.c_str());
+        printf("Socket:      %s\n", socketPath.c_str());
+        printf("Spool:       %s\n", o.spoolDir.c_str());
+        fflush(stdout);
+        int sig = 0;
+        sigwait(&stopSignals, &sig);
+        fprintf(stderr, "%s: stopping (signal %d)\n", argv[0], sig);
+    }
+
+    // No new connections first, then the printer.
+    (void)httpd_stop_wrap();
+    printer.stop();
+    unlink(socketPath.c_str());
+    if (created) rmdir(o.socketDir.c_str());
+    return rc;
+}
