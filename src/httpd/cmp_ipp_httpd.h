@@ -227,6 +227,11 @@ void AHTTPD_closeSpooling(ahttpdReqObj* req);
 int32_t ahttpdTransmitHeader(ahttpdRspObj* rsp);
 int32_t ahttpdTransmitResponseHeader(ahttpdRspObj* rsp);
 int32_t AHTTPD_sendData(ahttpdRspObj* rsp);
+// The reply record (as ahttpdTransmitResponseHeader) and, when `sendBody` is
+// one of the two body senders below, the body with it in the same system call,
+// in pieces of at most 2048 bytes. Returns the record's result; the body's is
+// returned by the `sendBody` call that follows, which sends nothing again.
+int32_t ahttpdTransmitReply(ahttpdRspObj* rsp);
 int32_t transmit_response_body(ahttpdRspObj* rsp);
 int32_t transmit_response_body_frees(ahttpdRspObj* rsp);
 
