@@ -428,12 +428,21 @@ bool relay_connection::replay() {
     }
 }
 
-bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs) {
+bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs,
+                                   bool waitFirst) {
     *got = 0;
     int first = 0;
     int64_t lastProgress = nowMs();
     while (*got < minimum) {
         if (fd_ < 0) return false;
+        if (waitFirst) {
+            // Nothing can be there yet: wait before the first receive.
+            waitFirst = false;
+            struct pollfd pf = {fd_, POLLIN, 0};
+            while (poll(&pf, 1, kWaitSliceMs) == 0) {
+                if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
+            }
+        }
         while (first < count && parts[first].iov_len == 0) ++first;
         if (first == count) return false;
         struct msghdr m;
@@ -582,7 +591,9 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     out.body.reset(body);
     struct iovec parts[2] = {{replyRecord_.get(), recordSize}, {body, room}};
     size_t got = 0;
-    if (!readAtLeast(parts, 2, recordSize, &got, timeoutMs)) {
+    // The library has only just been asked: its answer is never there at once
+    // (measured: the receive before a wait was always in vain), so wait first.
+    if (!readAtLeast(parts, 2, recordSize, &got, timeoutMs, true)) {
         out.body.reset();
         return false;
     }
@@ -613,7 +624,7 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     if (have < length) {
         struct iovec rest = {body + have, length - have};
         size_t more = 0;
-        if (!readAtLeast(&rest, 1, length - have, &more, timeoutMs)) {
+        if (!readAtLeast(&rest, 1, length - have, &more, timeoutMs, false)) {
             out.body.reset();
             return false;
         }

@@ -156,8 +156,9 @@ private:
     // `block` and it holds bytes, and the end block when `end`.
     bool sendPending(bool block, bool end);
     // Receives into the parts until at least `minimum` bytes have come; *got
-    // says how many (at most the parts' room).
-    bool readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs);
+    // says how many (at most the parts' room). waitFirst: wait for the socket
+    // to become readable before the first receive.
+    bool readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs, bool waitFirst);
     bool flushBlock();
     // Reconnects and sends again what of the current request went out.
     bool replay();
