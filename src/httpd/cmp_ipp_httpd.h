@@ -217,6 +217,12 @@ void ahttpdCloseHandler(ahttpdRspObj* rsp);
 void ahttpdKillTask(ahttpdReqObj* req);
 void ahttpdCloseSocketConnection(int sock);
 void ahttpdFreeMemory(ahttpdReqObj* req);
+// What a connection task keeps beyond its records, on its own thread: that its
+// socket is non-blocking already, and its spool block from one request to the
+// next (released by ahttpdFreeMemory only back to the task). pn_httpd_task
+// begins it for its socket and ends it last, which releases the spool block.
+void ahttpdConnectionBegin(int16_t sock);
+void ahttpdConnectionEnd(void);
 
 // ---- receiving, spooling, sending ------------------------------------------------
 int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* dest, int32_t wanted, unsigned char* pushback,

@@ -299,9 +299,7 @@ extern "C" void pn_httpd_task(void* arg) {
     }
     std::memset(static_cast<void*>(rsp), 0, sizeof(ahttpdRspObj));
     std::memset(static_cast<void*>(req), 0, sizeof(ahttpdReqObj));
-    t_note = connection_note();
-    t_note.active = true;
-    t_note.sock = sock;
+    ahttpdConnectionBegin(sock);
 
     try {
         serveConnection(req, rsp, sock, connectionNumber, taskName);
@@ -316,9 +314,19 @@ extern "C" void pn_httpd_task(void* arg) {
     emwOSWOrgFreeMemPart(0, rsp);
     ahttpdFreeMemory(req);
     emwOSWOrgFreeMemPart(0, req);
+    ahttpdConnectionEnd();
+    decConnectionCount();
+}
+
+extern "C" void ahttpdConnectionBegin(int16_t sock) {
+    ahttpdConnectionEnd();
+    t_note.active = true;
+    t_note.sock = sock;
+}
+
+extern "C" void ahttpdConnectionEnd(void) {
     emwOSWOrgFreeMemPart(0, t_note.spool);
     t_note = connection_note();
-    decConnectionCount();
 }
 
 extern "C" int32_t AHTTPD_requestHandler(ahttpdReqObj* req, ahttpdRspObj* /*rsp*/) {
