@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <cstring>
 
 // Only the record layouts and constants are taken from the library's header;
@@ -582,14 +583,17 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     out.bodyLength = 0;
     if (!recordSent_) return false;  // the library has not been asked
     const size_t recordSize = AHTTPD_RSP_RECORD_SIZE;
-    if (!replyRecord_) replyRecord_.reset(new unsigned char[recordSize]);
+    // Only for this reply and never cleared (every byte is received into it):
+    // an idle connection holds no 30 KB for its next reply.
+    const std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[recordSize]);
+    if (!record) return false;
     // The record and the start of the body (usually all of it) in one receive.
     // +1: a zero-length malloc could legally return null.
     size_t room = bodyRoom_;
     unsigned char* body = static_cast<unsigned char*>(malloc(room + 1));
     if (body == nullptr) return false;
     out.body.reset(body);
-    struct iovec parts[2] = {{replyRecord_.get(), recordSize}, {body, room}};
+    struct iovec parts[2] = {{record.get(), recordSize}, {body, room}};
     size_t got = 0;
     // The library has only just been asked: its answer is never there at once
     // (measured: the receive before a wait was always in vain), so wait first.
@@ -597,8 +601,8 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
         out.body.reset();
         return false;
     }
-    decodeReplyRecord(replyRecord_.get(), out);
-    const int32_t declared = getInt32(replyRecord_.get(), offsetof(ahttpdRspObj, contentLength));
+    decodeReplyRecord(record.get(), out);
+    const int32_t declared = getInt32(record.get(), offsetof(ahttpdRspObj, contentLength));
     const size_t length = declared > 0 ? static_cast<size_t>(declared) : 0;
     size_t have = got - recordSize;
     // The library sends nothing beyond a reply; anything that came is not ours

@@ -177,7 +177,6 @@ private:
     std::string path_;
     std::vector<unsigned char> record_;  // the current request's record, kept for a replay
     record_slots slots_;                 // what record_ holds from the request before
-    std::unique_ptr<unsigned char[]> replyRecord_;
     size_t bodyRoom_ = 8192;             // reply body bytes taken with the record
     bool stray_ = false;                 // bytes came beyond a reply: not used again
     std::vector<unsigned char> block_;

@@ -177,6 +177,14 @@ void ensureNonBlocking(int16_t sock) {
     if (t_note.active && t_note.sock == sock) t_note.nonBlocking = true;
 }
 
+void releaseIdleSpool(const ahttpdReqObj* req) {
+    if (t_note.spool == nullptr || req->messageBody == t_note.spool) return;
+    emwOSWOrgFreeMemPart(0, t_note.spool);
+    t_note.spool = nullptr;
+    t_note.spoolSize = 0;
+    t_note.spoolDirty = 0;
+}
+
 // What of the request block did not arrive reads as a fresh block: zero, with
 // the connection mode 1 (close), as if the block had been cleared and its mode
 // set before the read. A block that arrives whole is not touched again, and
@@ -432,7 +440,13 @@ extern "C" void ahttpdKeepAliveListener(ahttpdRspObj* rsp) {
         // Readable without a hang-up is a request waiting: no further question.
         struct pollfd p = {sock, static_cast<short>(POLLIN | kPollHangUp), 0};
         const int r = poll(&p, 1, kKeepAlivePassMs);
-        if (r == 0) continue;
+        if (r == 0) {
+            // Idle for a whole pass: the spool block goes back to the allocator
+            // rather than being held by a connection that may stay quiet. One
+            // that is busy keeps it from request to request.
+            releaseIdleSpool(req);
+            continue;
+        }
         if (r < 0) {
             if (errno == EINTR) continue;
             break;

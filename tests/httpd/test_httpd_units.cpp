@@ -808,6 +808,33 @@ TEST(HttpSpool, ConnectionKeepsItsBlockAndBytesPastTheReceivedOnesReadAsZero) {
     EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
 }
 
+// A connection that is busy keeps its spool block through the keep-alive wait;
+// one that stays quiet for a whole pass gives it back.
+TEST(HttpSpool, IdleConnectionGivesItsBlockBack) {
+    const int32_t savedPasses = AHTTPD_getKeepAlivePasses();
+    AHTTPD_setKeepAlivePasses(10);
+    for (const int delayMs : {0, 150}) {
+        SCOPED_TRACE(delayMs);
+        Pair p;
+        const int32_t blocks = emwOSWTestOutstandingBlocks();
+        ahttpdConnectionBegin(p.req->sock);
+        ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+        AHTTPD_closeSpooling(p.req.get());
+        std::thread next([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+            EXPECT_TRUE(p.peerSendAll("r", 1));
+        });
+        if (delayMs == 0) next.join();
+        ahttpdKeepAliveListener(p.rsp.get());
+        if (next.joinable()) next.join();
+        EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + (delayMs == 0 ? 1 : 0));
+        ahttpdConnectionEnd();
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+    }
+    AHTTPD_setKeepAlivePasses(savedPasses);
+}
+
 // The keep-alive wait tells a request from a peer that has gone, however the
 // two come together.
 TEST(HttpKeepAlive, RequestWaitingOrPeerGone) {
