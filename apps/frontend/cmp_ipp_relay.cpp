@@ -335,7 +335,7 @@ relay_connection::send_result relay_connection::sendRaw(const struct iovec* part
     if (count > 4) return send_result::failed;
     std::memcpy(iov, parts, sizeof(struct iovec) * static_cast<size_t>(count));
     int first = 0;
-    int64_t lastProgress = nowMs();
+    int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
     for (;;) {
         while (first < count && iov[first].iov_len == 0) ++first;
         if (first == count) break;
@@ -354,11 +354,12 @@ relay_connection::send_result relay_connection::sendRaw(const struct iovec* part
                 n -= static_cast<ssize_t>(take);
                 if (iov[first].iov_len != 0) break;
             }
-            lastProgress = nowMs();
+            lastProgress = -1;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (lastProgress < 0) lastProgress = nowMs();
             if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_)
                 return send_result::failed;
             struct pollfd pf = {fd_, POLLOUT, 0};
@@ -433,12 +434,13 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
                                    bool waitFirst) {
     *got = 0;
     int first = 0;
-    int64_t lastProgress = nowMs();
+    int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
     while (*got < minimum) {
         if (fd_ < 0) return false;
         if (waitFirst) {
             // Nothing can be there yet: wait before the first receive.
             waitFirst = false;
+            lastProgress = nowMs();
             struct pollfd pf = {fd_, POLLIN, 0};
             while (poll(&pf, 1, kWaitSliceMs) == 0) {
                 if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
@@ -461,7 +463,7 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
                 n -= static_cast<ssize_t>(take);
                 if (parts[first].iov_len != 0) break;
             }
-            lastProgress = nowMs();
+            lastProgress = -1;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
@@ -471,12 +473,13 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
             // then closed has failed, and the request is not sent twice.
             if (n < 0) refused_ = true;
             if (refused_ && complete_ && replayable() && replay()) {
-                lastProgress = nowMs();
+                lastProgress = -1;
                 continue;
             }
             return false;
         }
         if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+        if (lastProgress < 0) lastProgress = nowMs();
         if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
         struct pollfd pf = {fd_, POLLIN, 0};
         (void)poll(&pf, 1, kWaitSliceMs);
@@ -635,8 +638,9 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     }
     out.bodyLength = length;
     // Room for the next reply on this connection: as much as this one took,
-    // and some more, within bounds.
-    bodyRoom_ = std::min<size_t>(std::max<size_t>(length + length / 8 + 512, 4096), 256 * 1024);
+    // and some more. Bounded, so that one long reply does not make every later
+    // one allocate a large block; a longer reply grows its block once.
+    bodyRoom_ = std::min<size_t>(std::max<size_t>(length + length / 8 + 512, 4096), 64 * 1024);
     return true;
 }
 
