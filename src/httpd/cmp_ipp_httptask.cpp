@@ -404,7 +404,7 @@ extern "C" void ahttpdErrorResponseHandler(ahttpdRspObj* rsp) {
             rsp->body = reinterpret_cast<unsigned char*>(const_cast<char*>(text));  // only read
             rsp->bodyLength = static_cast<int32_t>(std::strlen(text));
             rsp->sendBody = transmit_response_body;
-            if (ahttpdTransmitResponseHeader(rsp) == PRS_PRT_HTTP_RET_OK) (void)rsp->sendBody(rsp);
+            if (ahttpdTransmitReply(rsp) == PRS_PRT_HTTP_RET_OK) (void)rsp->sendBody(rsp);
             rsp->body = nullptr;
             rsp->bodyLength = 0;
         } else {
