@@ -53,6 +53,9 @@ struct connection_state {
         : relay(timeoutMs, stopping, connectRetryMs, trust), admissionId(id) {}
     relay_connection relay;
     uint64_t admissionId;
+    // The connection's own address, asked for once: it cannot change.
+    bool localKnown = false;
+    std::string localAddress;
 };
 
 struct request_state {
@@ -172,7 +175,8 @@ struct cmp_ipp_frontend::impl {
     void finish(connection_state* conn, request_state* st);
     void takeEarlyReply(connection_state* conn, request_state* st);
     MHD_Result respond(struct MHD_Connection* c, request_state* st);
-    relay_request buildRequest(struct MHD_Connection* c, const char* url, bool post, bool keepAlive);
+    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post,
+                               bool keepAlive);
     bool servedPath(const char* url) const;
 };
 
@@ -204,8 +208,8 @@ bool cmp_ipp_frontend::impl::servedPath(const char* url) const {
     return true;
 }
 
-relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, const char* url, bool post,
-                                                   bool keepAlive) {
+relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url,
+                                                   bool post, bool keepAlive) {
     relay_request req;
     req.method = post ? 2 : 0;
     req.connection = keepAlive ? 2 : 1;
@@ -237,15 +241,16 @@ relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, con
         const std::string zone = clientZone(ci->client_addr);
         if (!zone.empty()) candidates.push_back({CMP_IPP_IF_HDR_CLIENT_ZONE, zone});
     }
-    const union MHD_ConnectionInfo* fdi = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
-    if (fdi != nullptr) {
+    if (!conn->localKnown) {
+        const union MHD_ConnectionInfo* fdi = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
         struct sockaddr_storage local;
         socklen_t len = sizeof local;
-        if (getsockname(fdi->connect_fd, reinterpret_cast<struct sockaddr*>(&local), &len) == 0) {
-            const std::string addr = numericHost(reinterpret_cast<struct sockaddr*>(&local));
-            if (!addr.empty()) candidates.push_back({CMP_IPP_IF_HDR_LOCAL_ADDR, addr});
+        if (fdi != nullptr && getsockname(fdi->connect_fd, reinterpret_cast<struct sockaddr*>(&local), &len) == 0) {
+            conn->localAddress = numericHost(reinterpret_cast<struct sockaddr*>(&local));
+            conn->localKnown = true;
         }
     }
+    if (!conn->localAddress.empty()) candidates.push_back({CMP_IPP_IF_HDR_LOCAL_ADDR, conn->localAddress});
     req.headers = selectHeaders(candidates);
     return req;
 }
@@ -265,7 +270,7 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
 
     const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);
     st->keepAlive = std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 && !containsToken(connHeader, "close");
-    const relay_request req = buildRequest(c, url, st->post, st->keepAlive);
+    const relay_request req = buildRequest(c, conn, url, st->post, st->keepAlive);
 
     relay_connection& relay = conn->relay;
     const bool reused = relay.isOpen() && relay.reusable(opts.relayReuseMs);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <new>
 #include <cstring>
 
 // Only the record layouts and constants are taken from the library's header;
@@ -197,6 +198,40 @@ void encodeRequestRecord(const relay_request& req, unsigned char* out) {
     putInt16(out, offsetof(ahttpdReqObj, numHeaders), n);
 }
 
+void updateRequestRecord(const relay_request& req, unsigned char* out, record_slots& slots) {
+    if (!slots.primed) {
+        std::memset(out, 0, AHTTPD_REQ_BLOCK_SIZE);
+        slots = record_slots();
+        slots.primed = true;
+    }
+    putInt32(out, offsetof(ahttpdReqObj, method), req.method);
+    putInt32(out, offsetof(ahttpdReqObj, keepAliveLevel), req.keepAliveLevel);
+    putInt32(out, offsetof(ahttpdReqObj, connection), req.connection);
+    putInt32(out, offsetof(ahttpdReqObj, contentLength), req.contentLength);
+    putInt32(out, offsetof(ahttpdReqObj, chunked), req.chunked ? 1 : 0);
+    int16_t n = 0;
+    for (const relay_header& h : req.headers) {
+        if (n == AHTTPD_NUM_HEADER_FIELDS) break;
+        const size_t field = offsetof(ahttpdReqObj, headers) + static_cast<size_t>(n) * sizeof(ahttpdHeaderField);
+        putInt32(out, field + offsetof(ahttpdHeaderField, token), h.token);
+        unsigned char* text = out + field + offsetof(ahttpdHeaderField, value);
+        const size_t len = std::min(h.value.size(), static_cast<size_t>(AHTTPD_FIELD_TEXT_SIZE - 1));
+        std::memcpy(text, h.value.data(), len);
+        // Whatever of the older, longer text is left goes back to zero.
+        if (slots.length[n] > len) std::memset(text + len, 0, slots.length[n] - len);
+        slots.length[n] = static_cast<uint16_t>(len);
+        ++n;
+    }
+    for (int16_t i = n; i < slots.used; ++i) {
+        const size_t field = offsetof(ahttpdReqObj, headers) + static_cast<size_t>(i) * sizeof(ahttpdHeaderField);
+        putInt32(out, field + offsetof(ahttpdHeaderField, token), 0);
+        std::memset(out + field + offsetof(ahttpdHeaderField, value), 0, slots.length[i]);
+        slots.length[i] = 0;
+    }
+    slots.used = n;
+    putInt16(out, offsetof(ahttpdReqObj, numHeaders), n);
+}
+
 void decodeReplyRecord(const unsigned char* in, relay_reply& out) {
     out.status = getInt32(in, offsetof(ahttpdRspObj, status));
     out.connection = getInt32(in, offsetof(ahttpdRspObj, connection));
@@ -277,12 +312,13 @@ relay_connection::outcome relay_connection::connectTo(const std::string& path) {
         }
     }
     fd_ = fd;
+    stray_ = false;
     lastUseMs_ = nowMs();
     return outcome::ok;
 }
 
 bool relay_connection::reusable(int64_t idleLimitMs) const {
-    if (fd_ < 0 || nowMs() - lastUseMs_ > idleLimitMs) return false;
+    if (fd_ < 0 || stray_ || nowMs() - lastUseMs_ > idleLimitMs) return false;
     // Between requests the library sends nothing: anything readable is its close.
     struct pollfd p = {fd_, POLLIN, 0};
     return poll(&p, 1, 0) == 0;
@@ -295,11 +331,11 @@ void relay_connection::close() {
 }
 
 relay_connection::send_result relay_connection::sendRaw(const struct iovec* parts, int count) {
-    struct iovec iov[3];
-    if (count > 3) return send_result::failed;
+    struct iovec iov[4];
+    if (count > 4) return send_result::failed;
     std::memcpy(iov, parts, sizeof(struct iovec) * static_cast<size_t>(count));
     int first = 0;
-    int64_t lastProgress = nowMs();
+    int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
     for (;;) {
         while (first < count && iov[first].iov_len == 0) ++first;
         if (first == count) break;
@@ -318,11 +354,12 @@ relay_connection::send_result relay_connection::sendRaw(const struct iovec* part
                 n -= static_cast<ssize_t>(take);
                 if (iov[first].iov_len != 0) break;
             }
-            lastProgress = nowMs();
+            lastProgress = -1;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (lastProgress < 0) lastProgress = nowMs();
             if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_)
                 return send_result::failed;
             struct pollfd pf = {fd_, POLLOUT, 0};
@@ -373,6 +410,8 @@ bool relay_connection::replay() {
         const std::string path = path_;
         if (connectTo(path) != outcome::ok) return false;
         refused_ = false;
+        // The record had not gone: the parts being sent carry it.
+        if (!recordSent_) return true;
         int32_t length = lastBlockLength_;
         struct iovec parts[3] = {{record_.data(), record_.size()}, {&length, sizeof length}, {nullptr, 0}};
         int count = 1;
@@ -391,17 +430,40 @@ bool relay_connection::replay() {
     }
 }
 
-bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
-    unsigned char* p = static_cast<unsigned char*>(dest);
-    int64_t lastProgress = nowMs();
-    while (length > 0) {
+bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs,
+                                   bool waitFirst) {
+    *got = 0;
+    int first = 0;
+    int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
+    while (*got < minimum) {
         if (fd_ < 0) return false;
-        const ssize_t n = recv(fd_, p, length, MSG_DONTWAIT);
-        if (n > 0) {
-            p += n;
-            length -= static_cast<size_t>(n);
-            replyBytes_ += static_cast<size_t>(n);
+        if (waitFirst) {
+            // Nothing can be there yet: wait before the first receive.
+            waitFirst = false;
             lastProgress = nowMs();
+            struct pollfd pf = {fd_, POLLIN, 0};
+            while (poll(&pf, 1, kWaitSliceMs) == 0) {
+                if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
+            }
+        }
+        while (first < count && parts[first].iov_len == 0) ++first;
+        if (first == count) return false;
+        struct msghdr m;
+        std::memset(&m, 0, sizeof m);
+        m.msg_iov = parts + first;
+        m.msg_iovlen = static_cast<size_t>(count - first);
+        ssize_t n = recvmsg(fd_, &m, MSG_DONTWAIT);
+        if (n > 0) {
+            *got += static_cast<size_t>(n);
+            replyBytes_ += static_cast<size_t>(n);
+            for (; n > 0; ++first) {
+                const size_t take = std::min(static_cast<size_t>(n), parts[first].iov_len);
+                parts[first].iov_base = static_cast<unsigned char*>(parts[first].iov_base) + take;
+                parts[first].iov_len -= take;
+                n -= static_cast<ssize_t>(take);
+                if (parts[first].iov_len != 0) break;
+            }
+            lastProgress = -1;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
@@ -411,12 +473,13 @@ bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
             // then closed has failed, and the request is not sent twice.
             if (n < 0) refused_ = true;
             if (refused_ && complete_ && replayable() && replay()) {
-                lastProgress = nowMs();
+                lastProgress = -1;
                 continue;
             }
             return false;
         }
         if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
+        if (lastProgress < 0) lastProgress = nowMs();
         if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
         struct pollfd pf = {fd_, POLLIN, 0};
         (void)poll(&pf, 1, kWaitSliceMs);
@@ -426,14 +489,18 @@ bool relay_connection::readExact(void* dest, size_t length, int timeoutMs) {
 }
 
 bool relay_connection::sendRequest(const relay_request& req) {
-    record_.resize(AHTTPD_REQ_BLOCK_SIZE);  // allocated once per connection
-    encodeRequestRecord(req, record_.data());
+    if (record_.size() != static_cast<size_t>(AHTTPD_REQ_BLOCK_SIZE)) {
+        record_.resize(AHTTPD_REQ_BLOCK_SIZE);  // allocated once per connection
+        slots_ = record_slots();
+    }
+    updateRequestRecord(req, record_.data(), slots_);
     fill_ = 0;
     bodySent_ = 0;
     blocksSent_ = 0;
     blockIntact_ = false;
     lastBlockLength_ = 0;
     endSent_ = false;
+    recordSent_ = false;
     // Only a POST has a body; any other request is complete with its record.
     complete_ = req.method != AHTTPD_METHOD_POST;
     replyBytes_ = 0;
@@ -441,25 +508,45 @@ bool relay_connection::sendRequest(const relay_request& req) {
     replaysThisRequest_ = 0;
     replayDeadline_ = 0;
     replayBackoffMs_ = kFirstBackoffMs;
-    struct iovec record = {record_.data(), record_.size()};
-    const send_result r = sendRaw(&record, 1);
-    // A replay sends the record itself, so it must not be sent again here.
-    return r == send_result::sent || (r == send_result::refused && replay());
+    if (!complete_) {
+        // The record waits for the body; the part-block rule counts from here.
+        lastSentMs_ = nowMs();
+        return fd_ >= 0;
+    }
+    return sendPending(false, false);
 }
 
-bool relay_connection::flushBlock() {
-    if (fill_ == 0) return true;
+bool relay_connection::sendPending(bool block, bool end) {
+    struct iovec parts[4];
+    int count = 0;
+    if (!recordSent_) parts[count++] = {record_.data(), record_.size()};
     int32_t length = static_cast<int32_t>(fill_);
-    // Length word and data in one send where the socket takes it.
-    const struct iovec parts[2] = {{&length, sizeof length}, {block_.data(), fill_}};
-    if (!sendParts(parts, 2)) return false;
-    bodySent_ += fill_;
-    ++blocksSent_;
-    blockIntact_ = true;
-    lastBlockLength_ = length;
-    fill_ = 0;
+    const bool withBlock = block && fill_ > 0;
+    if (withBlock) {
+        // Length word and data in one send where the socket takes it.
+        parts[count++] = {&length, sizeof length};
+        parts[count++] = {block_.data(), fill_};
+    }
+    int32_t endWord = 0;
+    if (end) parts[count++] = {&endWord, sizeof endWord};
+    if (count == 0) return true;
+    if (!sendParts(parts, count)) return false;
+    recordSent_ = true;
+    if (withBlock) {
+        bodySent_ += fill_;
+        ++blocksSent_;
+        blockIntact_ = true;
+        lastBlockLength_ = length;
+        fill_ = 0;
+    }
+    if (end) {
+        endSent_ = true;
+        complete_ = true;
+    }
     return true;
 }
+
+bool relay_connection::flushBlock() { return fill_ == 0 || sendPending(true, false); }
 
 bool relay_connection::addBody(const unsigned char* data, size_t length) {
     while (length > 0) {
@@ -475,18 +562,11 @@ bool relay_connection::addBody(const unsigned char* data, size_t length) {
     return true;
 }
 
-bool relay_connection::endBody() {
-    if (!flushBlock()) return false;
-    int32_t end = 0;
-    const struct iovec e = {&end, sizeof end};
-    if (!sendParts(&e, 1)) return false;
-    endSent_ = true;
-    complete_ = true;
-    return true;
-}
+bool relay_connection::endBody() { return sendPending(true, true); }
 
 bool relay_connection::replyWaiting() {
-    if (fd_ < 0) return false;
+    // Nothing asked yet, nothing to answer: no need to look.
+    if (fd_ < 0 || !recordSent_) return false;
     struct pollfd p = {fd_, POLLIN, 0};
     if (poll(&p, 1, 0) <= 0) return false;
     if (replyBytes_ != 0) return true;
@@ -502,19 +582,65 @@ bool relay_connection::replyWaiting() {
 }
 
 bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
-    std::vector<unsigned char> record(AHTTPD_RSP_RECORD_SIZE);
-    if (!readExact(record.data(), record.size(), timeoutMs)) return false;
-    decodeReplyRecord(record.data(), out);
-    const int32_t length = getInt32(record.data(), offsetof(ahttpdRspObj, contentLength));
     out.body.reset();
     out.bodyLength = 0;
-    if (length <= 0) return true;
+    if (!recordSent_) return false;  // the library has not been asked
+    const size_t recordSize = AHTTPD_RSP_RECORD_SIZE;
+    // Only for this reply and never cleared (every byte is received into it):
+    // an idle connection holds no 30 KB for its next reply.
+    const std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[recordSize]);
+    if (!record) return false;
+    // The record and the start of the body (usually all of it) in one receive.
     // +1: a zero-length malloc could legally return null.
-    unsigned char* body = static_cast<unsigned char*>(malloc(static_cast<size_t>(length) + 1));
+    size_t room = bodyRoom_;
+    unsigned char* body = static_cast<unsigned char*>(malloc(room + 1));
     if (body == nullptr) return false;
     out.body.reset(body);
-    if (!readExact(body, static_cast<size_t>(length), timeoutMs)) return false;
-    out.bodyLength = static_cast<size_t>(length);
+    struct iovec parts[2] = {{record.get(), recordSize}, {body, room}};
+    size_t got = 0;
+    // The library has only just been asked: its answer is never there at once
+    // (measured: the receive before a wait was always in vain), so wait first.
+    if (!readAtLeast(parts, 2, recordSize, &got, timeoutMs, true)) {
+        out.body.reset();
+        return false;
+    }
+    decodeReplyRecord(record.get(), out);
+    const int32_t declared = getInt32(record.get(), offsetof(ahttpdRspObj, contentLength));
+    const size_t length = declared > 0 ? static_cast<size_t>(declared) : 0;
+    size_t have = got - recordSize;
+    // The library sends nothing beyond a reply; anything that came is not ours
+    // to read as the next reply.
+    if (have > length) {
+        stray_ = true;
+        have = length;
+    }
+    if (length == 0) {
+        out.body.reset();
+        return true;
+    }
+    if (length > room) {
+        unsigned char* grown = static_cast<unsigned char*>(realloc(body, length + 1));
+        if (grown == nullptr) {
+            out.body.reset();
+            return false;
+        }
+        (void)out.body.release();
+        out.body.reset(grown);
+        body = grown;
+    }
+    if (have < length) {
+        struct iovec rest = {body + have, length - have};
+        size_t more = 0;
+        if (!readAtLeast(&rest, 1, length - have, &more, timeoutMs, false)) {
+            out.body.reset();
+            return false;
+        }
+    }
+    out.bodyLength = length;
+    // Room for the next reply on this connection: as much as this one took,
+    // and some more. Bounded, so that one long reply does not make every later
+    // one allocate a large block; a longer reply grows its block once.
+    bodyRoom_ = std::min<size_t>(std::max<size_t>(length + length / 8 + 512, 4096), 64 * 1024);
     return true;
 }
 

@@ -65,6 +65,17 @@ std::string defaultSocketPath();
 
 // Writes the request record (the library's 30444-byte request block).
 void encodeRequestRecord(const relay_request& req, unsigned char* out);
+// What updateRequestRecord knows about a record it wrote before: how many
+// header fields were used and how many text bytes each one holds.
+struct record_slots {
+    bool primed = false;  // false: the buffer's content is unknown
+    int16_t used = 0;
+    uint16_t length[15] = {};
+};
+// Turns the record in `out` (last written through the same `slots`) into the
+// record of `req`: the bytes encodeRequestRecord would write, but only the
+// fixed fields and the header fields are touched, not the whole 30444 bytes.
+void updateRequestRecord(const relay_request& req, unsigned char* out, record_slots& slots);
 size_t requestRecordSize();
 size_t replyRecordSize();
 // Reads a reply record; headers beyond the record's count are ignored.
@@ -115,6 +126,9 @@ public:
     bool reusable(int64_t idleLimitMs) const;
     void close();
 
+    // A GET's record goes at once. A POST's record waits for its body and
+    // leaves with the first block (or with the end block when the whole body
+    // fits one block: record, block and end in one send).
     bool sendRequest(const relay_request& req);
     // Body bytes are coalesced into full 32768-byte blocks before they go out.
     // When the library has had nothing from us for two seconds, what has come
@@ -133,12 +147,18 @@ public:
 
 private:
     enum class send_result { sent, refused, failed };
-    // Sends the parts whole (at most 3); refused: the library closed without
+    // Sends the parts whole (at most 4); refused: the library closed without
     // taking them and without a reply.
     send_result sendRaw(const struct iovec* parts, int count);
     // As sendRaw, answering a refusal by a replay where possible.
     bool sendParts(const struct iovec* parts, int count);
-    bool readExact(void* dest, size_t length, int timeoutMs);
+    // Sends, in one go, the record if it has not gone yet, the block when
+    // `block` and it holds bytes, and the end block when `end`.
+    bool sendPending(bool block, bool end);
+    // Receives into the parts until at least `minimum` bytes have come; *got
+    // says how many (at most the parts' room). waitFirst: wait for the socket
+    // to become readable before the first receive.
+    bool readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs, bool waitFirst);
     bool flushBlock();
     // Reconnects and sends again what of the current request went out.
     bool replay();
@@ -156,6 +176,9 @@ private:
     uid_t untrustedUid_ = 0;
     std::string path_;
     std::vector<unsigned char> record_;  // the current request's record, kept for a replay
+    record_slots slots_;                 // what record_ holds from the request before
+    size_t bodyRoom_ = 8192;             // reply body bytes taken with the record
+    bool stray_ = false;                 // bytes came beyond a reply: not used again
     std::vector<unsigned char> block_;
     size_t fill_ = 0;
     size_t bodySent_ = 0;
@@ -165,6 +188,7 @@ private:
     bool blockIntact_ = false;
     int32_t lastBlockLength_ = 0;
     bool endSent_ = false;
+    bool recordSent_ = false;
     bool complete_ = false;  // nothing more of the request is to come
     size_t replyBytes_ = 0;
     unsigned replaysThisRequest_ = 0;

@@ -204,7 +204,9 @@ extern "C" int32_t IppRequest(ahttpdRspObj* rsp) {
 extern "C" int32_t AHTTPD_responseHandler(ahttpdReqObj* /*req*/, ahttpdRspObj* rsp) {
     const int32_t rc = IppRequest(rsp);
     if (rc != PRS_PRT_HTTP_RET_OK) return rc;
-    const int32_t sent = ahttpdTransmitResponseHeader(rsp);
+    // The record takes the body along where it can; sendBody then only reports
+    // how that went (and releases an owned body).
+    const int32_t sent = ahttpdTransmitReply(rsp);
     if (sent != PRS_PRT_HTTP_RET_OK) return sent;
     return rsp->sendBody != nullptr ? rsp->sendBody(rsp) : PRS_PRT_HTTP_RET_OK;
 }

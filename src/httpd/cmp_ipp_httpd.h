@@ -217,6 +217,12 @@ void ahttpdCloseHandler(ahttpdRspObj* rsp);
 void ahttpdKillTask(ahttpdReqObj* req);
 void ahttpdCloseSocketConnection(int sock);
 void ahttpdFreeMemory(ahttpdReqObj* req);
+// What a connection task keeps beyond its records, on its own thread: that its
+// socket is non-blocking already, and its spool block from one request to the
+// next (released by ahttpdFreeMemory only back to the task). pn_httpd_task
+// begins it for its socket and ends it last, which releases the spool block.
+void ahttpdConnectionBegin(int16_t sock);
+void ahttpdConnectionEnd(void);
 
 // ---- receiving, spooling, sending ------------------------------------------------
 int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* dest, int32_t wanted, unsigned char* pushback,
@@ -227,6 +233,11 @@ void AHTTPD_closeSpooling(ahttpdReqObj* req);
 int32_t ahttpdTransmitHeader(ahttpdRspObj* rsp);
 int32_t ahttpdTransmitResponseHeader(ahttpdRspObj* rsp);
 int32_t AHTTPD_sendData(ahttpdRspObj* rsp);
+// The reply record (as ahttpdTransmitResponseHeader) and, when `sendBody` is
+// one of the two body senders below, the body with it in the same system call,
+// in pieces of at most 2048 bytes. Returns the record's result; the body's is
+// returned by the `sendBody` call that follows, which sends nothing again.
+int32_t ahttpdTransmitReply(ahttpdRspObj* rsp);
 int32_t transmit_response_body(ahttpdRspObj* rsp);
 int32_t transmit_response_body_frees(ahttpdRspObj* rsp);
 

@@ -14,10 +14,12 @@
 #include <stdio.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 
 #include "containers/cmp_ipp_malloc.h"
@@ -55,9 +57,39 @@ const int kSendBackoffMs = 16;
 const int kKeepAlivePassMs = 50;
 const int kPauseBeforeCloseMs = 1000;
 const int kErrorCloseDelayMs = 50;
+const int kMaxReplyParts = 64;  // record and body pieces per send call
+#ifdef POLLRDHUP
+const short kPollHangUp = POLLRDHUP;  // the peer has shut down its sending side
+#else
+const short kPollHangUp = 0;
+#endif
 
 std::atomic<int32_t> g_receiveTimeout{30};
 std::atomic<int32_t> g_keepAlivePasses{200};
+
+// What a connection task knows about its socket and spool block beyond its
+// records, whose layout is fixed. One per task thread; outside a connection
+// task (`active` false) nothing is remembered and every call does the full work.
+struct connection_note {
+    bool active = false;
+    int16_t sock = 0;
+    bool nonBlocking = false;         // FIONBIO done on `sock`
+    unsigned char* spool = nullptr;   // the spool block, kept from request to request
+    int32_t spoolSize = 0;
+    int32_t spoolDirty = 0;           // bytes from the start of `spool` that may be nonzero
+};
+thread_local connection_note t_note;
+
+// A reply body that left together with its record: the body sender called
+// next for the same reply reports that result instead of sending again.
+struct sent_body_note {
+    const ahttpdRspObj* rsp = nullptr;
+    const unsigned char* body = nullptr;
+    int32_t length = 0;
+    int32_t result = 0;
+    int error = 0;
+};
+thread_local sent_body_note t_sentBody;
 
 int64_t nowMs() {
     struct timespec ts;
@@ -132,6 +164,44 @@ bool sendAll(int16_t sock, const unsigned char* data, size_t length) {
     return true;
 }
 
+// Non-blocking from the first reply body on. The task notes it, so that the
+// switch costs one system call per connection rather than one per reply.
+void ensureNonBlocking(int16_t sock) {
+    if (t_note.active && t_note.sock == sock && t_note.nonBlocking) return;
+    int on = 1;
+    if (ioctl(sock, FIONBIO, &on) != 0) {
+        tracer(0, "[ERROR ]:cmp_ipp_httptask::%s(%d): ioctl() failed in AHTTPD_sendData().\n", "AHTTPD_sendData",
+               1372);
+        return;
+    }
+    if (t_note.active && t_note.sock == sock) t_note.nonBlocking = true;
+}
+
+void releaseIdleSpool(const ahttpdReqObj* req) {
+    if (t_note.spool == nullptr || req->messageBody == t_note.spool) return;
+    emwOSWOrgFreeMemPart(0, t_note.spool);
+    t_note.spool = nullptr;
+    t_note.spoolSize = 0;
+    t_note.spoolDirty = 0;
+}
+
+// What of the request block did not arrive reads as a fresh block: zero, with
+// the connection mode 1 (close), as if the block had been cleared and its mode
+// set before the read. A block that arrives whole is not touched again, and
+// one that arrives only in part never mixes with the previous request's fields.
+void clearUnreceived(ahttpdReqObj* req, int32_t got) {
+    unsigned char* block = reinterpret_cast<unsigned char*>(req);
+    if (got >= AHTTPD_REQ_BLOCK_SIZE) return;
+    if (got < 0) got = 0;
+    std::memset(block + got, 0, static_cast<size_t>(AHTTPD_REQ_BLOCK_SIZE - got));
+    const size_t at = offsetof(ahttpdReqObj, connection);
+    const int32_t mode = AHTTPD_CONN_CLOSE;
+    if (static_cast<size_t>(got) < at + sizeof mode) {
+        const size_t from = static_cast<size_t>(got) > at ? static_cast<size_t>(got) - at : 0;
+        std::memcpy(block + at + from, reinterpret_cast<const unsigned char*>(&mode) + from, sizeof mode - from);
+    }
+}
+
 void serveConnection(ahttpdReqObj* req, ahttpdRspObj* rsp, int16_t sock, int32_t connectionNumber,
                      const char* taskName) {
     for (bool first = true;; first = false) {
@@ -139,8 +209,7 @@ void serveConnection(ahttpdReqObj* req, ahttpdRspObj* rsp, int16_t sock, int32_t
         // may already belong to another connection. A stop ends the connection
         // between requests.
         if (!first && (req->sock <= 0 || g_pn_httpd_shutdown.load() != 0)) return;
-        // A block that arrives only in part never mixes with the previous request's fields.
-        std::memset(static_cast<void*>(req), 0, AHTTPD_REQ_BLOCK_SIZE);
+        // The request block itself is cleared by the read, as far as it did not arrive.
         req->sock = sock;
         req->connectionId = connectionNumber;
         req->returnCode = 0;
@@ -238,6 +307,7 @@ extern "C" void pn_httpd_task(void* arg) {
     }
     std::memset(static_cast<void*>(rsp), 0, sizeof(ahttpdRspObj));
     std::memset(static_cast<void*>(req), 0, sizeof(ahttpdReqObj));
+    ahttpdConnectionBegin(sock);
 
     try {
         serveConnection(req, rsp, sock, connectionNumber, taskName);
@@ -252,7 +322,19 @@ extern "C" void pn_httpd_task(void* arg) {
     emwOSWOrgFreeMemPart(0, rsp);
     ahttpdFreeMemory(req);
     emwOSWOrgFreeMemPart(0, req);
+    ahttpdConnectionEnd();
     decConnectionCount();
+}
+
+extern "C" void ahttpdConnectionBegin(int16_t sock) {
+    ahttpdConnectionEnd();
+    t_note.active = true;
+    t_note.sock = sock;
+}
+
+extern "C" void ahttpdConnectionEnd(void) {
+    emwOSWOrgFreeMemPart(0, t_note.spool);
+    t_note = connection_note();
 }
 
 extern "C" int32_t AHTTPD_requestHandler(ahttpdReqObj* req, ahttpdRspObj* /*rsp*/) {
@@ -260,17 +342,26 @@ extern "C" int32_t AHTTPD_requestHandler(ahttpdReqObj* req, ahttpdRspObj* /*rsp*
     unsigned char pushback = 0;
     unsigned char* block = reinterpret_cast<unsigned char*>(req);
     int32_t got = 0;
+    int32_t failed = PRS_PRT_HTTP_RET_OK;
     for (int32_t calls = 1; got < AHTTPD_REQ_BLOCK_SIZE && calls <= kRequestBlockCalls; ++calls) {
         const int32_t n = ahttpdSoread(req, req->sock, block + got, AHTTPD_REQ_BLOCK_SIZE - got, &pushback,
                                        g_receiveTimeout.load());
-        if (n < 0) return n;
+        if (n < 0) {
+            failed = n;
+            break;
+        }
         if (n == 0) {
-            if (calls == kRequestBlockCalls) return PRS_PRT_HTTP_RET_408_TIMEOUT;
+            if (calls == kRequestBlockCalls) {
+                failed = PRS_PRT_HTTP_RET_408_TIMEOUT;
+                break;
+            }
             sched_yield();
             continue;
         }
         got += n;
     }
+    clearUnreceived(req, got);
+    if (failed != PRS_PRT_HTTP_RET_OK) return failed;
 
     (void)IppRequest_ReqCk(req);
 
@@ -313,7 +404,7 @@ extern "C" void ahttpdErrorResponseHandler(ahttpdRspObj* rsp) {
             rsp->body = reinterpret_cast<unsigned char*>(const_cast<char*>(text));  // only read
             rsp->bodyLength = static_cast<int32_t>(std::strlen(text));
             rsp->sendBody = transmit_response_body;
-            if (ahttpdTransmitResponseHeader(rsp) == PRS_PRT_HTTP_RET_OK) (void)rsp->sendBody(rsp);
+            if (ahttpdTransmitReply(rsp) == PRS_PRT_HTTP_RET_OK) (void)rsp->sendBody(rsp);
             rsp->body = nullptr;
             rsp->bodyLength = 0;
         } else {
@@ -345,20 +436,38 @@ extern "C" void ahttpdKeepAliveListener(ahttpdRspObj* rsp) {
     for (int32_t pass = 0; pass < passes; ++pass) {
         const int16_t sock = req->sock;
         if (sock <= 0 || g_pn_httpd_shutdown.load() != 0) break;
-        int waiting = 0;
-        if (ioctl(sock, FIONREAD, &waiting) != 0) break;
-        // Never block in the peek: an idle peer must not hold the task beyond the wait.
-        unsigned char probe;
-        const ssize_t n = recv(sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT);
-        if (n == 0) break;  // the peer closed
-        if (n < 0 && errno == ECONNRESET) break;
-        if (waiting > 0 || n > 0) {
+        // Up to 50 ms per pass, but a request that arrives is taken at once.
+        // Readable without a hang-up is a request waiting: no further question.
+        struct pollfd p = {sock, static_cast<short>(POLLIN | kPollHangUp), 0};
+        const int r = poll(&p, 1, kKeepAlivePassMs);
+        if (r == 0) {
+            // Idle for a whole pass: the spool block goes back to the allocator
+            // rather than being held by a connection that may stay quiet. One
+            // that is busy keeps it from request to request.
+            releaseIdleSpool(req);
+            continue;
+        }
+        if (r < 0) {
+            if (errno == EINTR) continue;
+            break;
+        }
+        if (kPollHangUp != 0 && p.revents == POLLIN) {
             req->returnCode = PRS_PRT_HTTP_RET_KEEP_ALIVE;
             return;
         }
-        // Up to 50 ms per pass, but a request that arrives is taken at once.
-        struct pollfd p = {sock, POLLIN, 0};
-        (void)poll(&p, 1, kKeepAlivePassMs);
+        if ((p.revents & POLLNVAL) != 0) break;  // not a socket any more
+        // A hang-up or an error: the peek tells a request still waiting from a
+        // peer that has gone. Never block in it.
+        unsigned char probe;
+        const ssize_t n = recv(sock, &probe, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n > 0) {
+            req->returnCode = PRS_PRT_HTTP_RET_KEEP_ALIVE;
+            return;
+        }
+        if (n == 0) break;  // the peer closed
+        if (n < 0 && errno == ECONNRESET) break;
+        if (n < 0 && errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR)
+            IPP_ThreadDelay(kKeepAlivePassMs);  // a lasting error: one pass, not a spin
     }
     ahttpdKillTask(req);
 }
@@ -396,7 +505,8 @@ extern "C" void ahttpdCloseSocketConnection(int sock) {
 
 extern "C" void ahttpdFreeMemory(ahttpdReqObj* req) {
     if (req == nullptr || req->messageBody == nullptr) return;
-    emwOSWOrgFreeMemPart(0, req->messageBody);
+    // The connection's spool block stays with the task for its next request.
+    if (req->messageBody != t_note.spool) emwOSWOrgFreeMemPart(0, req->messageBody);
     req->messageBody = nullptr;
 }
 
@@ -416,18 +526,33 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
         fromPushback = 1;
     }
 
-    // A monotonic clock: a change of the wall clock neither stretches nor cuts the wait.
-    const int64_t deadline = nowMs() + static_cast<int64_t>(timeoutSeconds) * 1000;
+    // The bytes are usually there already: one receive that does not wait, and
+    // a wait only when it would block. The deadline (monotonic, so a change of
+    // the wall clock neither stretches nor cuts the wait) is taken with the first wait.
+    int64_t deadline = INT64_MIN;
+    const auto deadlineMs = [&]() {
+        if (deadline == INT64_MIN) deadline = nowMs() + static_cast<int64_t>(timeoutSeconds) * 1000;
+        return deadline;
+    };
     int32_t pending = 0;
     int32_t retryCount = 0;
+    bool woke = false;  // the last wait found the socket readable
     for (;;) {
-        bool readable = false;
-        int waiting = 0;
-        if (ioctl(sock, FIONREAD, &waiting) == 0 && waiting > 0) {
-            readable = true;
-        } else {
+        errno = 0;
+        const ssize_t n = recv(sock, dest, static_cast<size_t>(wanted), MSG_DONTWAIT);
+        const bool afterWake = woke;
+        woke = false;
+        if (n > 0) return static_cast<int32_t>(n) + fromPushback;
+        if (n == 0) {
+            if (endOfDataReported(n)) return PRS_PRT_HTTP_RET_END_OF_DATA;
+            int waiting = 0;
+            if (ioctl(sock, FIONREAD, &waiting) != 0 || waiting <= 0) {
+                closeFromReceive(req, sock);
+                return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+            }
+        } else if ((errno == EAGAIN || errno == EWOULDBLOCK) && !(afterWake && nowMs() >= deadlineMs())) {
             pending = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
-            int64_t left = deadline - nowMs();
+            int64_t left = deadlineMs() - nowMs();
             if (left < 0) left = 0;
             struct pollfd p = {sock, POLLIN | POLLPRI, 0};
             const int r = poll(&p, 1, static_cast<int>(left));
@@ -438,6 +563,7 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
                 return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
             }
             if (r == 0) {
+                int waiting = 0;
                 if (ioctl(sock, FIONREAD, &waiting) != 0) {
                     tracer(0,
                            "[ERROR ]:cmp_ipp_httptask::%s(%d): select() failed errno=%d HTTPReturn SocketFailure(%d).\n",
@@ -448,33 +574,20 @@ extern "C" int32_t ahttpdSoread(ahttpdReqObj* req, int16_t sock, unsigned char* 
                     tracer(0, "[ERROR ]:cmp_ipp_httptask::%s(%d): ahttpdSoread: TIMEOUT.\n", "ahttpdSoread", 1173);
                     return PRS_PRT_HTTP_RET_408_TIMEOUT;
                 }
-                readable = true;
-            } else if ((p.revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0) {
-                readable = true;
-            } else {
-                sched_yield();
-                ++retryCount;
+                continue;  // bytes came with the time-out: receive them
             }
+            if ((p.revents & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0) {
+                woke = true;
+                continue;
+            }
+            sched_yield();
+            ++retryCount;
+        } else if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+            closeFromReceive(req, sock);
+            return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
         }
 
-        if (readable) {
-            errno = 0;
-            const ssize_t n = recv(sock, dest, static_cast<size_t>(wanted), 0);
-            if (n > 0) return static_cast<int32_t>(n) + fromPushback;
-            if (n < 0 && errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
-                closeFromReceive(req, sock);
-                return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
-            }
-            if (n == 0) {
-                if (endOfDataReported(n)) return PRS_PRT_HTTP_RET_END_OF_DATA;
-                if (ioctl(sock, FIONREAD, &waiting) != 0 || waiting <= 0) {
-                    closeFromReceive(req, sock);
-                    return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
-                }
-            }
-        }
-
-        if (nowMs() >= deadline) {
+        if (nowMs() >= deadlineMs()) {
             if (pending != 0) return pending;
             tracer(0, "[ERROR ]:cmp_ipp_httptask::%s(%d): timeout, retryCount = %d.\n", "ahttpdSoread", 1214,
                    retryCount);
@@ -487,8 +600,20 @@ extern "C" int32_t AHTTPD_spoolPostedData(ahttpdReqObj* req, int32_t size) {
     if (req == nullptr) return PRS_PRT_HTTP_RET_500_INTERNAL;
     ahttpdFreeMemory(req);
     if (size <= 0) return PRS_PRT_HTTP_RET_500_INTERNAL;
-    req->messageBody = static_cast<unsigned char*>(emwOSWSubAllocMem(static_cast<uint32_t>(size)));
-    if (req->messageBody == nullptr) return PRS_PRT_HTTP_RET_500_INTERNAL;
+    if (t_note.active && t_note.spool != nullptr && t_note.spoolSize == size) {
+        // The connection's block from its previous request: no allocation, and
+        // only what that request left in it is cleared when the next block comes.
+        req->messageBody = t_note.spool;
+    } else {
+        req->messageBody = static_cast<unsigned char*>(emwOSWSubAllocMem(static_cast<uint32_t>(size)));
+        if (req->messageBody == nullptr) return PRS_PRT_HTTP_RET_500_INTERNAL;
+        if (t_note.active) {
+            emwOSWOrgFreeMemPart(0, t_note.spool);
+            t_note.spool = req->messageBody;
+            t_note.spoolSize = size;
+            t_note.spoolDirty = size;  // fresh memory: anything may be in it
+        }
+    }
     req->spoolSize = size;
     req->spooling = 1;
     return PRS_PRT_HTTP_RET_OK;
@@ -503,26 +628,39 @@ extern "C" int32_t AHTTPD_getSpooledData(ahttpdReqObj* req, int32_t count, int32
     // 0 attempts: up to 3 receives, done after the first that delivers bytes.
     const bool firstDelivery = attempts == 0;
     if (firstDelivery) attempts = 3;
-    std::memset(req->messageBody, 0, static_cast<size_t>(req->spoolSize));
+    // Bytes past those received read as zero. The connection's own spool block
+    // knows how far earlier blocks wrote: only that part is cleared, after the
+    // read, and a full block clears nothing. Any other buffer is cleared whole.
+    const bool tracked = req->messageBody == t_note.spool;
+    if (!tracked) std::memset(req->messageBody, 0, static_cast<size_t>(req->spoolSize));
+    const auto done = [&](int32_t rc) {
+        if (tracked) {
+            if (t_note.spoolDirty > *got)
+                std::memset(req->messageBody + *got, 0, static_cast<size_t>(t_note.spoolDirty - *got));
+            // A caller may read the rest of a short block on into the buffer.
+            t_note.spoolDirty = rc >= 0 && *got < count ? count : *got;
+        }
+        return rc;
+    };
     unsigned char pushback = 0;
     for (int32_t attempt = 1; attempt <= attempts && *got < count; ++attempt) {
         const int32_t n = ahttpdSoread(req, req->sock, req->messageBody + *got, count - *got, &pushback,
                                        g_receiveTimeout.load());
-        if (n == PRS_PRT_HTTP_RET_END_OF_DATA && req->chunked != 0) return PRS_PRT_HTTP_RET_END_OF_DATA;
+        if (n == PRS_PRT_HTTP_RET_END_OF_DATA && req->chunked != 0) return done(PRS_PRT_HTTP_RET_END_OF_DATA);
         if (n < 0) {
             tracer(0, "[ERROR]:cmp_ipp_httptask::%s(%d): ahttpdSoread() failed (httptask) rc=%d.\n",
                    "AHTTPD_getSpooledData", 1291, n);
-            return n;
+            return done(n);
         }
         if (n == 0) {
-            if (attempt == attempts) return PRS_PRT_HTTP_RET_408_TIMEOUT;
+            if (attempt == attempts) return done(PRS_PRT_HTTP_RET_408_TIMEOUT);
             sched_yield();
             continue;
         }
         *got += n;
         if (firstDelivery) break;
     }
-    return PRS_PRT_HTTP_RET_OK;
+    return done(PRS_PRT_HTTP_RET_OK);
 }
 
 extern "C" void AHTTPD_closeSpooling(ahttpdReqObj* req) {
@@ -554,11 +692,17 @@ extern "C" int32_t ahttpdTransmitResponseHeader(ahttpdRspObj* rsp) {
 }
 
 extern "C" int32_t AHTTPD_sendData(ahttpdRspObj* rsp) {
+    if (rsp != nullptr && t_sentBody.rsp == rsp) {
+        // The body already left with its record (ahttpdTransmitReply).
+        const sent_body_note note = t_sentBody;
+        t_sentBody = sent_body_note();
+        if (note.body == rsp->body && note.length == rsp->bodyLength) {
+            errno = note.error;
+            return note.result;
+        }
+    }
     if (rsp == nullptr || rsp->sock <= 0) return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
-    int on = 1;
-    if (ioctl(rsp->sock, FIONBIO, &on) != 0)
-        tracer(0, "[ERROR ]:cmp_ipp_httptask::%s(%d): ioctl() failed in AHTTPD_sendData().\n", "AHTTPD_sendData",
-               1372);
+    ensureNonBlocking(rsp->sock);
     if (rsp->bodyLength <= 0) return PRS_PRT_HTTP_RET_OK;
     if (rsp->body == nullptr) return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
     int32_t sent = 0;
@@ -583,5 +727,91 @@ extern "C" int32_t AHTTPD_sendData(ahttpdRspObj* rsp) {
                1398);
         return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
     }
+    return PRS_PRT_HTTP_RET_OK;
+}
+
+// The reply record and the body leave together: one system call where the
+// socket takes it all, instead of one for the record and one per piece. The
+// body is still laid out in pieces of at most 2048 bytes (one iovec each), and
+// everything after a partial send resumes on that grid. The rules of the two
+// separate steps hold: the record is completed while the reader makes progress
+// (waiting for room), the body backs off 16 ms at a time, and either gives up
+// after a receive time-out without progress.
+extern "C" int32_t ahttpdTransmitReply(ahttpdRspObj* rsp) {
+    if (rsp == nullptr || rsp->reqObj == nullptr) return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+    const bool sendsBody = rsp->body != nullptr && rsp->bodyLength > 0 &&
+                           (rsp->sendBody == transmit_response_body || rsp->sendBody == transmit_response_body_frees);
+    if (!sendsBody || rsp->sock <= 0) return ahttpdTransmitResponseHeader(rsp);
+    rsp->status = rsp->reqObj->returnCode;
+    rsp->connection = rsp->reqObj->connection;
+    rsp->contentLength = rsp->bodyLength;
+    const int16_t sock = rsp->sock;
+    ensureNonBlocking(sock);
+
+    const size_t record = AHTTPD_RSP_RECORD_SIZE;
+    const size_t total = record + static_cast<size_t>(rsp->bodyLength);
+    const unsigned char* recordBytes = reinterpret_cast<const unsigned char*>(rsp);
+    size_t sent = 0;
+    bool progressed = true;
+    int64_t lastProgress = 0;
+    while (sent < total) {
+        // The parts from `sent` on: the rest of the record, then the body on its
+        // grid of pieces (the first one possibly cut by a partial send).
+        struct iovec parts[kMaxReplyParts];
+        int count = 0;
+        size_t at = sent;
+        if (at < record) {
+            parts[count++] = {const_cast<unsigned char*>(recordBytes + at), record - at};
+            at = record;
+        }
+        while (at < total && count < kMaxReplyParts) {
+            const size_t inBody = at - record;
+            const size_t pieceEnd = (inBody / kSendPiece + 1) * kSendPiece;
+            const size_t end = pieceEnd < total - record ? pieceEnd : total - record;
+            parts[count++] = {rsp->body + inBody, end - inBody};
+            at = record + end;
+        }
+        struct msghdr m;
+        std::memset(&m, 0, sizeof m);
+        m.msg_iov = parts;
+        m.msg_iovlen = static_cast<size_t>(count);
+        const ssize_t n = sendmsg(sock, &m, MSG_NOSIGNAL);
+        if (n > 0) {
+            const bool recordWas = sent < record;
+            sent += static_cast<size_t>(n);
+            if (recordWas && sent >= record) {
+                // As ahttpdTransmitResponseHeader after a whole record.
+                rsp->numHeaders = 0;
+                rsp->headerSent = 1;
+            }
+            progressed = true;
+            continue;
+        }
+        const int error = errno;
+        if (n < 0 && error == EINTR) continue;
+        if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
+            const int64_t now = nowMs();
+            if (progressed) lastProgress = now;
+            progressed = false;
+            const int64_t left = static_cast<int64_t>(g_receiveTimeout.load()) * 1000 - (now - lastProgress);
+            if (left > 0) {
+                if (sent < record) {
+                    struct pollfd p = {sock, POLLOUT, 0};
+                    (void)poll(&p, 1, static_cast<int>(left));
+                } else {
+                    IPP_ThreadDelay(kSendBackoffMs);
+                }
+                continue;
+            }
+        }
+        // The record did not go whole: a header failure, and no body was sent.
+        if (sent < record) return PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+        tracer(0, "[ERROR ]:cmp_ipp_httptask::%s(%d): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n", "AHTTPD_sendData",
+               1398);
+        t_sentBody = {rsp, rsp->body, rsp->bodyLength, PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE, error};
+        errno = error;
+        return PRS_PRT_HTTP_RET_OK;
+    }
+    t_sentBody = {rsp, rsp->body, rsp->bodyLength, PRS_PRT_HTTP_RET_OK, 0};
     return PRS_PRT_HTTP_RET_OK;
 }

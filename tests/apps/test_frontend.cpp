@@ -245,6 +245,226 @@ TEST(FrontendRelay, RefusedRequestIsSentAgainWholeAndOnce) {
     rmdir(dir);
 }
 
+// The record kept per connection and updated in place is, request after
+// request, the record a fresh encoding gives: more and fewer fields, longer and
+// shorter texts, texts too long for a field, more fields than a record holds.
+TEST(FrontendRelay, RecordUpdatedInPlaceEqualsAFreshEncoding) {
+    auto request = [](int32_t method, int32_t connection, std::vector<relay_header> headers) {
+        relay_request r;
+        r.method = method;
+        r.connection = connection;
+        r.keepAliveLevel = connection == 2 ? 1 : 0;
+        r.contentLength = method == AHTTPD_METHOD_POST ? 321 : 0;
+        r.chunked = connection == 1;
+        r.headers = std::move(headers);
+        return r;
+    };
+    std::vector<relay_header> many;
+    for (int32_t t = 1; t <= 17; ++t) many.push_back({t, std::string(static_cast<size_t>(t) * 3, 'a' + t % 26)});
+    const std::string nul("ab\0cd", 5);
+    const relay_request steps[] = {
+        request(AHTTPD_METHOD_POST, 2, {{3, "localhost:631"}, {5, "application/ipp"}, {26, "/ipp/print"}}),
+        request(AHTTPD_METHOD_GET, 1, {{3, "h"}, {5, std::string(AHTTPD_FIELD_TEXT_SIZE + 40, 'L')}}),
+        request(AHTTPD_METHOD_POST, 2, many),
+        request(AHTTPD_METHOD_POST, 2, {{21, "Basic dXNlcjpwYXNz"}}),
+        request(AHTTPD_METHOD_GET, 2, {}),
+        request(AHTTPD_METHOD_GET, 2, {{9, nul}, {3, std::string(2023, 'x')}}),
+        request(AHTTPD_METHOD_POST, 1, {{9, "z"}, {3, "y"}}),
+    };
+    std::vector<unsigned char> kept(AHTTPD_REQ_BLOCK_SIZE, 0xEE);  // unknown content at first
+    std::vector<unsigned char> fresh(AHTTPD_REQ_BLOCK_SIZE);
+    record_slots slots;
+    for (size_t i = 0; i < sizeof steps / sizeof steps[0]; ++i) {
+        SCOPED_TRACE(i);
+        updateRequestRecord(steps[i], kept.data(), slots);
+        std::fill(fresh.begin(), fresh.end(), 0x55);
+        encodeRequestRecord(steps[i], fresh.data());
+        EXPECT_TRUE(kept == fresh);
+    }
+}
+
+// A stand-in library: reads each request whole (the record, and for a POST the
+// blocks up to the end block), keeps its bytes, and answers with a reply record
+// and body sent in the given number of pieces, plus any bytes it is told to
+// add beyond the reply.
+class FakeLibrary {
+public:
+    struct Answer {
+        int32_t length = 0;
+        int pieces = 1;
+        size_t extra = 0;
+    };
+    explicit FakeLibrary(std::vector<Answer> answers) : answers_(std::move(answers)) {
+        char dir[] = "/tmp/cmp_ipp_relay_XXXXXX";
+        EXPECT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+        path = dir_ + "/sock";
+        listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        struct sockaddr_un a;
+        std::memset(&a, 0, sizeof a);
+        a.sun_family = AF_UNIX;
+        std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<struct sockaddr*>(&a), sizeof a), 0);
+        EXPECT_EQ(listen(listener_, 5), 0);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~FakeLibrary() {
+        shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        close(listener_);
+        unlink(path.c_str());
+        rmdir(dir_.c_str());
+    }
+    static std::string replyBody(int32_t length) {
+        std::string b(static_cast<size_t>(length), '\0');
+        for (size_t i = 0; i < b.size(); ++i) b[i] = static_cast<char>('A' + i % 23);
+        return b;
+    }
+    std::string path;
+    std::vector<std::string> requests;  // as received, one per answer
+
+private:
+    bool readAll(int c, void* p, size_t n, std::string& into) {
+        unsigned char* d = static_cast<unsigned char*>(p);
+        while (n > 0) {
+            const ssize_t k = recv(c, d, n, 0);
+            if (k <= 0) return false;
+            into.append(reinterpret_cast<char*>(d), static_cast<size_t>(k));
+            d += k;
+            n -= static_cast<size_t>(k);
+        }
+        return true;
+    }
+    void serve() {
+        const int c = accept(listener_, nullptr, nullptr);
+        if (c < 0) return;
+        std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
+        std::vector<unsigned char> block(AHTTPD_SPOOL_SIZE);
+        for (const Answer& a : answers_) {
+            std::string got;
+            if (!readAll(c, record.data(), record.size(), got)) break;
+            int32_t method;
+            std::memcpy(&method, record.data(), sizeof method);
+            for (bool more = method == AHTTPD_METHOD_POST; more;) {
+                int32_t length = 0;
+                if (!readAll(c, &length, sizeof length, got)) break;
+                more = length > 0 && length <= AHTTPD_SPOOL_SIZE &&
+                       readAll(c, block.data(), static_cast<size_t>(length), got);
+            }
+            requests.push_back(got);
+            std::vector<unsigned char> reply(AHTTPD_RSP_RECORD_SIZE, 0);
+            const int32_t kept = 2;
+            const int16_t count = 1;
+            const int32_t token = 5;
+            std::memcpy(reply.data() + 4, &kept, 4);
+            std::memcpy(reply.data() + 8, &a.length, 4);
+            std::memcpy(reply.data() + 12, &count, 2);
+            std::memcpy(reply.data() + 16, &token, 4);
+            std::memcpy(reply.data() + 20, "application/ipp", 16);
+            const std::string body = replyBody(a.length) + std::string(a.extra, 'X');
+            reply.insert(reply.end(), body.begin(), body.end());
+            const size_t step = reply.size() / static_cast<size_t>(a.pieces) + 1;
+            for (size_t at = 0; at < reply.size(); at += step) {
+                if (at > 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                (void)send(c, reply.data() + at, std::min(step, reply.size() - at), MSG_NOSIGNAL);
+            }
+        }
+        // Stays open until the relay closes its end.
+        char b;
+        while (recv(c, &b, 1, 0) > 0) {
+        }
+        close(c);
+    }
+    std::vector<Answer> answers_;
+    std::string dir_;
+    int listener_ = -1;
+    std::thread thread_;
+};
+
+// Requests and replies over one kept connection: every request reaches the
+// library as the record, the coalesced blocks and the end block, byte for byte
+// as they always went (now a small body leaves with its record in one send),
+// and every reply is read whole however it arrives: record and body in pieces,
+// bodies longer than the room kept for them, no body at all.
+TEST(FrontendRelay, RequestsAndRepliesOverOneConnectionByteForByte) {
+    struct Step {
+        int32_t method;
+        bool chunked;
+        std::vector<size_t> pieces;  // addBody calls
+        FakeLibrary::Answer answer;
+    };
+    const std::vector<Step> steps = {
+        {AHTTPD_METHOD_POST, false, {145}, {7326, 1, 0}},
+        {AHTTPD_METHOD_GET, false, {}, {31522, 3, 0}},
+        {AHTTPD_METHOD_POST, false, {}, {0, 1, 0}},
+        {AHTTPD_METHOD_POST, true, {100, 5000, 30000}, {10, 4, 0}},
+        {AHTTPD_METHOD_POST, false, {32768}, {200, 2, 0}},
+        {AHTTPD_METHOD_POST, false, {40000}, {70000, 7, 0}},
+        // Last, after a long reply: the stray bytes usually come in with the reply.
+        {AHTTPD_METHOD_POST, false, {145}, {7326, 1, 3}},
+    };
+    std::vector<FakeLibrary::Answer> answers;
+    for (const Step& s : steps) answers.push_back(s.answer);
+    FakeLibrary lib(answers);
+    relay_connection relay(5000, nullptr);
+    ASSERT_EQ(relay.connectTo(lib.path), relay_connection::outcome::ok);
+    std::vector<std::string> expected;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        SCOPED_TRACE(i);
+        const Step& s = steps[i];
+        relay_request req;
+        req.method = s.method;
+        req.connection = 2;
+        req.keepAliveLevel = 1;
+        req.chunked = s.chunked;
+        std::string body;
+        for (size_t n : s.pieces) body += std::string(n, static_cast<char>('a' + i));
+        if (!s.chunked) req.contentLength = static_cast<int32_t>(body.size());
+        req.headers = {{CMP_IPP_IF_HDR_HOST, "localhost:631"}, {CMP_IPP_IF_HDR_REQUEST_URI, "/ipp/print/" + std::to_string(i)}};
+        if (i % 2 == 1) req.headers.push_back({CMP_IPP_IF_HDR_USER_AGENT, std::string(100 + i, 'u')});
+
+        std::string wire(AHTTPD_REQ_BLOCK_SIZE, '\0');
+        encodeRequestRecord(req, reinterpret_cast<unsigned char*>(&wire[0]));
+        if (s.method == AHTTPD_METHOD_POST) {
+            for (size_t at = 0; at < body.size(); at += AHTTPD_SPOOL_SIZE) {
+                const int32_t n = static_cast<int32_t>(std::min<size_t>(AHTTPD_SPOOL_SIZE, body.size() - at));
+                wire.append(reinterpret_cast<const char*>(&n), sizeof n);
+                wire.append(body, at, static_cast<size_t>(n));
+            }
+            wire.append(4, '\0');
+        }
+        expected.push_back(wire);
+
+        ASSERT_TRUE(relay.sendRequest(req));
+        size_t at = 0;
+        for (size_t n : s.pieces) {
+            ASSERT_TRUE(relay.addBody(reinterpret_cast<const unsigned char*>(body.data()) + at, n));
+            at += n;
+        }
+        if (s.method == AHTTPD_METHOD_POST) {
+            ASSERT_TRUE(relay.endBody());
+        }
+        relay_reply reply;
+        ASSERT_TRUE(relay.readReply(reply, 5000));
+        EXPECT_EQ(reply.status, 0);
+        EXPECT_EQ(reply.connection, 2);
+        ASSERT_EQ(reply.headers.size(), 1u);
+        EXPECT_EQ(reply.headers[0].value, "application/ipp");
+        ASSERT_EQ(reply.bodyLength, static_cast<size_t>(s.answer.length));
+        EXPECT_EQ(reply.body == nullptr, s.answer.length == 0);
+        if (s.answer.length > 0) {
+            EXPECT_EQ(std::string(reinterpret_cast<const char*>(reply.body.get()), reply.bodyLength),
+                      FakeLibrary::replyBody(s.answer.length));
+        }
+        // Bytes beyond a reply are not taken for the next one: the connection
+        // is not used again.
+        EXPECT_EQ(relay.reusable(60000), s.answer.extra == 0);
+    }
+    relay.close();
+    ASSERT_EQ(lib.requests.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i) EXPECT_TRUE(lib.requests[i] == expected[i]) << "request " << i;
+}
+
 void expectIppResponse(const HttpResponse& r, uint32_t requestId) {
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(r.status, 200);

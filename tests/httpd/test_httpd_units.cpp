@@ -330,6 +330,16 @@ struct Pair {
         if (poll(&p, 1, timeoutMs) <= 0) return -2;
         return recv(peer, b, n, 0);
     }
+    bool peerSendAll(const void* data, size_t n) {
+        const char* d = static_cast<const char*>(data);
+        while (n > 0) {
+            const ssize_t k = send(peer, d, n, MSG_NOSIGNAL);
+            if (k <= 0) return false;
+            d += k;
+            n -= static_cast<size_t>(k);
+        }
+        return true;
+    }
     // n bytes from the peer's side, or fewer if it ends first.
     std::string peerRead(size_t n) {
         std::string out;
@@ -584,6 +594,286 @@ TEST(HttpErrorReply, SocketFailureWithClosedSocketSendsNothing) {
     EXPECT_EQ(p.peerRecv(&b, 1, 200), 0) << "nothing but the close";
     p.req->returnCode = PRS_PRT_HTTP_RET_408_TIMEOUT;
     EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 0);
+}
+
+// ---- the reply in one send, receiving, clearing -----------------------------------------
+
+// Whatever the socket takes at a time (a send buffer far smaller than the reply
+// and a reader that lags), the front end receives the record and then the body,
+// byte for byte, and nothing twice: the body sender that follows only reports.
+TEST(HttpReplySend, RecordAndBodyLeaveTogetherThroughASlowReader) {
+    for (const int32_t length : {1, 2048, 5000, 140000}) {
+        SCOPED_TRACE(length);
+        Pair p;
+        const int small = 4096;
+        setsockopt(p.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        setsockopt(p.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+        const int32_t blocks = emwOSWTestOutstandingBlocks();
+        p.req->returnCode = 0;
+        p.req->connection = AHTTPD_CONN_KEEP_ALIVE;
+        ASSERT_EQ(AHTTPD_setResponseHeader(p.rsp.get(), 5, "application/ipp"), 0);
+        std::vector<unsigned char> body(static_cast<size_t>(length));
+        for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<unsigned char>(i * 7 + i / 256);
+        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(static_cast<uint32_t>(length)));
+        std::memcpy(p.rsp->body, body.data(), body.size());
+        p.rsp->bodyLength = length;
+        p.rsp->bodyOwned = 1;
+        p.rsp->sendBody = transmit_response_body_frees;
+        std::string received;
+        std::thread reader([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            char buf[3000];
+            while (received.size() < static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length)) {
+                const ssize_t n = p.peerRecv(buf, sizeof buf);
+                if (n <= 0) break;
+                received.append(buf, static_cast<size_t>(n));
+                std::this_thread::sleep_for(std::chrono::microseconds(300));
+            }
+        });
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
+        EXPECT_EQ(p.rsp->headerSent, 1);
+        EXPECT_EQ(p.rsp->numHeaders, 0);
+        EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), 0);
+        reader.join();
+        EXPECT_EQ(p.rsp->body, nullptr) << "released once sent";
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+        ASSERT_EQ(received.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length));
+        EXPECT_EQ(wordAt(received.data(), 0), 0);
+        EXPECT_EQ(wordAt(received.data(), 4), AHTTPD_CONN_KEEP_ALIVE);
+        EXPECT_EQ(wordAt(received.data(), 8), length);
+        int16_t count;
+        std::memcpy(&count, received.data() + 12, sizeof count);
+        EXPECT_EQ(count, 1) << "the header count as it was when sent";
+        EXPECT_EQ(wordAt(received.data(), 16), 5);
+        EXPECT_EQ(received.compare(AHTTPD_RSP_RECORD_SIZE, std::string::npos,
+                                   std::string(body.begin(), body.end())),
+                  0);
+        unsigned char extra;
+        EXPECT_EQ(p.peerRecv(&extra, 1, 50), -2) << "nothing sent twice";
+        EXPECT_NE(fcntl(p.server, F_GETFL) & O_NONBLOCK, 0);
+    }
+}
+
+// The two steps keep their own failures: a record that could not go is a
+// header failure (the body untouched, no trace); a body cut off by a peer that
+// left after the record gives the body sender's traces and result.
+TEST(HttpReplySend, FailuresOfTheRecordAndOfTheBodyStayApart) {
+    {
+        Pair p;
+        close(p.peer);
+        p.peer = -1;
+        TraceCapture trace(2);
+        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(3000));
+        std::memset(p.rsp->body, 'x', 3000);
+        p.rsp->bodyLength = 3000;
+        p.rsp->bodyOwned = 1;
+        p.rsp->sendBody = transmit_response_body_frees;
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+        EXPECT_EQ(p.rsp->headerSent, 0);
+        EXPECT_NE(p.rsp->body, nullptr) << "left to the error reply";
+        EXPECT_TRUE(trace.lines().empty());
+        cmp_ipp_free(p.rsp->body);
+        p.rsp->body = nullptr;
+    }
+    {
+        Pair p;
+        TraceCapture trace(2);
+        const int32_t length = 1 << 20;
+        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(static_cast<uint32_t>(length)));
+        std::memset(p.rsp->body, 'y', static_cast<size_t>(length));
+        p.rsp->bodyLength = length;
+        p.rsp->bodyOwned = 1;
+        p.rsp->sendBody = transmit_response_body_frees;
+        std::thread reader([&] {
+            EXPECT_EQ(p.peerRead(AHTTPD_RSP_RECORD_SIZE).size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
+            close(p.peer);
+            p.peer = -1;
+        });
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0) << "the record went";
+        reader.join();
+        EXPECT_EQ(p.rsp->headerSent, 1);
+        EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+        EXPECT_EQ(p.rsp->body, nullptr);
+        const std::vector<std::string> lines = trace.lines();
+        ASSERT_EQ(lines.size(), 2u);
+        EXPECT_EQ(lines[0], "[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n");
+        EXPECT_EQ(lines[1], "[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n");
+    }
+    {
+        // A body that is not one of the body senders' goes on its own: the
+        // record alone, one send (one message on a packet socket).
+        Pair p(SOCK_SEQPACKET);
+        static const unsigned char text[] = "abc";
+        p.rsp->body = const_cast<unsigned char*>(text);
+        p.rsp->bodyLength = 3;
+        p.rsp->sendBody = nullptr;
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
+        std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE + 100);
+        EXPECT_EQ(p.peerRecv(rec.data(), rec.size()), AHTTPD_RSP_RECORD_SIZE);
+        EXPECT_EQ(p.peerRecv(rec.data(), rec.size(), 50), -2);
+        p.rsp->body = nullptr;
+    }
+}
+
+// A request block that stops short (here: the front end gone) reads as a fresh
+// block beyond what arrived: zero, with the connection mode 1, whatever the
+// previous request left in the record.
+TEST(HttpReceive, RequestBlockCutShortReadsAsAFreshBlockBeyondWhatArrived) {
+    const size_t modeAt = offsetof(ahttpdReqObj, connection);
+    for (const size_t sent : {size_t{0}, size_t{6}, size_t{8}, size_t{10}, size_t{100}, size_t{30000}}) {
+        SCOPED_TRACE(sent);
+        Pair p;
+        unsigned char* block = reinterpret_cast<unsigned char*>(p.req.get());
+        std::memset(block, 0xAB, AHTTPD_REQ_BLOCK_SIZE);  // the previous request's fields
+        std::string bytes(sent, '\0');
+        for (size_t i = 0; i < sent; ++i) bytes[i] = static_cast<char>(0x10 + i % 200);
+        std::thread writer([&] {
+            if (sent > 0) {
+                EXPECT_TRUE(p.peerSendAll(bytes.data(), sent));
+            }
+            close(p.peer);
+            p.peer = -1;
+        });
+        EXPECT_EQ(AHTTPD_requestHandler(p.req.get(), p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+        writer.join();
+        EXPECT_EQ(std::memcmp(block, bytes.data(), sent), 0);
+        std::vector<unsigned char> expected(AHTTPD_REQ_BLOCK_SIZE, 0);
+        std::memcpy(expected.data(), bytes.data(), sent);
+        const int32_t mode = AHTTPD_CONN_CLOSE;
+        for (size_t i = std::max(sent, modeAt); i < modeAt + sizeof mode; ++i)
+            expected[i] = reinterpret_cast<const unsigned char*>(&mode)[i - modeAt];
+        EXPECT_TRUE(std::equal(expected.begin(), expected.end(), block));
+        if (sent <= modeAt) {
+            EXPECT_EQ(p.req->connection, AHTTPD_CONN_CLOSE);
+        }
+    }
+    // A block that arrives whole is taken as it is.
+    Pair p;
+    unsigned char* block = reinterpret_cast<unsigned char*>(p.req.get());
+    std::memset(block, 0xAB, AHTTPD_REQ_BLOCK_SIZE);
+    RequestBlock r = RequestBlock::get(AHTTPD_CONN_KEEP_ALIVE);
+    r.headers = {{3, "localhost"}};
+    const Bytes whole = r.bytes();
+    ASSERT_TRUE(p.peerSendAll(whole.data(), whole.size()));
+    EXPECT_EQ(AHTTPD_requestHandler(p.req.get(), p.rsp.get()), 0);
+    EXPECT_TRUE(std::equal(whole.begin(), whole.end(), block));
+}
+
+// The spool block of a connection stays with it from request to request, and
+// bytes past those received still read as zero: what earlier blocks left is
+// cleared, however they were written.
+TEST(HttpSpool, ConnectionKeepsItsBlockAndBytesPastTheReceivedOnesReadAsZero) {
+    Pair p;
+    const int32_t blocks = emwOSWTestOutstandingBlocks();
+    ahttpdConnectionBegin(p.req->sock);
+    auto allZeroFrom = [&](size_t from) {
+        for (size_t i = from; i < static_cast<size_t>(AHTTPD_SPOOL_SIZE); ++i)
+            if (p.req->messageBody[i] != 0) return false;
+        return true;
+    };
+    ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+    unsigned char* const spool = p.req->messageBody;
+    int32_t got = 0;
+    ASSERT_TRUE(p.peerSendAll(std::string(20000, 'x').data(), 20000));
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 20000, &got, 10), 0);
+    EXPECT_EQ(got, 20000);
+    EXPECT_TRUE(allZeroFrom(20000)) << "fresh memory is cleared past the block";
+    AHTTPD_closeSpooling(p.req.get());
+    EXPECT_EQ(p.req->messageBody, nullptr);
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + 1) << "kept for the next request";
+
+    ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+    EXPECT_EQ(p.req->messageBody, spool) << "no new allocation";
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + 1);
+    ASSERT_TRUE(p.peerSendAll(std::string(150, 'y').data(), 150));
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 150, &got, 10), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(spool), 150), std::string(150, 'y'));
+    EXPECT_TRUE(allZeroFrom(150)) << "the earlier block's bytes are gone";
+
+    // A block that stops short of its length is read on by the caller into the
+    // same buffer (as httpGetMoreData does); the next block still reads clean.
+    ASSERT_TRUE(p.peerSendAll(std::string(300, 'z').data(), 300));
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 1000, &got, 1), 0);
+    EXPECT_EQ(got, 300);
+    EXPECT_TRUE(allZeroFrom(300));
+    std::memset(spool + 300, 'r', 700);
+    ASSERT_TRUE(p.peerSendAll(std::string(10, 'w').data(), 10));
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(spool), 10), std::string(10, 'w'));
+    EXPECT_TRUE(allZeroFrom(10));
+
+    // The end of the connection releases it.
+    AHTTPD_closeSpooling(p.req.get());
+    ahttpdConnectionEnd();
+    EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+}
+
+// A connection that is busy keeps its spool block through the keep-alive wait;
+// one that stays quiet for a whole pass gives it back.
+TEST(HttpSpool, IdleConnectionGivesItsBlockBack) {
+    const int32_t savedPasses = AHTTPD_getKeepAlivePasses();
+    AHTTPD_setKeepAlivePasses(10);
+    for (const int delayMs : {0, 150}) {
+        SCOPED_TRACE(delayMs);
+        Pair p;
+        const int32_t blocks = emwOSWTestOutstandingBlocks();
+        ahttpdConnectionBegin(p.req->sock);
+        ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+        AHTTPD_closeSpooling(p.req.get());
+        std::thread next([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+            EXPECT_TRUE(p.peerSendAll("r", 1));
+        });
+        if (delayMs == 0) next.join();
+        ahttpdKeepAliveListener(p.rsp.get());
+        if (next.joinable()) next.join();
+        EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + (delayMs == 0 ? 1 : 0));
+        ahttpdConnectionEnd();
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+    }
+    AHTTPD_setKeepAlivePasses(savedPasses);
+}
+
+// The keep-alive wait tells a request from a peer that has gone, however the
+// two come together.
+TEST(HttpKeepAlive, RequestWaitingOrPeerGone) {
+    const int32_t savedPasses = AHTTPD_getKeepAlivePasses();
+    AHTTPD_setKeepAlivePasses(4);
+    const struct {
+        const char* what;
+        bool data;
+        int how;  // 0 leave open, 1 shut down its sending side, 2 close
+        bool waits;
+    } cases[] = {
+        {"request waiting", true, 0, true},
+        {"request, then the sending side shut", true, 1, true},
+        {"sending side shut", false, 1, false},
+        {"closed", false, 2, false},
+        {"nothing comes", false, 0, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Pair p;
+        if (c.data) {
+            ASSERT_TRUE(p.peerSendAll("r", 1));
+        }
+        if (c.how == 1) shutdown(p.peer, SHUT_WR);
+        if (c.how == 2) {
+            close(p.peer);
+            p.peer = -1;
+        }
+        ahttpdKeepAliveListener(p.rsp.get());
+        if (c.waits) {
+            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
+            EXPECT_TRUE(p.serverOpen());
+        } else {
+            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
+            EXPECT_EQ(p.req->sock, 0);
+            EXPECT_FALSE(p.serverOpen());
+        }
+    }
+    AHTTPD_setKeepAlivePasses(savedPasses);
 }
 
 }  // namespace
