@@ -100,8 +100,8 @@ const Word kPrinterReasons[] = {
 // job-state-reasons (RFC 8011, PWG 5100.7) as this printer reports them, and a few more.
 const Word kJobReasons[] = {
     {"none", ""},
-    {"job-incoming", "Receiving its document"},
-    {"job-data-insufficient", "Waiting for its document"},
+    {"job-incoming", "Waiting for its document"},
+    {"job-data-insufficient", "Waiting for more of its document"},
     {"job-hold-until-specified", "Held until released"},
     {"job-printing", "Printing"},
     {"job-queued", "Waiting its turn"},
