@@ -410,12 +410,12 @@ void Printer::statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const {
     const StatusKey k = statusKeyLocked(now);
     append(out, dateTime("printer-current-time", static_cast<time_t>(m_startWall + k.elapsedS)));
     append(out, boolean("printer-is-accepting-jobs", k.accepting));
-    append(out, enums("printer-state", {k.printing ? 4 : 3}));
+    append(out, enums("printer-state", {printerState(k)}));
     append(out, dateTime("printer-state-change-date-time",
                          static_cast<time_t>(m_startWall + (k.stateChangeMs - m_startMs) / 1000)));
     append(out, integer("printer-state-change-time", upTime(k.stateChangeMs)));
-    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", k.printing ? "Printing." : "Idle."));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", {"none"}));
+    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", printerStateMessage(k)));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", printerStateReasons(k)));
     append(out, integer("printer-up-time", static_cast<int32_t>(k.elapsedS) + 1));
     append(out, integer("queued-job-count", k.queued));
 }

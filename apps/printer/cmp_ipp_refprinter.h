@@ -170,6 +170,11 @@ private:
         }
     };
     StatusKey statusKeyLocked(int64_t now) const;
+    // printer-state, printer-state-message and printer-state-reasons for a key:
+    // the status attributes and the status page say the same.
+    static int32_t printerState(const StatusKey& k) { return k.printing ? 4 : 3; }
+    static const char* printerStateMessage(const StatusKey& k) { return k.printing ? "Printing." : "Idle."; }
+    static std::vector<std::string> printerStateReasons(const StatusKey&) { return {"none"}; }
     // The printer's status attributes as they are now. Needs m_mutex.
     void statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const;
     // The same in wire form, made again only when the key changes. Needs m_mutex.

@@ -434,48 +434,33 @@ void Printer::buildPageParts() {
 }
 
 std::string Printer::statusPage() {
-    cmp_ipp_attrs status;
-    struct Row {
-        int32_t id;
-        JobState state;
-        std::vector<std::string> reasons;
-        std::string name, user;
-        int64_t createdMs;
-        uint64_t octets;
-        int64_t completedMs;
-    };
-    std::vector<Row> rows;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        const int64_t now = nowMs();
-        advanceLocked(now);
-        statusAttrsLocked(status, now);
-        rows.reserve(m_jobs.size());
-        for (const auto& j : m_jobs) {
-            const Job& job = *j.second;
-            rows.push_back(Row{job.id, job.state, jobReasons(job.state, job.lastDocument, job.interrupted), job.name,
-                               job.user, job.createdMs, job.octets, job.completedMs});
-        }
-    }
+    std::string page;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const int64_t now = nowMs();
+    advanceLocked(now);
+    // The state as the status attributes give it, without building them.
+    const StatusKey key = statusKeyLocked(now);
     // As Get-Jobs lists them: active jobs in the order they print, then
     // finished ones, latest first.
-    std::stable_sort(rows.begin(), rows.end(), [](const Row& a, const Row& b) {
-        const bool ta = isTerminal(a.state), tb = isTerminal(b.state);
-        if (ta != tb) return !ta;
-        if (!ta) return a.id < b.id;
-        if (a.completedMs != b.completedMs) return a.completedMs > b.completedMs;
-        return a.id > b.id;
-    });
-
+    std::vector<const Job*> rows;
+    rows.reserve(m_jobs.size());
     size_t length = m_pageHead.size() + m_pageFixed.size() + m_pageTail.size() + 640;
-    for (const Row& r : rows) length += 300 + 2 * (r.name.size() + r.user.size());
-    std::string page;
+    for (const auto& j : m_jobs) {
+        rows.push_back(j.second.get());
+        length += 300 + 2 * (j.second->name.size() + j.second->user.size());
+    }
+    std::stable_sort(rows.begin(), rows.end(), [](const Job* a, const Job* b) {
+        const bool ta = isTerminal(a->state), tb = isTerminal(b->state);
+        if (ta != tb) return !ta;
+        if (!ta) return a->id < b->id;
+        if (a->completedMs != b->completedMs) return a->completedMs > b->completedMs;
+        return a->id > b->id;
+    });
     page.reserve(length);
     page += m_pageHead;
 
-    // ---- state, from the attributes a client would get ----
-    const cmp_ipp_attr* stateAttr = findTop(status, "printer-state");
-    const int32_t state = stateAttr != nullptr ? wordOf(*stateAttr) : 3;
+    // ---- state ----
+    const int32_t state = printerState(key);
     const char* stateWords = state == 4 ? "Printing" : state == 5 ? "Stopped" : "Idle";
     const char* stateClass = state == 4 ? "printing" : state == 5 ? "stopped" : "idle";
     page += "<section id=\"status\"><h2>Status</h2>\n<p class=\"state ";
@@ -484,18 +469,16 @@ std::string Printer::statusPage() {
     page += stateWords;
     page += "</p>\n";
     // The message, when it says more than the state does.
-    const cmp_ipp_attr* message = findTop(status, "printer-state-message");
-    const std::string_view said = message != nullptr ? textViewOf(*message) : std::string_view();
+    const std::string_view said = printerStateMessage(key);
     if (!said.empty() && said != std::string(stateWords) + ".") {
         page += "<p id=\"printer-state-message\">";
         escapeInto(page, said);
         page += "</p>\n";
     }
     page += "<ul id=\"printer-state-reasons\">";
-    const cmp_ipp_attr* reasons = findTop(status, "printer-state-reasons");
-    for (int32_t i = 0; reasons != nullptr && i < reasons->m_numValues; ++i) {
+    for (const std::string& reason : printerStateReasons(key)) {
         const char* severity = nullptr;
-        const std::string_view r = withoutSeverity(textViewOf(*reasons, i), &severity);
+        const std::string_view r = withoutSeverity(reason, &severity);
         page += "<li>";
         if (const char* w = lookup(kPrinterReasons, sizeof kPrinterReasons / sizeof kPrinterReasons[0], r)) {
             page += w;
@@ -510,16 +493,13 @@ std::string Printer::statusPage() {
         page += "</li>";
     }
     page += "</ul>\n<p>";
-    const cmp_ipp_attr* accepting = findTop(status, "printer-is-accepting-jobs");
-    page += accepting == nullptr || wordOf(*accepting) != 0 ? "Accepting jobs" : "Not accepting jobs";
-    const cmp_ipp_attr* queued = findTop(status, "queued-job-count");
-    const int32_t waiting = queued != nullptr ? wordOf(*queued) : 0;
+    page += key.accepting ? "Accepting jobs" : "Not accepting jobs";
     page += " \xC2\xB7 ";
-    if (waiting == 0) {
+    if (key.queued == 0) {
         page += "no jobs queued";
     } else {
-        numberInto(page, static_cast<uint64_t>(waiting));
-        page += waiting == 1 ? " job queued" : " jobs queued";
+        numberInto(page, static_cast<uint64_t>(key.queued));
+        page += key.queued == 1 ? " job queued" : " jobs queued";
     }
     page += "</p></section>\n";
 
@@ -530,22 +510,22 @@ std::string Printer::statusPage() {
     } else {
         page += "<table><thead><tr><th>Job</th><th>Name</th><th>Owner</th><th>State</th><th>Details</th>"
                 "<th>Submitted</th><th>Size</th></tr></thead><tbody>\n";
-        for (const Row& r : rows) {
+        for (const Job* r : rows) {
             page += "<tr id=\"job-";
-            numberInto(page, static_cast<uint64_t>(r.id));
+            numberInto(page, static_cast<uint64_t>(r->id));
             page += "\"><td><a href=\"/jobs/";
-            numberInto(page, static_cast<uint64_t>(r.id));
+            numberInto(page, static_cast<uint64_t>(r->id));
             page += "\">";
-            numberInto(page, static_cast<uint64_t>(r.id));
+            numberInto(page, static_cast<uint64_t>(r->id));
             page += "</a></td><td>";
-            escapeInto(page, r.name);
+            escapeInto(page, r->name);
             page += "</td><td>";
-            escapeInto(page, r.user);
+            escapeInto(page, r->user);
             page += "</td><td class=\"job-state\">";
-            page += jobStateWords(r.state);
+            page += jobStateWords(r->state);
             page += "</td><td>";
             bool first = true;
-            for (const std::string& reason : r.reasons) {
+            for (const std::string& reason : jobReasons(r->state, r->lastDocument, r->interrupted)) {
                 const char* w = lookup(kJobReasons, sizeof kJobReasons / sizeof kJobReasons[0], reason);
                 if (w != nullptr && *w == '\0') continue;
                 if (!first) page += "; ";
@@ -557,9 +537,9 @@ std::string Printer::statusPage() {
                 }
             }
             page += "</td><td>";
-            timeInto(page, static_cast<time_t>(m_startWall + (r.createdMs - m_startMs) / 1000), false);
+            timeInto(page, static_cast<time_t>(m_startWall + (r->createdMs - m_startMs) / 1000), false);
             page += "</td><td>";
-            numberInto(page, (r.octets + 1023) / 1024);
+            numberInto(page, (r->octets + 1023) / 1024);
             page += " kB</td></tr>\n";
         }
         page += "</tbody></table>\n";
