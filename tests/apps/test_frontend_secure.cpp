@@ -218,6 +218,12 @@ TEST(FrontendTls, SelfSignedCertificateCoversItsNamesOnly) {
     ASSERT_TRUE(makeSelfSignedIdentity({"printer.example"}, 30, &other, &error));
     tls_identity mixed{id.certificatePem, other.keyPem};
     EXPECT_FALSE(tlsIdentityUsable(mixed, &error)) << "a key of another certificate";
+    const std::string garbled = "-----BEGIN CERTIFICATE-----\nxx\n";
+    for (const tls_identity& bad : {tls_identity{garbled, id.keyPem}, tls_identity{id.certificatePem, garbled},
+                                    tls_identity{"", id.keyPem}, tls_identity{id.certificatePem, ""}}) {
+        EXPECT_FALSE(tlsIdentityUsable(bad, &error));
+        EXPECT_FALSE(error.empty());
+    }
 }
 
 TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
