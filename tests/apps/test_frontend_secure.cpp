@@ -1,6 +1,6 @@
 // The front end's security pieces on their own: Basic credentials and the
-// password file, which operations need a user, and the TLS identity (made,
-// kept, reused and replaced in a state directory).
+// password file, and the TLS identity (made, kept, reused and replaced in a
+// state directory).
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
 #include <gtest/gtest.h>
@@ -140,26 +140,6 @@ TEST(FrontendAuth, MalformedPasswordFilesAreRefusedWithTheLine) {
     std::string error;
     EXPECT_FALSE(basic_auth::load("/nonexistent/users", &error));
     EXPECT_NE(error.find("/nonexistent/users"), std::string::npos) << error;
-}
-
-TEST(FrontendAuth, QueriesAreOpenEverythingElseNeedsAUser) {
-    const std::pair<uint16_t, bool> cases[] = {
-        {0x0002, true},   // Print-Job
-        {0x0004, true},   // Validate-Job
-        {0x0005, true},   // Create-Job
-        {0x0006, true},   // Send-Document
-        {0x0008, true},   // Cancel-Job
-        {0x0009, false},  // Get-Job-Attributes
-        {0x000A, false},  // Get-Jobs
-        {0x000B, false},  // Get-Printer-Attributes
-        {0x000C, true},   // Hold-Job
-        {0x000D, true},   // Release-Job
-        {0x0039, true},   // Cancel-My-Jobs
-        {0x003B, true},   // Close-Job
-        {0x003C, true},   // Identify-Printer
-        {0x4321, true},   // unknown: not known to be a query
-    };
-    for (const auto& c : cases) EXPECT_EQ(operationNeedsAuthentication(c.first), c.second) << std::hex << c.first;
 }
 
 // ---- TLS identity ------------------------------------------------------------------

@@ -148,23 +148,6 @@ TEST(PrinterNet, CertificateNamesLeadWithTheUriHost) {
     EXPECT_EQ(std::count(local.begin(), local.end(), "0.0.0.0"), 0) << "a wildcard is nobody's name";
 }
 
-TEST(PrinterNet, StateDirectoryFollowsTheEnvironment) {
-    const char* savedState = getenv("XDG_STATE_HOME");
-    const char* savedHome = getenv("HOME");
-    const std::string state = savedState != nullptr ? savedState : "";
-    const std::string home = savedHome != nullptr ? savedHome : "";
-    setenv("XDG_STATE_HOME", "/var/tmp/st", 1);
-    EXPECT_EQ(printer_net::defaultStateDirectory(), "/var/tmp/st/cmp-ipp-printer");
-    setenv("XDG_STATE_HOME", "relative", 1);  // not absolute: not taken
-    setenv("HOME", "/home/pat", 1);
-    EXPECT_EQ(printer_net::defaultStateDirectory(), "/home/pat/.local/state/cmp-ipp-printer");
-    unsetenv("XDG_STATE_HOME");
-    unsetenv("HOME");
-    EXPECT_EQ(printer_net::defaultStateDirectory(), "state");
-    if (savedState != nullptr) setenv("XDG_STATE_HOME", state.c_str(), 1);
-    if (savedHome != nullptr) setenv("HOME", home.c_str(), 1);
-}
-
 // No system bus to reach Avahi through: the announcer says so, keeps looking,
 // and stops cleanly. (The printer around it serves on: see printer_e2e.sh.)
 TEST(PrinterNet, AnnouncerWithoutAvahiSaysSoAndStops) {
