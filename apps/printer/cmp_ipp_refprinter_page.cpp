@@ -256,6 +256,7 @@ const char kStyle[] =
     "table{border-collapse:collapse;width:100%}\n"
     "th,td{text-align:left;padding:.3em .6em;border-bottom:1px solid #eaeef2;vertical-align:top}\n"
     "thead th{background:#f6f8fa}\n"
+    ".when{white-space:nowrap}\n"
     "table.facts th{width:11em;font-weight:600}\n"
     ".level{display:inline-block;height:.8em;background:#8c959f;margin-right:.5em}\n"
     "footer{margin-top:2em;color:#59636e;font-size:.9em}\n"
@@ -536,7 +537,7 @@ std::string Printer::statusPage() {
                     keywordInto(page, reason);
                 }
             }
-            page += "</td><td>";
+            page += "</td><td class=\"when\">";
             timeInto(page, static_cast<time_t>(m_startWall + (r->createdMs - m_startMs) / 1000), false);
             page += "</td><td>";
             numberInto(page, (r->octets + 1023) / 1024);
