@@ -71,7 +71,8 @@ struct dnssd_publisher::impl {
         return opts.interfaceIndex < 0 ? AVAHI_IF_UNSPEC : static_cast<AvahiIfIndex>(opts.interfaceIndex);
     }
     AvahiProtocol protocol() const {
-        return opts.family == AF_INET ? AVAHI_PROTO_INET : opts.family == AF_INET6 ? AVAHI_PROTO_INET6 : AVAHI_PROTO_UNSPEC;
+        if (opts.family == AF_INET) return AVAHI_PROTO_INET;
+        return opts.family == AF_INET6 ? AVAHI_PROTO_INET6 : AVAHI_PROTO_UNSPEC;
     }
 
     void scheduleRetry(int ms) {
@@ -132,13 +133,14 @@ struct dnssd_publisher::impl {
             AvahiStringList* txt = nullptr;
             // Prepended, so built from the last entry back to keep the order.
             for (auto it = s.txt.rbegin(); it != s.txt.rend(); ++it) txt = avahi_string_list_add(txt, it->c_str());
-            int rc = avahi_entry_group_add_service_strlst(group, interfaceIndex(), protocol(), static_cast<AvahiPublishFlags>(0),
-                                                          name.c_str(), s.type.c_str(), nullptr, nullptr, s.port, txt);
+            const AvahiPublishFlags none = static_cast<AvahiPublishFlags>(0);
+            int rc = avahi_entry_group_add_service_strlst(group, interfaceIndex(), protocol(), none, name.c_str(),
+                                                          s.type.c_str(), nullptr, nullptr, s.port, txt);
             avahi_string_list_free(txt);
             if (rc < 0) return rc;
             for (const std::string& sub : s.subtypes) {
-                rc = avahi_entry_group_add_service_subtype(group, interfaceIndex(), protocol(), static_cast<AvahiPublishFlags>(0),
-                                                           name.c_str(), s.type.c_str(), nullptr, sub.c_str());
+                rc = avahi_entry_group_add_service_subtype(group, interfaceIndex(), protocol(), none, name.c_str(),
+                                                           s.type.c_str(), nullptr, sub.c_str());
                 if (rc < 0) return rc;
             }
         }

@@ -187,8 +187,10 @@ TEST(FrontendTls, SelfSignedCertificateCoversItsNamesOnly) {
     EXPECT_TRUE(tlsIdentityUsable(id, &error)) << error;
     EXPECT_EQ(id.certificatePem.rfind("-----BEGIN CERTIFICATE-----", 0), 0u);
     EXPECT_NE(id.keyPem.find("PRIVATE KEY-----"), std::string::npos);
-    for (const char* name : {"printer.example", "localhost", "127.0.0.1", "::1"}) EXPECT_TRUE(certificateCovers(id.certificatePem, name)) << name;
-    for (const char* name : {"other.example", "127.0.0.2"}) EXPECT_FALSE(certificateCovers(id.certificatePem, name)) << name;
+    for (const char* name : {"printer.example", "localhost", "127.0.0.1", "::1"})
+        EXPECT_TRUE(certificateCovers(id.certificatePem, name)) << name;
+    for (const char* name : {"other.example", "127.0.0.2"})
+        EXPECT_FALSE(certificateCovers(id.certificatePem, name)) << name;
     const time_t expiry = tlsCertificateExpiry(id.certificatePem);
     EXPECT_GT(expiry, time(nullptr) + 29 * 86400);
     EXPECT_LT(expiry, time(nullptr) + 31 * 86400);
