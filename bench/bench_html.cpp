@@ -1,5 +1,6 @@
-// HTML pages: the message dump over the corpus responses, and the reference
-// printer's attribute page (GET /) with and without the way through the library.
+// HTML pages: the message dump over the corpus responses, the reference
+// printer's attribute page with and without the way through the library, and
+// its status page (GET /).
 // Time per page and bytes of HTML per second.
 #include <benchmark/benchmark.h>
 
@@ -76,6 +77,40 @@ void BM_GetPrinterPage(benchmark::State& state) {
     state.SetBytesProcessed(static_cast<int64_t>(bytes));
 }
 BENCHMARK(BM_GetPrinterPage);
+
+// The status page people read at "/" (what GET / gives through the front end),
+// with this many jobs in the table: they are made with Create-Job through the
+// library, and wait for documents that never come.
+void BM_StatusPage(benchmark::State& state) {
+    cmp_ipp_dictionary_install();
+    refprinter::Config config;
+    config.spoolDir = "/dev/null/none";  // no document is ever written
+    refprinter::Printer printer{config};
+    if (!printer.start()) {
+        state.SkipWithError("another printer is registered");
+        return;
+    }
+    cmp_ipp_if_info_s info{};
+    for (int64_t i = 0; i < state.range(0); ++i) {
+        Ipp m;
+        m.header(2, 0, 0x0005, static_cast<uint32_t>(i + 1)).opGroup();
+        m.text(0x42, "requesting-user-name", "user" + std::to_string(i)).text(0x42, "job-name", "Report <" +
+                                                                             std::to_string(i) + ">").tag(3);
+        IPP_STREAM_HANDLE h = IPP_StreamDataStart(m.b.data(), static_cast<uint32_t>(m.b.size()), &info);
+        int length = 0;
+        cmp_ipp_free(IPP_StreamDataEnd(h, 0, &length));
+    }
+    size_t bytes = 0;
+    for (auto _ : state) {
+        const std::string page = printer.statusPage();
+        bytes += page.size();
+        benchmark::DoNotOptimize(page.data());
+    }
+    printer.stop();
+    state.SetBytesProcessed(static_cast<int64_t>(bytes));
+    state.counters["page_bytes"] = static_cast<double>(bytes) / static_cast<double>(state.iterations());
+}
+BENCHMARK(BM_StatusPage)->Arg(0)->Arg(10)->Arg(100);
 
 }  // namespace
 

@@ -15,10 +15,17 @@ packages=(
   clang
   libclang-rt-14-dev
   libmicrohttpd-dev       # the HTTP front end (apps/frontend)
-  pkg-config              # finds libmicrohttpd
+  pkg-config              # finds libmicrohttpd, GnuTLS, Avahi and libcrypt
+  libgnutls28-dev         # TLS of the front end: ipps://, its self-signed certificate
+  libavahi-client-dev     # DNS-SD announcement of cmp-ipp-printer
+  libcrypt-dev            # password hashes of --auth-file (crypt(3))
   cups-ipp-utils          # ipptool, for the end-to-end tests of cmp-ipp-printer
   curl                    # fetches the printer's web page in those tests
   libcups2-dev            # libcups beside the library in bench_msg (optional there)
+  avahi-daemon            # DNS-SD end-to-end test: a private daemon on the system D-Bus
+  avahi-utils             # avahi-browse, which finds the printer in that test
+  dbus                    # the system bus avahi-daemon needs
+  chromium                # headless browser that renders the status page in a test (large)
 )
 
 missing=()

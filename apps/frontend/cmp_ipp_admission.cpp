@@ -187,11 +187,19 @@ bool connection_gate::open(const std::string& address, uint16_t port, std::strin
 }
 
 bool connection_gate::start(hand_over handOver, std::string* error) {
+    return start(std::move(handOver), nullptr, error);
+}
+
+bool connection_gate::start(hand_over plain, hand_over tls, std::string* error) {
     if (listenFd_ < 0) {
         if (error != nullptr) *error = "not bound";
         return false;
     }
     if (thread_.joinable()) return true;
+    if (!plain && !tls) {
+        if (error != nullptr) *error = "nowhere to hand connections over";
+        return false;
+    }
     if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
         if (error != nullptr) *error = std::string("cannot create a pipe: ") + strerror(errno);
         return false;
@@ -203,7 +211,9 @@ bool connection_gate::start(hand_over handOver, std::string* error) {
         wake_[0] = wake_[1] = -1;
         return false;
     }
-    handOver_ = std::move(handOver);
+    sniff_ = static_cast<bool>(tls);
+    handOver_ = std::move(plain);
+    tlsHandOver_ = std::move(tls);
     stopping_ = false;
     thread_ = std::thread([this] { run(); });
     return true;
@@ -218,6 +228,8 @@ void connection_gate::stopAccepting() {
     }
     for (const lingering& l : lingering_) ::close(l.fd);
     lingering_.clear();
+    for (const undecided& u : undecided_) dropAdmitted(u.fd, u.id);
+    undecided_.clear();
     for (int& fd : wake_) {
         if (fd >= 0) ::close(fd);
         fd = -1;
@@ -278,8 +290,12 @@ void connection_gate::refuse(int fd, int64_t now) {
                            "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\nContent-Length: %zu\r\n"
                            "Retry-After: %u\r\nConnection: close\r\n\r\n%s",
                            sizeof kText - 1, retryAfterSeconds_, kText);
+    answerAndLinger(fd, head, static_cast<size_t>(n), now);
+}
+
+void connection_gate::answerAndLinger(int fd, const char* answer, size_t length, int64_t now) {
     // A fresh socket has an empty send buffer: the whole answer fits at once.
-    (void)send(fd, head, static_cast<size_t>(n), MSG_NOSIGNAL | MSG_DONTWAIT);
+    (void)send(fd, answer, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     (void)shutdown(fd, SHUT_WR);
     // Closing with the client's request unread would reset the connection and
     // could destroy the answer before the client reads it: read and drop what
@@ -361,19 +377,94 @@ void connection_gate::acceptAll(int64_t now) {
             refuse(fd, now);
             continue;
         }
-        if (!handOver_(fd, reinterpret_cast<struct sockaddr*>(&peer), length)) {
-            // The socket is closed already; forget it unless the server reported it.
-            std::lock_guard<std::mutex> lock(mutex_);
-            auto w = watch_.find(id);
-            if (w != watch_.end() && !w->second.attached) {
-                ::close(w->second.fd);
-                watch_.erase(w);
-                table_.remove(id);
-            }
-            auto p = pending_.find(fd);
-            if (p != pending_.end() && p->second == id) pending_.erase(p);
+        if (sniff_) {
+            // Counted from now on, so it is under the header deadline while the
+            // client has yet to say which protocol it speaks.
+            undecided u;
+            u.fd = fd;
+            u.id = id;
+            std::memcpy(&u.peer, &peer, sizeof peer);
+            u.length = length;
+            undecided_.push_back(u);
+            continue;
         }
+        handOverAdmitted(fd, id, reinterpret_cast<struct sockaddr*>(&peer), length, false);
     }
+}
+
+void connection_gate::handOverAdmitted(int fd, uint64_t id, const struct sockaddr* peer, socklen_t length, bool tls) {
+    const hand_over& to = tls ? tlsHandOver_ : handOver_;
+    if (to(fd, peer, length)) return;
+    // The socket is closed already; forget it unless the server reported it.
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto w = watch_.find(id);
+    if (w != watch_.end() && !w->second.attached) {
+        ::close(w->second.fd);
+        watch_.erase(w);
+        table_.remove(id);
+    }
+    auto p = pending_.find(fd);
+    if (p != pending_.end() && p->second == id) pending_.erase(p);
+}
+
+void connection_gate::dropAdmitted(int fd, uint64_t id) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto w = watch_.find(id);
+    if (w != watch_.end()) {
+        ::close(w->second.fd);
+        watch_.erase(w);
+    }
+    table_.remove(id);
+    auto p = pending_.find(fd);
+    if (p != pending_.end() && p->second == id) pending_.erase(p);
+    ::close(fd);
+}
+
+void connection_gate::serviceUndecided(const std::vector<struct pollfd>& polled, size_t first, int64_t now) {
+    static const char kText[] = "This printer takes HTTPS (ipps://) only; plain HTTP is off.\n";
+    char answer[256];
+    const int answerLength =
+        snprintf(answer, sizeof answer,
+                 "HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\nContent-Length: %zu\r\n"
+                 "Connection: close\r\n\r\n%s",
+                 sizeof kText - 1, kText);
+    std::vector<undecided> kept;
+    for (size_t i = 0; i < undecided_.size(); ++i) {
+        const undecided& u = undecided_[i];
+        const short revents = first + i < polled.size() ? polled[first + i].revents : 0;
+        if (revents == 0) {
+            kept.push_back(u);
+            continue;
+        }
+        unsigned char byte = 0;
+        const ssize_t n = recv(u.fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
+            kept.push_back(u);
+            continue;
+        }
+        if (n != 1) {
+            // Gone before saying anything (or cut by the watchdog at its deadline).
+            dropAdmitted(u.fd, u.id);
+            continue;
+        }
+        const bool tls = byte == 0x16;
+        if (!tls && !handOver_) {
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                auto w = watch_.find(u.id);
+                if (w != watch_.end()) {
+                    ::close(w->second.fd);
+                    watch_.erase(w);
+                }
+                table_.remove(u.id);
+                pending_.erase(u.fd);
+            }
+            answerAndLinger(u.fd, answer, static_cast<size_t>(answerLength), now);
+            continue;
+        }
+        handOverAdmitted(u.fd, u.id, reinterpret_cast<const struct sockaddr*>(&u.peer), u.length, tls);
+    }
+    undecided_.swap(kept);
 }
 
 void connection_gate::serviceLingering(const std::vector<struct pollfd>& polled, int64_t now) {
@@ -412,11 +503,14 @@ void connection_gate::run() {
             polled.push_back({l.fd, POLLIN, 0});
             wakeAt = std::min(wakeAt, l.until);
         }
+        const size_t firstUndecided = polled.size();
+        for (const undecided& u : undecided_) polled.push_back({u.fd, POLLIN, 0});
         const int timeout = static_cast<int>(std::max<int64_t>(0, wakeAt - now));
         if (poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR) continue;
         if (stopping_.load()) break;
         now = nowMs();
         serviceLingering(polled, now);
+        serviceUndecided(polled, firstUndecided, now);
         if ((polled[0].revents & POLLIN) != 0) acceptAll(now);
         std::lock_guard<std::mutex> lock(mutex_);
         for (uint64_t id : table_.expire(now)) cutLocked(id);

@@ -18,6 +18,10 @@
 //   connection in the way);
 // - a connection that cannot be admitted gets a complete "503 Service
 //   Unavailable" response with Retry-After and is closed, not dropped.
+//
+// Plain HTTP and TLS share the port: when both are served, an admitted
+// connection waits (under the same header deadline) for its first byte, and a
+// TLS handshake record goes to the TLS server, anything else to the plain one.
 #ifndef CMP_IPP_ADMISSION_H
 #define CMP_IPP_ADMISSION_H
 
@@ -105,8 +109,12 @@ public:
     bool open(const std::string& address, uint16_t port, std::string* error);
     bool isOpen() const { return listenFd_ >= 0; }
     uint16_t port() const { return port_; }
-    // Listens and starts accepting.
+    // Listens and starts accepting; every admitted connection goes to handOver.
     bool start(hand_over handOver, std::string* error);
+    // The same, with TLS beside plain HTTP: the first byte a client sends
+    // decides (0x16, a TLS handshake record, goes to tls). With plain null, a
+    // client that does not start with TLS gets a short refusal.
+    bool start(hand_over plain, hand_over tls, std::string* error);
     // Stops accepting and closes the listening socket; admitted connections stay.
     void stopAccepting();
     // Forgets every admitted connection (after the HTTP server has closed them).
@@ -123,13 +131,29 @@ private:
         int fd;
         int64_t until;
     };
+    // Admitted, waiting for its first byte to say plain or TLS.
+    struct undecided {
+        int fd;
+        uint64_t id;
+        struct sockaddr_storage peer;
+        socklen_t length;
+    };
     void run();
     void acceptAll(int64_t now);
     // Admission with the gate's lock held; when the limits say no, connections
     // whose clients have gone are written off and admission is tried again.
     uint64_t admitLocked(const std::string& address, int64_t now);
     void refuse(int fd, int64_t now);
+    // Sends a complete answer, then reads and drops what the client sends
+    // until it closes, for a short while (the answer must not be reset away).
+    void answerAndLinger(int fd, const char* answer, size_t length, int64_t now);
     void serviceLingering(const std::vector<struct pollfd>& polled, int64_t now);
+    // polled[first + i] is undecided_[i].
+    void serviceUndecided(const std::vector<struct pollfd>& polled, size_t first, int64_t now);
+    // Hands an admitted socket over, or forgets it when that fails.
+    void handOverAdmitted(int fd, uint64_t id, const struct sockaddr* peer, socklen_t length, bool tls);
+    // Closes an admitted socket that was never handed over, and forgets it.
+    void dropAdmitted(int fd, uint64_t id);
     // Ends a connection that has to go: its reads and writes fail at once.
     void cutLocked(uint64_t id);
 
@@ -141,7 +165,10 @@ private:
     std::thread thread_;
     std::atomic<bool> stopping_{false};
     hand_over handOver_;
+    hand_over tlsHandOver_;
+    bool sniff_ = false;                // plain and TLS share the port
     std::vector<lingering> lingering_;  // accepting thread only
+    std::vector<undecided> undecided_;  // accepting thread only
 
     mutable std::mutex mutex_;  // guards what follows
     admission_table table_;

@@ -17,6 +17,15 @@
 // the next request on it: an answer other than success or 401, a reply that came
 // before the whole body was sent, or a connection idle for longer than the reuse
 // time (the library closes idle kept connections itself).
+//
+// TLS: a second HTTP server with libmicrohttpd's HTTPS support takes the
+// connections whose first byte opens a TLS handshake (the gate tells them
+// apart), so ipp:// and ipps:// share the port.
+//
+// Authentication: the front end checks Basic credentials itself, before the
+// library sees anything, and passes the library only the user's name. A POST
+// without credentials has to show its IPP operation first: the request record
+// waits until the body's first four bytes are in, and queries go on unchallenged.
 #include "cmp_ipp_frontend.h"
 
 #include <arpa/inet.h>
@@ -30,11 +39,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <mutex>
 
 #include "cmp_ipp_admission.h"
+#include "cmp_ipp_auth.h"
 #include "cmp_ipp_icons.h"
 #include "cmp_ipp_relay.h"
 #include "containers/cmp_ipp_if.h"
@@ -46,6 +57,12 @@ namespace {
 const int kEarlyReplyWaitMs = 1000;
 // The library answers nothing else on these two methods.
 const char kAllowed[] = "GET, POST";
+// TLS 1.2 and 1.3 only.
+const char kTlsPriorities[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
+const char kNeedsUser[] = "Authentication required: this operation needs a user name and password.\n";
+const char kNeedsTls[] =
+    "This operation needs a user name and password, which are not taken over plain HTTP from another machine: "
+    "use the printer's ipps:// (https://) address.\n";
 
 struct connection_state {
     connection_state(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs, const relay_trust* trust,
@@ -56,6 +73,8 @@ struct connection_state {
     // The connection's own address, asked for once: it cannot change.
     bool localKnown = false;
     std::string localAddress;
+    bool secure = false;  // over TLS
+    bool local = false;   // the client is on this machine (a loopback address)
 };
 
 struct request_state {
@@ -64,8 +83,23 @@ struct request_state {
     bool inFlight = false;   // record sent, reply not read: the Unix connection is mid-request
     bool done = false;       // the outcome is known; further upload data is discarded
     unsigned failStatus = 0; // set when the front end itself could not get an answer
+    const char* failText = "IPP service failed\n";
+    // Unauthenticated POST: the record waits for the IPP operation in the body.
+    bool awaitingOperation = false;
+    std::string held;  // body bytes that came while waiting
+    std::string url;
+    std::string user;  // authenticated user, for the library
     relay_reply reply;
 };
+
+bool isLoopback(const struct sockaddr* sa) {
+    if (sa == nullptr) return false;
+    if (sa->sa_family == AF_INET)
+        return (ntohl(reinterpret_cast<const struct sockaddr_in*>(sa)->sin_addr.s_addr) >> 24) == 127;
+    if (sa->sa_family != AF_INET6) return false;
+    const struct in6_addr& a = reinterpret_cast<const struct sockaddr_in6*>(sa)->sin6_addr;
+    return IN6_IS_ADDR_LOOPBACK(&a) || (IN6_IS_ADDR_V4MAPPED(&a) && a.s6_addr[12] == 127);
+}
 
 bool containsToken(const char* list, const char* token) {
     if (list == nullptr) return false;
@@ -124,6 +158,26 @@ bool isIppContentType(const char* value) {
     return *rest == '\0' || *rest == ';';
 }
 
+// 401 with the challenge, or 403 when credentials may not be sent here at all.
+MHD_Result queueAuthFailure(struct MHD_Connection* c, unsigned status, const std::string& challenge) {
+    const char* text = status == MHD_HTTP_UNAUTHORIZED ? kNeedsUser : kNeedsTls;
+    struct MHD_Response* r =
+        MHD_create_response_from_buffer(std::strlen(text), const_cast<char*>(text), MHD_RESPMEM_PERSISTENT);
+    if (r == nullptr) return MHD_NO;
+    MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
+    if (status == MHD_HTTP_UNAUTHORIZED) MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE, challenge.c_str());
+    const MHD_Result rc = MHD_queue_response(c, status, r);
+    MHD_destroy_response(r);
+    return rc;
+}
+
+// A realm fit for a quoted string.
+std::string challengeFor(const std::string& realm) {
+    std::string out = "Basic realm=\"";
+    for (char ch : realm) out += (ch == '"' || ch == '\\' || static_cast<unsigned char>(ch) < 0x20) ? '\'' : ch;
+    return out + "\", charset=\"UTF-8\"";
+}
+
 MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
     struct MHD_Response* r =
         MHD_create_response_from_buffer(icon.size, const_cast<unsigned char*>(icon.data), MHD_RESPMEM_PERSISTENT);
@@ -149,13 +203,17 @@ struct cmp_ipp_frontend::impl {
     explicit impl(const options& o) : opts(o), gate(limitsOf(o), o.retryAfterSeconds) {
         socketPath = opts.socketPath.empty() ? defaultSocketPath() : opts.socketPath;
         trust.uids = opts.trustedUids;
+        challenge = challengeFor(opts.authRealm);
     }
 
     options opts;
     std::string socketPath;
     relay_trust trust;
     connection_gate gate;
-    struct MHD_Daemon* daemon = nullptr;
+    struct MHD_Daemon* daemon = nullptr;     // plain HTTP
+    struct MHD_Daemon* tlsDaemon = nullptr;  // HTTPS
+    bool started = false;
+    std::string challenge;  // the WWW-Authenticate value
     std::atomic<bool> stopping{false};
     std::mutex logLock;
     uid_t lastReportedUid = static_cast<uid_t>(-1);
@@ -171,13 +229,19 @@ struct cmp_ipp_frontend::impl {
 
     MHD_Result begin(struct MHD_Connection* c, connection_state* conn, request_state* st, const char* url,
                      const char* method, const char* version);
-    void relayBody(connection_state* conn, request_state* st, const unsigned char* data, size_t length);
-    void finish(connection_state* conn, request_state* st);
+    // Sends the request record; 0, or the HTTP status to answer with (text in st->failText).
+    unsigned startRelay(struct MHD_Connection* c, connection_state* conn, request_state* st);
+    // The operation is in (or the body ended before it): challenge, or relay what came.
+    void decideOperation(struct MHD_Connection* c, connection_state* conn, request_state* st);
+    void relayBody(struct MHD_Connection* c, connection_state* conn, request_state* st, const unsigned char* data,
+                   size_t length);
+    void finish(struct MHD_Connection* c, connection_state* conn, request_state* st);
     void takeEarlyReply(connection_state* conn, request_state* st);
     MHD_Result respond(struct MHD_Connection* c, request_state* st);
-    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post,
-                               bool keepAlive);
-    bool servedPath(const char* url) const;
+    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post, bool keepAlive,
+                               const std::string& user);
+    bool servedPath(const char* url, bool get) const;
+    struct MHD_Daemon* startDaemon(bool tls);
 };
 
 void cmp_ipp_frontend::impl::log(const std::string& message) {
@@ -197,19 +261,29 @@ void cmp_ipp_frontend::impl::reportUntrusted(uid_t uid) {
         ", not as this user (uid " + std::to_string(geteuid()) + ") or a trusted one (--trust-uid)");
 }
 
-// The printer's path, "/", and its job URIs ("<path>/<job-id>"): clients send
-// job operations to the job-uri they were given.
-bool cmp_ipp_frontend::impl::servedPath(const char* url) const {
-    if (std::strcmp(url, "/") == 0 || opts.ippPath == url) return true;
-    const size_t n = opts.ippPath.size();
-    if (std::strncmp(url, opts.ippPath.c_str(), n) != 0 || url[n] != '/' || url[n + 1] == '\0') return false;
+namespace {
+
+// "<prefix>/<digits>", the digits not empty.
+bool numberedUnder(const char* url, const char* prefix, size_t n) {
+    if (std::strncmp(url, prefix, n) != 0 || url[n] != '/' || url[n + 1] == '\0') return false;
     for (const char* p = url + n + 1; *p != '\0'; ++p)
         if (*p < '0' || *p > '9') return false;
     return true;
 }
 
+}  // namespace
+
+// The printer's path, "/", and its job URIs ("<path>/<job-id>"): clients send
+// job operations to the job-uri they were given. Pages only: the full
+// attribute list and a job's page.
+bool cmp_ipp_frontend::impl::servedPath(const char* url, bool get) const {
+    if (std::strcmp(url, "/") == 0 || opts.ippPath == url) return true;
+    if (numberedUnder(url, opts.ippPath.c_str(), opts.ippPath.size())) return true;
+    return get && (std::strcmp(url, "/attributes") == 0 || numberedUnder(url, "/jobs", 5));
+}
+
 relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url,
-                                                   bool post, bool keepAlive) {
+                                                   bool post, bool keepAlive, const std::string& user) {
     relay_request req;
     req.method = post ? 2 : 0;
     req.connection = keepAlive ? 2 : 1;
@@ -233,6 +307,13 @@ relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, con
 
     std::vector<relay_header> candidates;
     MHD_get_connection_values(c, MHD_HEADER_KIND, collectHeader, &candidates);
+    if (opts.auth) {
+        // Checked here: the password goes no further, the user's name does.
+        candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
+                                        [](const relay_header& h) { return h.token == CMP_IPP_IF_HDR_AUTHORIZATION; }),
+                         candidates.end());
+        if (!user.empty()) candidates.push_back({CMP_IPP_IF_HDR_REMOTE_USER, user});
+    }
     candidates.push_back({CMP_IPP_IF_HDR_REQUEST_URI, url});
     const union MHD_ConnectionInfo* ci = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
     if (ci != nullptr && ci->client_addr != nullptr) {
@@ -263,15 +344,38 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
     // The icons are static: answered here, the library never sees them.
     if (const icon_file* icon = iconFor(url))
         return get ? queueIcon(c, *icon) : queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
-    if (!servedPath(url)) return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
+    if (!servedPath(url, get)) {
+        if (servedPath(url, true)) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
+        return queueText(c, MHD_HTTP_NOT_FOUND, "Not Found\n");
+    }
 
     if (st->post && !isIppContentType(MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_TYPE)))
         return queueText(c, MHD_HTTP_BAD_REQUEST, "Bad Request: the content type must be application/ipp\n");
 
     const char* connHeader = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONNECTION);
     st->keepAlive = std::strcmp(version, MHD_HTTP_VERSION_1_1) == 0 && !containsToken(connHeader, "close");
-    const relay_request req = buildRequest(c, conn, url, st->post, st->keepAlive);
+    st->url = url;
 
+    if (st->post && opts.auth) {
+        const char* credentials = MHD_lookup_connection_value(c, MHD_HEADER_KIND, MHD_HTTP_HEADER_AUTHORIZATION);
+        if (credentials == nullptr) {
+            // Queries need no user: the operation decides, once the body shows it.
+            st->awaitingOperation = true;
+            return MHD_YES;
+        }
+        if (!conn->secure && !conn->local) return queueAuthFailure(c, MHD_HTTP_FORBIDDEN, challenge);
+        std::string user, password;
+        const bool good = parseBasicCredentials(credentials, &user, &password) && opts.auth->check(user, password);
+        std::fill(password.begin(), password.end(), '\0');
+        if (!good) return queueAuthFailure(c, MHD_HTTP_UNAUTHORIZED, challenge);
+        st->user = user;
+    }
+    const unsigned failed = startRelay(c, conn, st);
+    return failed == 0 ? MHD_YES : queueText(c, failed, st->failText);
+}
+
+unsigned cmp_ipp_frontend::impl::startRelay(struct MHD_Connection* c, connection_state* conn, request_state* st) {
+    const relay_request req = buildRequest(c, conn, st->url.c_str(), st->post, st->keepAlive, st->user);
     relay_connection& relay = conn->relay;
     const bool reused = relay.isOpen() && relay.reusable(opts.relayReuseMs);
     if (!reused) relay.close();
@@ -280,21 +384,50 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
             const relay_connection::outcome o = relay.connectTo(socketPath);
             if (o == relay_connection::outcome::untrusted) {
                 reportUntrusted(relay.untrustedUid());
-                return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not trusted\n");
+                st->failText = "IPP service not trusted\n";
+                return MHD_HTTP_SERVICE_UNAVAILABLE;
             }
-            if (o != relay_connection::outcome::ok)
-                return queueText(c, MHD_HTTP_SERVICE_UNAVAILABLE, "IPP service not reachable\n");
+            if (o != relay_connection::outcome::ok) {
+                st->failText = "IPP service not reachable\n";
+                return MHD_HTTP_SERVICE_UNAVAILABLE;
+            }
         }
         if (relay.sendRequest(req)) {
             st->inFlight = true;
-            return MHD_YES;
+            return 0;
         }
         // Nothing of this request has gone yet: a kept connection that the library
         // closed meanwhile is replaced once.
         relay.close();
         if (!reused) break;
     }
-    return queueText(c, MHD_HTTP_BAD_GATEWAY, "IPP service failed\n");
+    st->failText = "IPP service failed\n";
+    return MHD_HTTP_BAD_GATEWAY;
+}
+
+void cmp_ipp_frontend::impl::decideOperation(struct MHD_Connection* c, connection_state* conn, request_state* st) {
+    st->awaitingOperation = false;
+    std::string held;
+    held.swap(st->held);
+    // Version (2 bytes), then operation-id. A body too short to hold one goes
+    // on: the library refuses it as the bad request it is.
+    if (held.size() >= 4) {
+        const uint16_t op = static_cast<uint16_t>((static_cast<unsigned char>(held[2]) << 8) |
+                                                  static_cast<unsigned char>(held[3]));
+        if (operationNeedsAuthentication(op)) {
+            // Answered once the upload is in (the rest of it is dropped).
+            st->done = true;
+            st->failStatus = conn->secure || conn->local ? MHD_HTTP_UNAUTHORIZED : MHD_HTTP_FORBIDDEN;
+            return;
+        }
+    }
+    const unsigned failed = startRelay(c, conn, st);
+    if (failed != 0) {
+        st->done = true;
+        st->failStatus = failed;
+        return;
+    }
+    if (!held.empty()) relayBody(c, conn, st, reinterpret_cast<const unsigned char*>(held.data()), held.size());
 }
 
 void cmp_ipp_frontend::impl::takeEarlyReply(connection_state* conn, request_state* st) {
@@ -306,13 +439,19 @@ void cmp_ipp_frontend::impl::takeEarlyReply(connection_state* conn, request_stat
     st->done = true;
 }
 
-void cmp_ipp_frontend::impl::relayBody(connection_state* conn, request_state* st, const unsigned char* data,
-                                       size_t length) {
+void cmp_ipp_frontend::impl::relayBody(struct MHD_Connection* c, connection_state* conn, request_state* st,
+                                       const unsigned char* data, size_t length) {
     if (st->done || !st->post) return;  // a GET's body means nothing to the library
+    if (st->awaitingOperation) {
+        st->held.append(reinterpret_cast<const char*>(data), length);
+        if (st->held.size() >= 4) decideOperation(c, conn, st);
+        return;
+    }
     if (conn->relay.replyWaiting() || !conn->relay.addBody(data, length)) takeEarlyReply(conn, st);
 }
 
-void cmp_ipp_frontend::impl::finish(connection_state* conn, request_state* st) {
+void cmp_ipp_frontend::impl::finish(struct MHD_Connection* c, connection_state* conn, request_state* st) {
+    if (st->awaitingOperation) decideOperation(c, conn, st);
     if (st->done) return;
     relay_connection& relay = conn->relay;
     if (st->post && (relay.replyWaiting() || !relay.endBody())) {
@@ -331,7 +470,9 @@ void cmp_ipp_frontend::impl::finish(connection_state* conn, request_state* st) {
 }
 
 MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_state* st) {
-    if (st->failStatus != 0) return queueText(c, st->failStatus, "IPP service failed\n");
+    if (st->failStatus == MHD_HTTP_UNAUTHORIZED || st->failStatus == MHD_HTTP_FORBIDDEN)
+        return queueAuthFailure(c, st->failStatus, challenge);
+    if (st->failStatus != 0) return queueText(c, st->failStatus, st->failText);
     const relay_reply& reply = st->reply;
     const unsigned status = httpStatusFor(reply.status);
 
@@ -363,7 +504,8 @@ MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_sta
     }
     // A 401 without a challenge leaves a client no way to authenticate.
     if (status == MHD_HTTP_UNAUTHORIZED && !haveChallenge)
-        MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Basic realm=\"IPP\"");
+        MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
+                                opts.auth ? challenge.c_str() : "Basic realm=\"IPP\"");
     if (status == MHD_HTTP_METHOD_NOT_ALLOWED) MHD_add_response_header(r, MHD_HTTP_HEADER_ALLOW, kAllowed);
     const MHD_Result rc = MHD_queue_response(c, status, r);
     MHD_destroy_response(r);
@@ -388,11 +530,11 @@ MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c
         return self->begin(c, conn, st, url, method, version);
     }
     if (*uploadSize > 0) {
-        self->relayBody(conn, st, reinterpret_cast<const unsigned char*>(upload), *uploadSize);
+        self->relayBody(c, conn, st, reinterpret_cast<const unsigned char*>(upload), *uploadSize);
         *uploadSize = 0;
         return MHD_YES;
     }
-    self->finish(conn, st);
+    self->finish(c, conn, st);
     return self->respond(c, st);
 }
 
@@ -419,8 +561,13 @@ void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection* c, v
     if (toe == MHD_CONNECTION_NOTIFY_STARTED) {
         const union MHD_ConnectionInfo* fd = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
         const uint64_t id = fd != nullptr ? self->gate.attach(fd->connect_fd) : 0;
-        *socketCtx = new connection_state(self->opts.relayTimeoutMs, &self->stopping, self->opts.connectRetryMs,
-                                          &self->trust, id);
+        connection_state* conn = new connection_state(self->opts.relayTimeoutMs, &self->stopping,
+                                                      self->opts.connectRetryMs, &self->trust, id);
+        const union MHD_ConnectionInfo* di = MHD_get_connection_info(c, MHD_CONNECTION_INFO_DAEMON);
+        conn->secure = di != nullptr && di->daemon != nullptr && di->daemon == self->tlsDaemon;
+        const union MHD_ConnectionInfo* ci = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+        conn->local = ci != nullptr && isLoopback(ci->client_addr);
+        *socketCtx = conn;
     } else {
         connection_state* conn = static_cast<connection_state*>(*socketCtx);
         if (conn != nullptr) self->gate.closed(conn->admissionId);
@@ -438,36 +585,60 @@ bool cmp_ipp_frontend::open(std::string* error) {
     return d.gate.open(d.opts.bindAddress, d.opts.port, error);
 }
 
-bool cmp_ipp_frontend::start(std::string* error) {
-    impl& d = *m_impl;
-    if (d.daemon != nullptr) return true;
-    if (!open(error)) return false;
-    d.stopping = false;
+struct MHD_Daemon* cmp_ipp_frontend::impl::startDaemon(bool tls) {
     // No listening socket of its own: the gate accepts and hands admitted
     // sockets over. Its own limit is above ours, so that connections on their
     // way out (cut by the watchdog, not yet cleaned up) never make it refuse one
     // that the gate admitted.
     const unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL |
-                           MHD_USE_ERROR_LOG | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
-    d.daemon = MHD_start_daemon(
-        flags, 0, nullptr, nullptr, &impl::onRequest, &d, MHD_OPTION_CONNECTION_LIMIT, 2 * d.opts.connectionLimit + 16,
-        MHD_OPTION_CONNECTION_TIMEOUT, d.opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &impl::onCompleted, &d,
-        MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, &d, MHD_OPTION_END);
-    if (d.daemon == nullptr) {
-        if (error != nullptr) *error = "cannot start the HTTP server";
+                           MHD_USE_ERROR_LOG | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC | (tls ? MHD_USE_TLS : 0);
+    const unsigned limit = 2 * opts.connectionLimit + 16;
+    if (!tls) {
+        return MHD_start_daemon(flags, 0, nullptr, nullptr, &impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
+                                MHD_OPTION_CONNECTION_TIMEOUT, opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+                                &impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, this,
+                                MHD_OPTION_END);
+    }
+    return MHD_start_daemon(flags, 0, nullptr, nullptr, &impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
+                            MHD_OPTION_CONNECTION_TIMEOUT, opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+                            &impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, this,
+                            MHD_OPTION_HTTPS_MEM_KEY, opts.tlsKeyPem.c_str(), MHD_OPTION_HTTPS_MEM_CERT,
+                            opts.tlsCertificatePem.c_str(), MHD_OPTION_HTTPS_PRIORITIES, kTlsPriorities,
+                            MHD_OPTION_END);
+}
+
+bool cmp_ipp_frontend::start(std::string* error) {
+    impl& d = *m_impl;
+    if (d.started) return true;
+    const bool tls = !d.opts.tlsCertificatePem.empty() && !d.opts.tlsKeyPem.empty();
+    if (!tls && !d.opts.plainHttp) {
+        if (error != nullptr) *error = "plain HTTP is off, and there is no TLS certificate";
         return false;
     }
-    struct MHD_Daemon* daemon = d.daemon;
-    const bool started = d.gate.start(
-        [daemon](int fd, const struct sockaddr* addr, socklen_t length) {
+    if (!open(error)) return false;
+    d.stopping = false;
+    if (d.opts.plainHttp) d.daemon = d.startDaemon(false);
+    if (tls) d.tlsDaemon = d.startDaemon(true);
+    if ((d.opts.plainHttp && d.daemon == nullptr) || (tls && d.tlsDaemon == nullptr)) {
+        if (error != nullptr)
+            *error = d.opts.plainHttp && d.daemon == nullptr ? "cannot start the HTTP server"
+                                                              : "cannot start the HTTPS server (certificate or key?)";
+        stop();
+        return false;
+    }
+    const auto handOverTo = [](struct MHD_Daemon* daemon) -> connection_gate::hand_over {
+        if (daemon == nullptr) return nullptr;
+        return [daemon](int fd, const struct sockaddr* addr, socklen_t length) {
             return MHD_add_connection(daemon, fd, addr, length) == MHD_YES;
-        },
-        error);
+        };
+    };
+    const bool started = tls ? d.gate.start(handOverTo(d.daemon), handOverTo(d.tlsDaemon), error)
+                             : d.gate.start(handOverTo(d.daemon), error);
     if (!started) {
-        MHD_stop_daemon(d.daemon);
-        d.daemon = nullptr;
+        stop();
         return false;
     }
+    d.started = true;
     return true;
 }
 
@@ -476,11 +647,16 @@ void cmp_ipp_frontend::stop() {
     d.stopping = true;  // relay waits end within one slice
     d.gate.stopAccepting();
     if (d.daemon != nullptr) MHD_stop_daemon(d.daemon);
+    if (d.tlsDaemon != nullptr) MHD_stop_daemon(d.tlsDaemon);
     d.daemon = nullptr;
+    d.tlsDaemon = nullptr;
+    d.started = false;
     d.gate.release();
 }
 
-bool cmp_ipp_frontend::running() const { return m_impl->daemon != nullptr; }
+bool cmp_ipp_frontend::running() const { return m_impl->started; }
+
+bool cmp_ipp_frontend::tls() const { return m_impl->tlsDaemon != nullptr; }
 
 uint16_t cmp_ipp_frontend::port() const { return m_impl->gate.port(); }
 

@@ -13,6 +13,10 @@
 #include <string>
 #include <vector>
 
+namespace cmp_ipp_fe {
+class basic_auth;
+}
+
 class cmp_ipp_frontend {
 public:
     struct options {
@@ -44,6 +48,20 @@ public:
         std::vector<uid_t> trustedUids;
         // Messages about the service (an untrusted socket); standard error when empty.
         std::function<void(const std::string&)> log;
+
+        // TLS: the server's certificate (chain) and private key in PEM. With
+        // both set, clients may speak TLS on the same port (a connection's
+        // first byte tells); with plainHttp false, clients must.
+        std::string tlsCertificatePem;
+        std::string tlsKeyPem;
+        bool plainHttp = true;
+        // HTTP Basic authentication of every IPP operation that is not a query
+        // (see cmp_ipp_auth.h); none when null. The user's name goes to the
+        // library in the REMOTE_USER field, the credentials themselves do not.
+        // Credentials travel in the clear over plain HTTP, so there they are
+        // taken from clients on this machine only: others get 403 and must use TLS.
+        std::shared_ptr<const cmp_ipp_fe::basic_auth> auth;
+        std::string authRealm = "Printer";
     };
 
     explicit cmp_ipp_frontend(const options& opts);
@@ -62,6 +80,7 @@ public:
     bool running() const;
     // The bound TCP port (the real one when options::port was 0); 0 when not open.
     uint16_t port() const;
+    bool tls() const;
     const std::string& socketPath() const;
 
 private:

@@ -72,7 +72,7 @@ const header_name kHeaderNames[] = {
 // Most important first: credentials and the addressing the handler builds URIs
 // from must survive when a client sends more headers than a record holds.
 const int32_t kPriority[] = {
-    CMP_IPP_IF_HDR_AUTHORIZATION,   CMP_IPP_IF_HDR_HOST,           CMP_IPP_IF_HDR_CLIENT_ZONE,
+    CMP_IPP_IF_HDR_AUTHORIZATION,   CMP_IPP_IF_HDR_REMOTE_USER,    CMP_IPP_IF_HDR_HOST,           CMP_IPP_IF_HDR_CLIENT_ZONE,
     CMP_IPP_IF_HDR_REQUEST_URI,     CMP_IPP_IF_HDR_CONTENT_TYPE,   CMP_IPP_IF_HDR_REMOTE_ADDR,
     CMP_IPP_IF_HDR_CONTENT_LENGTH,  CMP_IPP_IF_HDR_TRANSFER_ENCODING, CMP_IPP_IF_HDR_CONNECTION,
     CMP_IPP_IF_HDR_ACCEPT_LANGUAGE, CMP_IPP_IF_HDR_USER_AGENT,     CMP_IPP_IF_HDR_LOCAL_ADDR,

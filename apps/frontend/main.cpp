@@ -9,14 +9,17 @@
 
 #include <string>
 
+#include "cmp_ipp_auth.h"
 #include "cmp_ipp_frontend.h"
 #include "cmp_ipp_relay.h"
+#include "cmp_ipp_tls.h"
 
 namespace {
 
 void usage(FILE* out, const char* argv0) {
     fprintf(out,
-            "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--trust-uid UID]... [--help]\n"
+            "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--trust-uid UID]...\n"
+            "       [--tls-cert FILE --tls-key FILE [--tls-only]] [--auth-file FILE] [--help]\n"
             "Relays HTTP/IPP requests to the IPP library's Unix-domain socket.\n"
             "  --port N          TCP port (default 8631; 0 picks a free one)\n"
             "  --bind ADDRESS    numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
@@ -24,6 +27,11 @@ void usage(FILE* out, const char* argv0) {
             "                    (default: $GEN_UNIX_PATH, else /tmp/)\n"
             "  --trust-uid UID   also relay to a socket served by this user (number or name;\n"
             "                    repeatable). By default only this user's and root's are used.\n"
+            "  --tls-cert FILE   TLS certificate (PEM): HTTPS on the same port as HTTP\n"
+            "  --tls-key FILE    its private key (PEM)\n"
+            "  --tls-only        HTTPS only\n"
+            "  --auth-file FILE  IPP operations other than queries need a user and password\n"
+            "                    (HTTP Basic) from FILE: lines \"user:HASH\", HASH from crypt(3)\n"
             "  --help            this text\n",
             argv0);
 }
@@ -59,9 +67,14 @@ int main(int argc, char** argv) {
         {"bind", required_argument, nullptr, 'b'},
         {"socket-dir", required_argument, nullptr, 's'},
         {"trust-uid", required_argument, nullptr, 'u'},
+        {"tls-cert", required_argument, nullptr, 'C'},
+        {"tls-key", required_argument, nullptr, 'K'},
+        {"tls-only", no_argument, nullptr, 'T'},
+        {"auth-file", required_argument, nullptr, 'A'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
+    std::string certFile, keyFile, authFile;
     int c;
     while ((c = getopt_long(argc, argv, "p:b:s:u:h", longOpts, nullptr)) != -1) {
         switch (c) {
@@ -89,6 +102,10 @@ int main(int argc, char** argv) {
             opts.trustedUids.push_back(uid);
             break;
         }
+        case 'C': certFile = optarg; break;
+        case 'K': keyFile = optarg; break;
+        case 'T': opts.plainHttp = false; break;
+        case 'A': authFile = optarg; break;
         case 'h':
             usage(stdout, argv[0]);
             return 0;
@@ -97,9 +114,26 @@ int main(int argc, char** argv) {
             return 2;
         }
     }
-    if (optind < argc) {
+    if (optind < argc || certFile.empty() != keyFile.empty() || (!opts.plainHttp && certFile.empty())) {
         usage(stderr, argv[0]);
         return 2;
+    }
+    std::string error;
+    if (!certFile.empty()) {
+        cmp_ipp_fe::tls_identity id;
+        if (!cmp_ipp_fe::loadTlsIdentity(certFile, keyFile, &id, &error)) {
+            fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+            return 1;
+        }
+        opts.tlsCertificatePem = id.certificatePem;
+        opts.tlsKeyPem = id.keyPem;
+    }
+    if (!authFile.empty()) {
+        opts.auth = cmp_ipp_fe::basic_auth::load(authFile, &error);
+        if (!opts.auth) {
+            fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
+            return 1;
+        }
     }
 
     // Block the stop signals before any thread starts, so that every thread
@@ -113,13 +147,13 @@ int main(int argc, char** argv) {
     const std::string name = argv[0];
     opts.log = [name](const std::string& message) { fprintf(stderr, "%s: %s\n", name.c_str(), message.c_str()); };
     cmp_ipp_frontend frontend(opts);
-    std::string error;
     if (!frontend.start(&error)) {
         fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
         return 1;
     }
-    fprintf(stderr, "%s: listening on %s port %u, relaying to %s\n", argv[0], opts.bindAddress.c_str(),
-            static_cast<unsigned>(frontend.port()), frontend.socketPath().c_str());
+    fprintf(stderr, "%s: listening on %s port %u (%s), relaying to %s\n", argv[0], opts.bindAddress.c_str(),
+            static_cast<unsigned>(frontend.port()),
+            !frontend.tls() ? "HTTP" : opts.plainHttp ? "HTTP and HTTPS" : "HTTPS", frontend.socketPath().c_str());
 
     int sig = 0;
     sigwait(&stopSignals, &sig);

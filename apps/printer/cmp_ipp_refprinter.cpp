@@ -141,9 +141,16 @@ Printer::Printer(Config config) : m_config(std::move(config)), m_handler(*this) 
     m_nextJobId = m_config.firstJobId > 0 ? m_config.firstJobId : 1;
     m_stateChangeMs = m_startMs;
     m_lastFinishMs = m_startMs;
+    const std::string& first = m_config.uris[0];
+    const std::string authority = authorityOf(first);
+    m_webBase = (first.compare(0, 5, "ipps:") == 0 ? "https://" : "http://") + authority + "/";
+    const size_t scheme = first.find("//");
+    const size_t path = scheme == std::string::npos ? std::string::npos : first.find('/', scheme + 2);
+    m_printerPath = path == std::string::npos ? "/" : first.substr(path);
     m_obj.setName(m_config.name.c_str());
     buildAttributes();
     m_encodedAttrs = encodePrinterAttrs(m_obj.m_attrs, true);
+    buildPageParts();
 }
 
 Printer::~Printer() {
@@ -155,13 +162,12 @@ Printer::~Printer() {
 
 void Printer::buildAttributes() {
     cmp_ipp_attrs& a = m_obj.m_attrs;
-    const std::string host = authorityOf(m_config.uris[0]);
-    const std::string web = "http://" + host + "/";
+    const std::string& web = m_webBase;
     std::vector<std::string> security;
     std::vector<std::string> authentication;
     for (const std::string& u : m_config.uris) {
         security.push_back(u.compare(0, 5, "ipps:") == 0 ? "tls" : "none");
-        authentication.push_back("none");
+        authentication.push_back(m_config.uriAuthentication.empty() ? "none" : m_config.uriAuthentication);
     }
 
     append(a, texts(CMP_IPP_TAG_CHARSET, "charset-configured", {"utf-8"}));
@@ -405,12 +411,12 @@ void Printer::statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const {
     const StatusKey k = statusKeyLocked(now);
     append(out, dateTime("printer-current-time", static_cast<time_t>(m_startWall + k.elapsedS)));
     append(out, boolean("printer-is-accepting-jobs", k.accepting));
-    append(out, enums("printer-state", {k.printing ? 4 : 3}));
+    append(out, enums("printer-state", {printerState(k)}));
     append(out, dateTime("printer-state-change-date-time",
                          static_cast<time_t>(m_startWall + (k.stateChangeMs - m_startMs) / 1000)));
     append(out, integer("printer-state-change-time", upTime(k.stateChangeMs)));
-    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", k.printing ? "Printing." : "Idle."));
-    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", {"none"}));
+    append(out, text(CMP_IPP_TAG_TEXT, "printer-state-message", printerStateMessage(k)));
+    append(out, texts(CMP_IPP_TAG_KEYWORD, "printer-state-reasons", printerStateReasons(k)));
     append(out, integer("printer-up-time", static_cast<int32_t>(k.elapsedS) + 1));
     append(out, integer("queued-job-count", k.queued));
 }
@@ -434,9 +440,7 @@ void Printer::jobAttrsLocked(const Job& job, cmp_ipp_attrs& out, int64_t now,
     if (keep("job-uri")) append(out, text(CMP_IPP_TAG_URI, "job-uri", jobUri(job.id)));
     if (keep("job-uuid")) append(out, text(CMP_IPP_TAG_URI, "job-uuid", job.uuid));
     if (keep("job-printer-uri")) append(out, text(CMP_IPP_TAG_URI, "job-printer-uri", m_config.uris[0]));
-    if (keep("job-more-info")) {
-        append(out, text(CMP_IPP_TAG_URI, "job-more-info", "http://" + authorityOf(m_config.uris[0]) + "/"));
-    }
+    if (keep("job-more-info")) append(out, text(CMP_IPP_TAG_URI, "job-more-info", m_webBase + "jobs/" + std::to_string(job.id)));
     if (keep("job-name")) append(out, text(CMP_IPP_TAG_NAME, "job-name", job.name));
     if (keep("job-originating-user-name")) append(out, text(CMP_IPP_TAG_NAME, "job-originating-user-name", job.user));
     if (keep("job-state")) append(out, enums("job-state", {static_cast<int32_t>(job.state)}));

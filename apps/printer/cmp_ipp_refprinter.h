@@ -40,9 +40,14 @@ struct Config {
     std::string location;
     std::string makeAndModel = "Reference Printer R1";
     std::string deviceId = "MFG:Reference;MDL:Printer R1;CMD:PDF,POSTSCRIPT,JPEG,PWGRaster;";
-    // printer-uri-supported; the first one is the base of every job-uri. An
-    // "ipps" URI is advertised with uri-security "tls".
+    // printer-uri-supported; the first one is the base of every job-uri and of
+    // the web pages' addresses (https for an "ipps" URI). An "ipps" URI is
+    // advertised with uri-security "tls".
     std::vector<std::string> uris{"ipp://localhost:631/ipp/print"};
+    // uri-authentication-supported of every URI: "none", or "basic" when the
+    // front end asks job operations for a user and password (the user's name
+    // then comes in the request's REMOTE_USER field and owns the job).
+    std::string uriAuthentication = "none";
     // "urn:uuid:..."; derived from the name when empty.
     std::string uuid;
     // Documents land here as job-<id>-doc-<n>.<ext>, kept as they came: a
@@ -130,8 +135,20 @@ public:
     size_t streamCount() const;
     std::string jobUri(int32_t id) const;
 
-    // The printer's attributes as an HTML page, with the job list.
+    // The printer's attributes as an HTML page, with the job list: the
+    // diagnostic page.
     std::string htmlPage();
+    // The page people read: name, state and reasons in words, what the printer
+    // accepts, the jobs with their states in words, links to the attribute page
+    // and to each job's page. Every text a client sent is escaped.
+    std::string statusPage();
+    // One job's page; false when there is no such job.
+    bool jobPage(int32_t id, std::string* out);
+    // The page for a URL path: the diagnostic page for "/attributes" and for
+    // no path (a caller of the library's own), the status page for "/" and the
+    // printer's own path, a job's page for "/jobs/<id>" and "<printer path>/<id>".
+    // False for any other path and for a job that is not there.
+    bool webPage(const std::string& path, std::string* out);
 
 private:
     // The operations work on the job table and stream records directly.
@@ -160,6 +177,11 @@ private:
         }
     };
     StatusKey statusKeyLocked(int64_t now) const;
+    // printer-state, printer-state-message and printer-state-reasons for a key:
+    // the status attributes and the status page say the same.
+    static int32_t printerState(const StatusKey& k) { return k.printing ? 4 : 3; }
+    static const char* printerStateMessage(const StatusKey& k) { return k.printing ? "Printing." : "Idle."; }
+    static std::vector<std::string> printerStateReasons(const StatusKey&) { return {"none"}; }
     // The printer's status attributes as they are now. Needs m_mutex.
     void statusAttrsLocked(cmp_ipp_attrs& out, int64_t now) const;
     // The same in wire form, made again only when the key changes. Needs m_mutex.
@@ -171,6 +193,9 @@ private:
     std::string spoolPath(int32_t jobId, int32_t doc, const std::string& format,
                           const std::string& compression) const;
     void buildAttributes();
+    // The parts of the status page that never change, made once from the
+    // printer's attributes.
+    void buildPageParts();
 
     Config m_config;
     cmp_ipp_obj m_obj;
@@ -181,6 +206,11 @@ private:
     // m_obj's attributes in wire form; they never change once built.
     std::unique_ptr<const EncodedPrinterAttrs> m_encodedAttrs;
     std::atomic<bool> m_encodedReplies{true};
+    std::string m_webBase;      // "http://host:port/" (https for an ipps printer)
+    std::string m_printerPath;  // "/ipp/print"
+    std::string m_pageHead;     // status page: up to the status section
+    std::string m_pageFixed;    // what it accepts, supplies, addresses
+    std::string m_pageTail;     // the footer
 
     mutable std::mutex m_mutex;  // guards everything below
     std::map<int32_t, std::unique_ptr<Job>> m_jobs;

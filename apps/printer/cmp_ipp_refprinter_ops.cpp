@@ -17,6 +17,7 @@
 #include "cmp_ipp_refprinter.h"
 #include "cmp_ipp_refprinter_attrs.h"
 #include "cmp_ipp_refprinter_internal.h"
+#include "containers/cmp_ipp_if.h"
 
 namespace refprinter {
 
@@ -55,6 +56,10 @@ enum : int16_t {
     kCloseJob = 0x003B,
     kIdentifyPrinter = 0x003C,
 };
+
+// A header field's text as the transport hands it over: up to 2023 characters
+// and the terminator.
+const size_t kFieldText = 2024;
 
 // Terminal jobs kept for Get-Jobs; older ones are forgotten.
 const size_t kKeptTerminalJobs = 200;
@@ -306,7 +311,15 @@ private:
         const cmp_ipp_attr* a = opAttr(name);
         return a != nullptr && a->m_numValues > 0 && a->m_type == CMP_IPP_TAG_BOOLEAN ? wordOf(*a) != 0 : fallback;
     }
-    std::string user() const { return opText("requesting-user-name", "anonymous"); }
+    // The user the front end authenticated, else the one the client names.
+    std::string user() const {
+        unsigned char remote[kFieldText] = {0};
+        if (m_req.cmp_ipp_msg_get_if_data(CMP_IPP_IF_HDR_REMOTE_USER, remote) && remote[0] != '\0') {
+            return std::string(reinterpret_cast<const char*>(remote), strnlen(reinterpret_cast<const char*>(remote),
+                                                                              sizeof remote));
+        }
+        return opText("requesting-user-name", "anonymous");
+    }
     std::string documentFormat() const {
         const cmp_ipp_attr* d = printerAttr("document-format-default");
         return opText("document-format", d != nullptr ? textOf(*d) : "application/octet-stream");
@@ -1251,7 +1264,19 @@ void Handler::abortRequest(cmp_ipp_streamed_ctx* ctx, void*) { Operations(m_prin
 cmp_ipp_buf Handler::finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t fmt, void*) {
     if (ctx != nullptr) Operations(m_printer, ctx).finish();
     if (fmt == cmp_ipp_manager::CMP_IPP_REPLY_FMT_HTML) {
-        const std::string page = m_printer.htmlPage();
+        // The front end says which page in the request's URI field; the
+        // library's own callers name none and get the attribute page.
+        std::string path;
+        if (ctx != nullptr) {
+            unsigned char uri[kFieldText] = {0};
+            if (ctx->m_request.cmp_ipp_msg_get_if_data(CMP_IPP_IF_HDR_REQUEST_URI, uri))
+                path.assign(reinterpret_cast<const char*>(uri), strnlen(reinterpret_cast<const char*>(uri), sizeof uri));
+        }
+        std::string page;
+        if (!m_printer.webPage(path, &page)) {
+            if (ctx != nullptr) ctx->m_response.cmp_ipp_msg_set_if_reply_code(CMP_IPP_IF_RC_NOT_FOUND);
+            page = "Not Found";
+        }
         return cmp_ipp_buf(page.c_str(), true);
     }
     if (ctx == nullptr) return cmp_ipp_buf(true);

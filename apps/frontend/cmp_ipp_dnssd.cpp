@@ -1,0 +1,294 @@
+// Everything Avahi calls back runs in the threaded poll's own thread, with the
+// poll's lock held; the members below the "poll thread" line are touched only
+// there (or before start and after stop). What other threads may ask (name,
+// announced) is kept apart under a mutex of its own.
+#include "cmp_ipp_dnssd.h"
+
+#include <avahi-client/client.h>
+#include <avahi-client/publish.h>
+#include <avahi-common/alternative.h>
+#include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
+#include <avahi-common/thread-watch.h>
+#include <avahi-common/timeval.h>
+#include <stdio.h>
+#include <sys/socket.h>
+
+#include <mutex>
+
+// Under the thread sanitizer: libdbus takes two of its own locks in one order
+// when Avahi's client connects and in the other when it closes, from one
+// thread, and the sanitizer reports that as a possible deadlock. It lies wholly
+// inside libdbus (which serialises the two paths itself); reports whose stacks
+// lie elsewhere still count. The sanitizer calls this; other builds never do.
+extern "C" const char* __tsan_default_suppressions() { return "deadlock:libdbus-1.so\n"; }
+
+namespace cmp_ipp_fe {
+
+struct dnssd_publisher::impl {
+    explicit impl(const options& o) : opts(o), name(o.name) {}
+
+    options opts;
+    AvahiThreadedPoll* poll = nullptr;
+
+    // ---- poll thread ----
+    AvahiClient* client = nullptr;
+    AvahiEntryGroup* group = nullptr;
+    AvahiTimeout* retry = nullptr;
+    std::string name;
+    bool replaceClient = false;  // the client failed; a new one is made from the timer
+    enum class said { nothing, noDaemon, waiting, announced, lost } lastSaid = said::nothing;
+
+    // ---- any thread ----
+    mutable std::mutex stateLock;
+    std::string publicName;
+    bool isAnnounced = false;
+
+    void log(const std::string& m) const {
+        if (opts.log) {
+            opts.log(m);
+        } else {
+            fprintf(stderr, "%s\n", m.c_str());
+        }
+    }
+    // Says what changed, once per change.
+    void tell(said what, const std::string& m) {
+        if (what == lastSaid) return;
+        lastSaid = what;
+        log(m);
+    }
+    void publish(const std::string& n, bool established) {
+        std::lock_guard<std::mutex> g(stateLock);
+        publicName = n;
+        isAnnounced = established;
+    }
+    std::string typesText() const {
+        std::string t;
+        for (const dnssd_service& s : opts.services) t += (t.empty() ? "" : ", ") + s.type;
+        return t;
+    }
+    AvahiIfIndex interfaceIndex() const {
+        return opts.interfaceIndex < 0 ? AVAHI_IF_UNSPEC : static_cast<AvahiIfIndex>(opts.interfaceIndex);
+    }
+    AvahiProtocol protocol() const {
+        if (opts.family == AF_INET) return AVAHI_PROTO_INET;
+        return opts.family == AF_INET6 ? AVAHI_PROTO_INET6 : AVAHI_PROTO_UNSPEC;
+    }
+
+    void scheduleRetry(int ms) {
+        if (retry == nullptr) return;
+        struct timeval tv;
+        avahi_elapse_time(&tv, static_cast<unsigned>(ms), 0);
+        avahi_threaded_poll_get(poll)->timeout_update(retry, &tv);
+    }
+    void dropGroup() {
+        if (group != nullptr) avahi_entry_group_free(group);
+        group = nullptr;
+        publish(name, false);
+    }
+
+    void createClient() {
+        int error = 0;
+        replaceClient = false;
+        client = avahi_client_new(avahi_threaded_poll_get(poll), AVAHI_CLIENT_NO_FAIL, &impl::onClient, this, &error);
+        if (client == nullptr) {
+            // No system bus at all: Avahi cannot even wait for its daemon.
+            tell(said::noDaemon, std::string("DNS-SD: not announced, no Avahi daemon (") + avahi_strerror(error) +
+                                     "). The printer serves as usual and is announced once avahi-daemon runs.");
+            scheduleRetry(opts.retryMs);
+        }
+    }
+
+    void registerServices(AvahiClient* c) {
+        if (group == nullptr) group = avahi_entry_group_new(c, &impl::onGroup, this);
+        if (group == nullptr) {
+            log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(avahi_client_errno(c)));
+            scheduleRetry(opts.retryMs);
+            return;
+        }
+        if (!avahi_entry_group_is_empty(group)) return;
+        // A name already announced from this machine (another printer) is
+        // refused here at once, rather than reported as a collision later.
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            const int rc = addAll();
+            if (rc == AVAHI_OK) break;
+            if (rc != AVAHI_ERR_COLLISION) {
+                log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(rc));
+                avahi_entry_group_reset(group);
+                scheduleRetry(opts.retryMs);
+                return;
+            }
+            rename();
+            avahi_entry_group_reset(group);
+        }
+        const int rc = avahi_entry_group_commit(group);
+        if (rc < 0) {
+            log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(rc));
+            scheduleRetry(opts.retryMs);
+        }
+    }
+
+    int addAll() {
+        for (const dnssd_service& s : opts.services) {
+            AvahiStringList* txt = nullptr;
+            // Prepended, so built from the last entry back to keep the order.
+            for (auto it = s.txt.rbegin(); it != s.txt.rend(); ++it) txt = avahi_string_list_add(txt, it->c_str());
+            const AvahiPublishFlags none = static_cast<AvahiPublishFlags>(0);
+            int rc = avahi_entry_group_add_service_strlst(group, interfaceIndex(), protocol(), none, name.c_str(),
+                                                          s.type.c_str(), nullptr, nullptr, s.port, txt);
+            avahi_string_list_free(txt);
+            if (rc < 0) return rc;
+            for (const std::string& sub : s.subtypes) {
+                rc = avahi_entry_group_add_service_subtype(group, interfaceIndex(), protocol(), none, name.c_str(),
+                                                           s.type.c_str(), nullptr, sub.c_str());
+                if (rc < 0) return rc;
+            }
+        }
+        return AVAHI_OK;
+    }
+
+    void rename() {
+        char* next = avahi_alternative_service_name(name.c_str());
+        const std::string old = name;
+        if (next != nullptr) {
+            name = next;
+            avahi_free(next);
+        }
+        log("DNS-SD: the name \"" + old + "\" is taken; announcing as \"" + name + "\"");
+        publish(name, false);
+    }
+
+    static void onClient(AvahiClient* c, AvahiClientState state, void* self) {
+        impl* d = static_cast<impl*>(self);
+        switch (state) {
+        case AVAHI_CLIENT_S_RUNNING:
+            d->registerServices(c);
+            break;
+        case AVAHI_CLIENT_S_COLLISION:
+        case AVAHI_CLIENT_S_REGISTERING:
+            // The host's own name is being settled: announce again once it is.
+            if (d->group != nullptr) avahi_entry_group_reset(d->group);
+            d->publish(d->name, false);
+            break;
+        case AVAHI_CLIENT_CONNECTING:
+            // Only with a system bus and no daemon on it (yet, or any more).
+            d->dropGroup();
+            if (d->lastSaid == said::announced) {
+                d->tell(said::lost, "DNS-SD: the Avahi daemon went away; the printer serves on and is announced "
+                                    "again when the daemon returns.");
+            } else {
+                d->tell(said::waiting, "DNS-SD: not announced, avahi-daemon is not running. The printer serves as "
+                                       "usual and is announced once avahi-daemon runs.");
+            }
+            break;
+        case AVAHI_CLIENT_FAILURE:
+            // The bus itself went away: this client is done; a new one is made
+            // from the timer (not from inside its own callback).
+            d->dropGroup();
+            d->tell(said::lost, std::string("DNS-SD: lost the Avahi daemon (") + avahi_strerror(avahi_client_errno(c)) +
+                                    "); the printer serves on and is announced again when it returns.");
+            d->replaceClient = true;
+            d->scheduleRetry(0);
+            break;
+        }
+    }
+
+    static void onGroup(AvahiEntryGroup* g, AvahiEntryGroupState state, void* self) {
+        impl* d = static_cast<impl*>(self);
+        if (g != d->group && d->group != nullptr) return;
+        switch (state) {
+        case AVAHI_ENTRY_GROUP_ESTABLISHED:
+            d->publish(d->name, true);
+            d->lastSaid = said::nothing;  // so that a later loss is told
+            d->tell(said::announced, "DNS-SD: announced as \"" + d->name + "\" (" + d->typesText() + ")");
+            break;
+        case AVAHI_ENTRY_GROUP_COLLISION:
+            // Someone else on the network has the name.
+            d->rename();
+            avahi_entry_group_reset(g);
+            d->registerServices(avahi_entry_group_get_client(g));
+            break;
+        case AVAHI_ENTRY_GROUP_FAILURE:
+            d->log(std::string("DNS-SD: announcement failed: ") +
+                   avahi_strerror(avahi_client_errno(avahi_entry_group_get_client(g))) + "; trying again");
+            d->publish(d->name, false);
+            d->scheduleRetry(d->opts.retryMs);
+            break;
+        case AVAHI_ENTRY_GROUP_UNCOMMITED:
+        case AVAHI_ENTRY_GROUP_REGISTERING:
+            break;
+        }
+    }
+
+    static void onRetry(AvahiTimeout*, void* self) {
+        impl* d = static_cast<impl*>(self);
+        if (d->replaceClient && d->client != nullptr) {
+            d->dropGroup();
+            avahi_client_free(d->client);
+            d->client = nullptr;
+        }
+        if (d->client == nullptr) {
+            d->createClient();
+            return;
+        }
+        if (avahi_client_get_state(d->client) != AVAHI_CLIENT_S_RUNNING) return;
+        if (d->group != nullptr && avahi_entry_group_get_state(d->group) == AVAHI_ENTRY_GROUP_FAILURE) {
+            avahi_entry_group_reset(d->group);
+        }
+        d->registerServices(d->client);
+    }
+};
+
+dnssd_publisher::dnssd_publisher(const options& opts) : m_impl(new impl(opts)) {
+    m_impl->publicName = opts.name;
+}
+
+dnssd_publisher::~dnssd_publisher() { stop(); }
+
+bool dnssd_publisher::start(std::string* error) {
+    impl& d = *m_impl;
+    if (d.poll != nullptr) return true;
+    d.poll = avahi_threaded_poll_new();
+    if (d.poll == nullptr) {
+        if (error != nullptr) *error = "cannot start the DNS-SD thread";
+        return false;
+    }
+    const AvahiPoll* api = avahi_threaded_poll_get(d.poll);
+    d.retry = api->timeout_new(api, nullptr, &impl::onRetry, &d);
+    // Before the thread runs, nothing else touches the client.
+    d.createClient();
+    if (avahi_threaded_poll_start(d.poll) < 0) {
+        if (error != nullptr) *error = "cannot start the DNS-SD thread";
+        stop();
+        return false;
+    }
+    return true;
+}
+
+void dnssd_publisher::stop() {
+    impl& d = *m_impl;
+    if (d.poll == nullptr) return;
+    // After the stop the thread is gone: the rest is ours alone.
+    avahi_threaded_poll_stop(d.poll);
+    if (d.group != nullptr) avahi_entry_group_free(d.group);  // withdraws the services
+    d.group = nullptr;
+    if (d.client != nullptr) avahi_client_free(d.client);
+    d.client = nullptr;
+    if (d.retry != nullptr) avahi_threaded_poll_get(d.poll)->timeout_free(d.retry);
+    d.retry = nullptr;
+    avahi_threaded_poll_free(d.poll);
+    d.poll = nullptr;
+    d.publish(d.name, false);
+}
+
+std::string dnssd_publisher::name() const {
+    std::lock_guard<std::mutex> g(m_impl->stateLock);
+    return m_impl->publicName;
+}
+
+bool dnssd_publisher::announced() const {
+    std::lock_guard<std::mutex> g(m_impl->stateLock);
+    return m_impl->isAnnounced;
+}
+
+}  // namespace cmp_ipp_fe
