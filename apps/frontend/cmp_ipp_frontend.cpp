@@ -165,7 +165,8 @@ MHD_Result queueAuthFailure(struct MHD_Connection* c, unsigned status, const std
         MHD_create_response_from_buffer(std::strlen(text), const_cast<char*>(text), MHD_RESPMEM_PERSISTENT);
     if (r == nullptr) return MHD_NO;
     MHD_add_response_header(r, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
-    if (status == MHD_HTTP_UNAUTHORIZED) MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE, challenge.c_str());
+    if (status == MHD_HTTP_UNAUTHORIZED)
+        MHD_add_response_header(r, MHD_HTTP_HEADER_WWW_AUTHENTICATE, challenge.c_str());
     const MHD_Result rc = MHD_queue_response(c, status, r);
     MHD_destroy_response(r);
     return rc;
@@ -238,8 +239,8 @@ struct cmp_ipp_frontend::impl {
     void finish(struct MHD_Connection* c, connection_state* conn, request_state* st);
     void takeEarlyReply(connection_state* conn, request_state* st);
     MHD_Result respond(struct MHD_Connection* c, request_state* st);
-    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post, bool keepAlive,
-                               const std::string& user);
+    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post,
+                               bool keepAlive, const std::string& user);
     bool servedPath(const char* url, bool get) const;
     struct MHD_Daemon* startDaemon(bool tls);
 };
