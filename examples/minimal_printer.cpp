@@ -110,8 +110,8 @@ int main() {
     int sig = 0;
     sigwait(&stopSignals, &sig);
 
-    // No new connections, open ones finished; then IPP off; then wait until no
-    // task is still inside the handler before both objects go out of scope.
+    // The socket closed and open connections cut short; then IPP off; then wait
+    // until no task is still inside the handler before both objects go out of scope.
     const int stopped = orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term();
     pn_ipp_stop(0, nullptr);
     cmp_ipp_manager::get()->unregisterHandler(&handler);
