@@ -1,0 +1,152 @@
+// The example printer as a process of its own, spoken to over the library's
+// socket with the test front-end client: what it answers, what it counts, and
+// that it stops cleanly on SIGTERM.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "httpd/httpd_fixture.h"
+
+namespace {
+
+uint16_t be16At(const std::string& s, size_t at) {
+    return static_cast<uint16_t>(static_cast<unsigned char>(s[at]) << 8 | static_cast<unsigned char>(s[at + 1]));
+}
+
+bool contains(const std::string& s, const std::string& part) { return s.find(part) != std::string::npos; }
+
+class MinimalPrinter : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char dir[] = "/tmp/minimal-printer-XXXXXX";
+        ASSERT_NE(mkdtemp(dir), nullptr);
+        dir_ = dir;
+        socket_ = dir_ + "/zyn_ipp_server";
+        int out[2];
+        ASSERT_EQ(pipe(out), 0);
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], 1);
+            close(out[0]);
+            setenv("GEN_UNIX_PATH", (dir_ + "/").c_str(), 1);
+            execl(CMP_IPP_MINIMAL_PRINTER, CMP_IPP_MINIMAL_PRINTER, static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        close(out[1]);
+        out_ = out[0];
+        ASSERT_TRUE(contains(readUntil("running\n", 30000), "minimal_printer: running"));
+    }
+    void TearDown() override {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (out_ >= 0) close(out_);
+        unlink(socket_.c_str());
+        rmdir(dir_.c_str());
+    }
+
+    // Standard output until `until` appears, the program closes it or the time is up.
+    std::string readUntil(const std::string& until, int timeoutMs) {
+        const auto start = Clock::now();
+        while (msSince(start) < timeoutMs && !contains(stdout_, until)) {
+            struct pollfd p = {out_, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0) continue;
+            char buf[256];
+            const ssize_t n = read(out_, buf, sizeof buf);
+            if (n <= 0) break;
+            stdout_.append(buf, static_cast<size_t>(n));
+        }
+        return stdout_;
+    }
+
+    // SIGTERM, then the exit status (or -1 when it did not exit normally).
+    int stop() {
+        kill(pid_, SIGTERM);
+        readUntil("byte(s)\n", 30000);
+        int status = 0;
+        const pid_t waited = waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return waited > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    Reply exchange(const Bytes& ipp) {
+        Client c(socket_);
+        EXPECT_TRUE(c.connected());
+        EXPECT_TRUE(sendIpp(c, ipp));
+        return c.readReply();
+    }
+
+    std::string dir_, socket_, stdout_;
+    pid_t pid_ = -1;
+    int out_ = -1;
+};
+
+TEST_F(MinimalPrinter, AnswersGetPrinterAttributesWithThePrinterObject) {
+    Ipp gpa;
+    gpa.header(1, 1, 0x000B, 41).opGroup().tag(3);
+    const Reply r = exchange(gpa.b);
+    expectIppReply(r, 41);
+    EXPECT_EQ(be16At(r.body, 2), 0x0000) << "successful-ok";
+    for (const char* part : {"attributes-charset", "utf-8", "printer-name", "Minimal Printer", "printer-state",
+                             "operations-supported", "ipp://localhost:8631/ipp/print"})
+        EXPECT_TRUE(contains(r.body, part)) << part;
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(MinimalPrinter, CountsPrintJobBytesAcrossBlocksAndSkipsAbortedUploads) {
+    // The first block carries the request and 1000 document bytes; three more follow.
+    Ipp job;
+    job.header(1, 1, 0x0002, 42).opGroup().tag(3);
+    job.b.insert(job.b.end(), 1000, 'a');
+    {
+        Client c(socket_);
+        ASSERT_TRUE(c.connected());
+        ASSERT_TRUE(c.sendRequest(RequestBlock::post(static_cast<int32_t>(job.b.size() + 15000))));
+        ASSERT_TRUE(c.sendBlock(job.b));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(c.sendBlock(Bytes(5000, static_cast<unsigned char>('b' + i))));
+        ASSERT_TRUE(c.sendEnd());
+        const Reply r = c.readReply();
+        expectIppReply(r, 42);
+        EXPECT_EQ(be16At(r.body, 2), 0x0000);
+        EXPECT_TRUE(contains(r.body, "job-id"));
+        EXPECT_TRUE(contains(r.body, "job-completed-successfully"));
+    }
+    {
+        // An upload cut off before its end block is aborted by the library: no job.
+        Ipp cut;
+        cut.header(1, 1, 0x0002, 43).opGroup().tag(3);
+        Client c(socket_);
+        ASSERT_TRUE(c.connected());
+        ASSERT_TRUE(c.sendRequest(RequestBlock::post(100000)));
+        ASSERT_TRUE(c.sendBlock(cut.b));
+        ASSERT_TRUE(c.sendBlock(Bytes(7000, 'x')));
+    }
+    EXPECT_EQ(stop(), 0);
+    EXPECT_TRUE(contains(stdout_, "minimal_printer: 1 job(s), 16000 byte(s)")) << stdout_;
+}
+
+TEST_F(MinimalPrinter, RefusedOperationsStillCarryTheCharsetAndHtmlComesForGet) {
+    Ipp cancel;
+    cancel.header(1, 1, 0x0008, 44).opGroup().tag(3);  // Cancel-Job: not in operations-supported
+    const Reply r = exchange(cancel.b);
+    expectIppReply(r, 44);
+    EXPECT_EQ(be16At(r.body, 2), 0x0501) << "server-error-operation-not-supported";
+    EXPECT_TRUE(contains(r.body, "attributes-charset")) << "prepareRequest sees failed streams too";
+
+    Client c(socket_);
+    ASSERT_TRUE(c.connected());
+    ASSERT_TRUE(c.sendRequest(RequestBlock::get()));
+    const Reply page = c.readReply();
+    ASSERT_TRUE(page.ok);
+    EXPECT_EQ(page.status, 0);
+    EXPECT_TRUE(contains(page.body, "<h1>Minimal Printer</h1>")) << page.body;
+    EXPECT_EQ(stop(), 0);
+}
+
+}  // namespace
