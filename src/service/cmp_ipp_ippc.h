@@ -3,18 +3,19 @@
 #ifndef CMP_IPP_IPPC_H
 #define CMP_IPP_IPPC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
-#include <atomic>
-
+// Plain C as well as C++: C sees the handler and the interface record as
+// opaque structures.
+#ifdef __cplusplus
 #include "containers/cmp_ipp_if.h"
-
 class cmp_ipp_handler;
-
 extern "C" {
-
-// Nonzero while IPP requests are served.
-extern std::atomic<int32_t> g_ippEnabled;
+#else
+typedef struct cmp_ipp_handler cmp_ipp_handler;
+typedef struct cmp_ipp_if_info_s cmp_ipp_if_info_s;
+#endif
 
 // 1 when the IPP side started (and was switched on), else 0.
 int pn_ipp_start(void* printer, cmp_ipp_handler* handler);
@@ -42,6 +43,8 @@ uint16_t IPP_StreamStatusCode(IPP_STREAM_HANDLE handle);
 // The handler's HTML page about the printer, as a block like IPP_StreamDataEnd's.
 unsigned char* IPP_GetPrnAttrHtml(int* lengthOut, cmp_ipp_if_info_s* info);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif
 
 #endif
