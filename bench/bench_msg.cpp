@@ -15,6 +15,7 @@
 #include "cmp_ipp_dictionary.h"
 #include "msg/cmp_ipp_request.h"
 #include "msg/msg_fixture.h"
+#include "platform/emw_osw_test.h"
 
 #ifdef CMP_IPP_HAVE_CUPS
 #include <cups/ipp.h>

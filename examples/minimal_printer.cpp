@@ -29,8 +29,8 @@ void describe(cmp_ipp_obj& printer) {
     printer.cmp_ipp_attrs_set_attr(CMP_IPP_TAG_CHARSET, id("charset-configured"), "utf-8");
     printer.cmp_ipp_attrs_set_attr(CMP_IPP_TAG_LANGUAGE, id("natural-language-configured"), "en");
     printer.cmp_ipp_attrs_set_attr(CMP_IPP_TAG_MIMETYPE, id("document-format-default"), "application/octet-stream");
-    cmp_ipp_attr ops(CMP_IPP_TAG_ENUM, id("operations-supported"), 0x0002);  // Print-Job
-    ops.cmp_ipp_attr_add_multi(cmp_ipp_attr(CMP_IPP_TAG_ENUM, ops.m_nameId, 0x000B));  // Get-Printer-Attributes
+    cmp_ipp_attr ops(CMP_IPP_TAG_ENUM, id("operations-supported"), CMP_IPP_OP_PRINT_JOB);
+    ops.cmp_ipp_attr_add_multi(cmp_ipp_attr(CMP_IPP_TAG_ENUM, ops.m_nameId, CMP_IPP_OP_GET_PRINTER_ATTRIBUTES));
     printer.m_attrs.cmp_ipp_attrs_set_attr(&ops, false);
     cmp_ipp_attr versions(CMP_IPP_TAG_KEYWORD, id("ipp-versions-supported"), "1.1");
     versions.cmp_ipp_attr_add_multi(cmp_ipp_attr(CMP_IPP_TAG_KEYWORD, versions.m_nameId, "2.0"));
@@ -53,7 +53,7 @@ public:
     }
     // Only streams that decoded well, with a printer registered.
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
-        if (ctx->m_request.m_operationId == 0x000B) {
+        if (ctx->m_request.m_operationId == CMP_IPP_OP_GET_PRINTER_ATTRIBUTES) {
             ctx->m_response.getAttrGroup("Printer")->setAttrs(static_cast<cmp_ipp_obj*>(printer)->m_attrs);
         } else {
             // Print-Job: document bytes that came with the request are the first to count.
@@ -74,7 +74,8 @@ public:
             return cmp_ipp_buf("<html><body><h1>Minimal Printer</h1><p>idle</p></body></html>", true);
         if (ctx == nullptr) return cmp_ipp_buf(true);  // an empty reply
         cmp_ipp_response& rsp = ctx->m_response;
-        if (ctx->m_request.m_operationId == 0x0002 && rsp.getStatusCode() < 0x0400) {
+        if (ctx->m_request.m_operationId == CMP_IPP_OP_PRINT_JOB &&
+            rsp.getStatusCode() < CMP_IPP_STATUS_CLIENT_ERROR_BAD_REQUEST) {
             const int32_t job = static_cast<int32_t>(++jobs);
             bytes += ctx->m_handlerData;
             cmp_ipp_attrs* group = rsp.getAttrGroup("Job");

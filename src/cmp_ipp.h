@@ -1,9 +1,10 @@
-// Umbrella header: every public class and function of the IPP service library.
+// Umbrella header: what a printer's software needs to embed the IPP service
+// library. The HTTP task layer, its test knobs and the platform's fault hooks
+// are internal and not included here (see cmp_ipp_internal.h in the source tree).
 #ifndef CMP_IPP_H
 #define CMP_IPP_H
 
-#include "platform/cmp_dbglog.h"
-#include "platform/emw_osw.h"
+#include "cmp_ipp_version.h"
 
 #include "containers/cmp_ipp_buf.h"
 #include "containers/cmp_ipp_if.h"
@@ -20,12 +21,18 @@
 #include "msg/cmp_ipp_obj.h"
 #include "msg/cmp_ipp_request.h"
 
+#include "service/cmp_ipp_constants.h"
 #include "service/cmp_ipp_handler.h"
 #include "service/cmp_ipp_ippc.h"
 #include "service/cmp_ipp_manager.h"
 #include "service/cmp_ipp_facade.h"
 
-#include "httpd/cmp_ipp_httpd.h"
-#include "httpd/cmp_ipp_pic.h"
+// The default dictionary is a library of its own (cmp_ipp_dictionary): its
+// installer comes in wherever its header is on the include path.
+#if defined(__has_include)
+#if __has_include("cmp_ipp_dictionary.h")
+#include "cmp_ipp_dictionary.h"
+#endif
+#endif
 
 #endif

@@ -13,13 +13,14 @@
 #include "cmp_ipp_frontend.h"
 #include "cmp_ipp_relay.h"
 #include "cmp_ipp_tls.h"
+#include "cmp_ipp_version.h"
 
 namespace {
 
 void usage(FILE* out, const char* argv0) {
     fprintf(out,
             "Usage: %s [--port N] [--bind ADDRESS] [--socket-dir DIR] [--trust-uid UID]...\n"
-            "       [--tls-cert FILE --tls-key FILE [--tls-only]] [--auth-file FILE] [--help]\n"
+            "       [--tls-cert FILE --tls-key FILE [--tls-only]] [--auth-file FILE] [--version] [--help]\n"
             "Relays HTTP/IPP requests to the IPP library's Unix-domain socket.\n"
             "  --port N          TCP port (default 8631; 0 picks a free one)\n"
             "  --bind ADDRESS    numeric IPv4 or IPv6 address to listen on (default 127.0.0.1)\n"
@@ -32,6 +33,7 @@ void usage(FILE* out, const char* argv0) {
             "  --tls-only        HTTPS only\n"
             "  --auth-file FILE  IPP operations other than queries need a user and password\n"
             "                    (HTTP Basic) from FILE: lines \"user:HASH\", HASH from crypt(3)\n"
+            "  --version         print the program's name and version, exit\n"
             "  --help            this text\n",
             argv0);
 }
@@ -72,6 +74,7 @@ int main(int argc, char** argv) {
         {"tls-only", no_argument, nullptr, 'T'},
         {"auth-file", required_argument, nullptr, 'A'},
         {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     std::string certFile, keyFile, authFile;
@@ -108,6 +111,9 @@ int main(int argc, char** argv) {
         case 'A': authFile = optarg; break;
         case 'h':
             usage(stdout, argv[0]);
+            return 0;
+        case 'V':
+            printf("cmp-ipp-frontend %s\n", CMP_IPP_VERSION);
             return 0;
         default:
             usage(stderr, argv[0]);

@@ -28,6 +28,7 @@
 #include "cmp_ipp_refprinter.h"
 #include "cmp_ipp_relay.h"
 #include "cmp_ipp_tls.h"
+#include "cmp_ipp_version.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "platform/cmp_dbglog.h"
 
@@ -84,6 +85,7 @@ void usage(FILE* out, const char* argv0) {
             "  --auth-file FILE   job operations need a user and password (HTTP Basic), checked\n"
             "                     against FILE: lines \"user:HASH\" with a crypt(3) HASH\n"
             "  --hash-password    read a password from standard input, print its HASH, exit\n"
+            "  --version          print the program's name and version, exit\n"
             "  --help             this text\n",
             argv0);
 }
@@ -108,6 +110,7 @@ int parseArgs(int argc, char** argv, Options& o) {
         {"tls-key", required_argument, nullptr, 'K'},   {"tls-only", no_argument, nullptr, 'T'},
         {"no-tls", no_argument, nullptr, 'N'},          {"state-dir", required_argument, nullptr, 'S'},
         {"auth-file", required_argument, nullptr, 'A'}, {"hash-password", no_argument, nullptr, 'P'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     int c;
@@ -155,6 +158,7 @@ int parseArgs(int argc, char** argv, Options& o) {
         case 'A': o.authFile = optarg; break;
         case 'P': o.hashPassword = true; break;
         case 'h': usage(stdout, argv[0]); return 0;
+        case 'V': printf("cmp-ipp-printer %s\n", CMP_IPP_VERSION); return 0;
         default: usage(stderr, argv[0]); return 2;
         }
     }

@@ -14,6 +14,7 @@
 #include "cmp_ipp_app_setup.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"
+#include "cmp_ipp_version.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "platform/cmp_dbglog.h"
 
@@ -56,6 +57,7 @@ void usage(FILE* out, const char* argv0) {
             "  --trace-level N    library trace threshold (0 errors only ... 3 all; default\n"
             "                     $CMP_IPP_TRACE_LEVEL, else 0)\n"
             "  --processing-ms N  how long each job stays processing (default 2000)\n"
+            "  --version          print the program's name and version, exit\n"
             "  --help             this text\n",
             argv0);
 }
@@ -66,7 +68,8 @@ int parseArgs(int argc, char** argv, Options& o) {
         {"name", required_argument, nullptr, 'n'},        {"spool", required_argument, nullptr, 'd'},
         {"socket-dir", required_argument, nullptr, 's'},  {"socket-group", required_argument, nullptr, 'g'},
         {"trace-level", required_argument, nullptr, 't'}, {"processing-ms", required_argument, nullptr, 'm'},
-        {"help", no_argument, nullptr, 'h'},              {nullptr, 0, nullptr, 0},
+        {"help", no_argument, nullptr, 'h'},              {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
     };
     int c;
     long v = 0;
@@ -111,6 +114,7 @@ int parseArgs(int argc, char** argv, Options& o) {
             o.processingMs = static_cast<uint32_t>(v);
             break;
         case 'h': usage(stdout, argv[0]); return 0;
+        case 'V': printf("cmp-ipp-service %s\n", CMP_IPP_VERSION); return 0;
         default: usage(stderr, argv[0]); return 2;
         }
     }

@@ -9,36 +9,7 @@
 #include "containers/cmp_ipp_buf.h"
 #include "containers/cmp_ipp_string.h"
 #include "containers/cmp_ipp_vector.h"
-
-// Value tags used across the library.
-enum : int16_t {
-    CMP_IPP_TAG_UNSUPPORTED = 0x10,
-    CMP_IPP_TAG_DEFAULT = 0x11,
-    CMP_IPP_TAG_UNKNOWN = 0x12,
-    CMP_IPP_TAG_NOVALUE = 0x13,
-    CMP_IPP_TAG_RESERVED = 0x20,
-    CMP_IPP_TAG_INTEGER = 0x21,
-    CMP_IPP_TAG_BOOLEAN = 0x22,
-    CMP_IPP_TAG_ENUM = 0x23,
-    CMP_IPP_TAG_OCTETSTRING = 0x30,
-    CMP_IPP_TAG_DATETIME = 0x31,
-    CMP_IPP_TAG_RESOLUTION = 0x32,
-    CMP_IPP_TAG_RANGE = 0x33,
-    CMP_IPP_TAG_BEGIN_COLLECTION = 0x34,
-    CMP_IPP_TAG_TEXTLANG = 0x35,
-    CMP_IPP_TAG_NAMELANG = 0x36,
-    CMP_IPP_TAG_END_COLLECTION = 0x37,
-    CMP_IPP_TAG_TEXT = 0x41,
-    CMP_IPP_TAG_NAME = 0x42,
-    CMP_IPP_TAG_KEYWORD = 0x44,
-    CMP_IPP_TAG_URI = 0x45,
-    CMP_IPP_TAG_URISCHEME = 0x46,
-    CMP_IPP_TAG_CHARSET = 0x47,
-    CMP_IPP_TAG_LANGUAGE = 0x48,
-    CMP_IPP_TAG_MIMETYPE = 0x49,
-    CMP_IPP_TAG_MEMBERNAME = 0x4A,
-    CMP_IPP_TAG_OCTET32K = 0x50,
-};
+#include "service/cmp_ipp_constants.h"
 
 // One row of the value-tag name table.
 struct cmp_ipp_type_name_row_t {

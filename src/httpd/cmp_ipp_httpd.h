@@ -18,6 +18,7 @@
 #include <atomic>
 
 #include "containers/cmp_ipp_if.h"
+#include "service/cmp_ipp_ippc.h"
 
 // Internal return codes of the HTTP server (0 is success).
 enum PRS_PRT_HTTP_RET_CODES : int32_t {
@@ -198,13 +199,7 @@ int32_t getConnectionCount(void);
 void incConnectionCount(void);
 void decConnectionCount(void);
 int set_cloexec_flag(int fd, int value);
-// The socket file is created with mode 0600 whatever the umask; with a group id
-// (0 or more) it belongs to that group and gets mode 0660. Takes effect when the
-// listener next starts. Returns 0.
-int pn_httpd_set_socket_group(int32_t gid);
-// Fills `out` (108 bytes are enough) with the socket path: "/tmp/zyn_ipp_server", or
-// $GEN_UNIX_PATH immediately followed by "zyn_ipp_server".
-void pn_httpd_socket_path(char* out, size_t size);
+// pn_httpd_set_socket_group and pn_httpd_socket_path: service/cmp_ipp_ippc.h.
 
 // ---- connection task ------------------------------------------------------------
 void pn_httpd_task(void* start);

@@ -11,23 +11,12 @@
 #include "containers/cmp_ipp_if.h"
 #include "containers/cmp_ipp_vector.h"
 #include "msg/cmp_ipp_obj.h"
+#include "service/cmp_ipp_constants.h"
 
 extern "C" {
 // Exported for the printer's software; the message code does not consult it.
 extern int32_t gVERSION11ALLOWED;
 }
-
-// Status codes the message layer reports.
-enum : uint16_t {
-    CMP_IPP_STATUS_OK = 0x0000,
-    CMP_IPP_STATUS_BAD_REQUEST = 0x0400,
-    CMP_IPP_STATUS_ABORTED = 0x0405,
-    CMP_IPP_STATUS_VALUE_TOO_LONG = 0x0409,
-    CMP_IPP_STATUS_INTERNAL_ERROR = 0x0500,
-    CMP_IPP_STATUS_OPERATION_NOT_SUPPORTED = 0x0501,
-    CMP_IPP_STATUS_SERVICE_UNAVAILABLE = 0x0502,
-    CMP_IPP_STATUS_VERSION_NOT_SUPPORTED = 0x0503,
-};
 
 class cmp_ipp_msg : public cmp_ipp_obj {
 public:

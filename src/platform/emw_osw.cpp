@@ -1,4 +1,4 @@
-#include "emw_osw.h"
+#include "emw_osw_test.h"
 
 #include <atomic>
 #include <cerrno>

@@ -13,12 +13,6 @@ extern "C" {
 void* emwOSWSubAllocMem(uint32_t size);
 void emwOSWOrgFreeMemPart(int partition, void* block);
 
-// Test hooks: make the next n calls of emwOSWSubAllocMem fail; read how many
-// calls were made and how many blocks are currently outstanding.
-void emwOSWTestFailNextAllocs(int n);
-uint32_t emwOSWTestAllocCalls(void);
-int32_t emwOSWTestOutstandingBlocks(void);
-
 // Mutexes. A handle is an opaque word; results are 0 on success.
 typedef uintptr_t emwOSWMutex_t;
 int emwOSWCreateMutexSem(emwOSWMutex_t* mutex, int flags, int initiallyFree);
@@ -26,8 +20,6 @@ int emwOSWCreateMutexSem(emwOSWMutex_t* mutex, int flags, int initiallyFree);
 int emwOSWRequestMutexSem(emwOSWMutex_t mutex, int timeoutMs);
 int emwOSWReleaseMutexSem(emwOSWMutex_t mutex);
 int emwOSWDeleteMutexSem(emwOSWMutex_t mutex);
-// Test hook: make the next n mutex operations (create, request, release, delete) fail.
-void emwOSWTestFailNextMutexOps(int n);
 
 // Tasks on POSIX threads. When the attributes ask for a real-time policy that the
 // system refuses (an ordinary user), the thread is created with the default policy

@@ -17,19 +17,19 @@
 #ifndef CMP_IPP_IPPC_H
 #define CMP_IPP_IPPC_H
 
+#include <stddef.h>
 #include <stdint.h>
 
-#include <atomic>
-
+// Plain C as well as C++: C sees the handler and the interface record as
+// opaque structures.
+#ifdef __cplusplus
 #include "containers/cmp_ipp_if.h"
-
 class cmp_ipp_handler;
-
 extern "C" {
-
-// Nonzero while IPP requests are served (0 at load). Read at the start of each
-// request; a change applies from the next one.
-extern std::atomic<int32_t> g_ippEnabled;
+#else
+typedef struct cmp_ipp_handler cmp_ipp_handler;
+typedef struct cmp_ipp_if_info_s cmp_ipp_if_info_s;
+#endif
 
 // Registers the printer handle (a cmp_ipp_obj) and the handler with the manager
 // (IPP_Initialize) and switches IPP on. 1 when the IPP side started, else 0.
@@ -87,6 +87,17 @@ uint16_t IPP_StreamStatusCode(IPP_STREAM_HANDLE handle);
 // IPP_StreamDataEnd's, owned by the caller. Does not look at the enabled switch.
 unsigned char* IPP_GetPrnAttrHtml(int* lengthOut, cmp_ipp_if_info_s* info);
 
+// The library's socket, where the front end connects. The file is created with
+// mode 0600 whatever the umask; with a group id (0 or more) it belongs to that
+// group and gets mode 0660, for a front end running as another user of that
+// group. Takes effect when the listener next starts. Returns 0.
+int pn_httpd_set_socket_group(int32_t gid);
+// Fills `out` (108 bytes are enough) with the socket path: "/tmp/zyn_ipp_server", or
+// $GEN_UNIX_PATH immediately followed by "zyn_ipp_server".
+void pn_httpd_socket_path(char* out, size_t size);
+
+#ifdef __cplusplus
 }  // extern "C"
+#endif
 
 #endif

@@ -1,7 +1,7 @@
 // Start and stop of the IPP side, and the enabled switch.
 #include "platform/cmp_dbglog.h"
 #include "service/cmp_ipp_handler.h"
-#include "service/cmp_ipp_ippc.h"
+#include "service/cmp_ipp_ippc_internal.h"
 #include "service/cmp_ipp_manager.h"
 
 std::atomic<int32_t> g_ippEnabled{0};

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include "containers/cmp_ipp_malloc.h"
+#include "service/cmp_ipp_constants.h"
 #include "platform/emw_osw.h"
 #include "service/cmp_ipp_handler.h"
 
@@ -106,6 +107,9 @@ void cmp_ipp_manager::unregisterPrinter(void* printer) {
 // refused and the reply is empty, and nothing is ever called through null.
 namespace {
 const uint32_t kDataRefused = 6;
+// A request decoded with a status up to this one (the successful codes
+// 0x0000-0x0005) goes on to the handler; any later one is answered as it is.
+const uint16_t kLastPassingStatus = CMP_IPP_STATUS_SUCCESSFUL_OK_TOO_MANY_EVENTS;
 }
 
 cmp_ipp_streamed_ctx* cmp_ipp_manager::streamCreate(cmp_ipp_buf& data, cmp_ipp_if_info_s* info) {
@@ -129,7 +133,7 @@ int cmp_ipp_manager::processStreamedRequest(cmp_ipp_streamed_ctx* ctx) {
         cmp_ipp_handler* const handler = m_handler.load();
         void* const printer = m_printer.load();
         if (handler != nullptr) handler->prepareRequest(ctx, printer);
-        if (ctx->m_response.getStatusCode() < 6) {
+        if (ctx->m_response.getStatusCode() <= kLastPassingStatus) {
             if (printer == nullptr || handler == nullptr) {
                 ctx->m_response.setStatusCode(CMP_IPP_STATUS_SERVICE_UNAVAILABLE, false);
             } else {
@@ -151,9 +155,10 @@ uint32_t cmp_ipp_manager::streamData(cmp_ipp_streamed_ctx* ctx, const cmp_ipp_bu
 
 int cmp_ipp_manager::streamAbort(cmp_ipp_streamed_ctx* ctx) {
     if (ctx == nullptr) return 0;
-    if (ctx->m_response.getStatusCode() <= 5) ctx->m_response.setStatusCode(CMP_IPP_STATUS_ABORTED, false);
+    if (ctx->m_response.getStatusCode() <= kLastPassingStatus) ctx->m_response.setStatusCode(CMP_IPP_STATUS_ABORTED, false);
     const int16_t op = ctx->m_request.m_operationId;
-    if (op != 0x0002 && op != 0x0005 && op != 0x0006) return 0;
+    // Only the operations that carry a document hear of an abort.
+    if (op != CMP_IPP_OP_PRINT_JOB && op != CMP_IPP_OP_CREATE_JOB && op != CMP_IPP_OP_SEND_DOCUMENT) return 0;
     cmp_ipp_call_scope scope;
     cmp_ipp_handler* const handler = m_handler.load();
     if (handler != nullptr) handler->abortRequest(ctx, m_printer.load());

@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include "cmp_ipp_version.h"
+
 namespace {
 
 struct Child {
@@ -141,6 +143,15 @@ TEST_F(ServiceProgram, HelpGoesToStandardOutput) {
     EXPECT_EQ(exitStatus(r), 0);
     EXPECT_EQ(out.rfind("Usage:", 0), 0u) << out;
     EXPECT_NE(out.find("--socket-dir"), std::string::npos);
+}
+
+// The version of the library it was built with, as packaging scripts read it.
+TEST_F(ServiceProgram, VersionGoesToStandardOutput) {
+    Child r = start({"--version"});
+    const std::string out = readUntil(r.out, "", 10000);
+    EXPECT_EQ(exitStatus(r), 0);
+    EXPECT_EQ(out, std::string("cmp-ipp-service ") + CMP_IPP_VERSION + "\n");
+    EXPECT_FALSE(exists(work + "/spool"));
 }
 
 // Without --socket-dir the socket goes where the library and the front end look

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "attr/cmp_ipp_attr.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 #include "codec_test_util.h"
 #include "registry_fixture.h"
 

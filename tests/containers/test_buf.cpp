@@ -6,7 +6,7 @@
 
 #include "containers/cmp_ipp_buf.h"
 #include "platform/cmp_dbglog.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <chrono>
 
 #include "containers/cmp_ipp_malloc.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include "containers/cmp_ipp_buf.h"
 #include "containers/cmp_ipp_string.h"
 #include "containers/cmp_ipp_vector.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 
 namespace {
 

@@ -24,7 +24,7 @@
 
 #include "../msg/msg_fixture.h"
 #include "httpd/cmp_ipp_httpd.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 #include "service/cmp_ipp_facade.h"
 #include "service/cmp_ipp_handler.h"
 #include "service/cmp_ipp_ippc.h"

@@ -10,7 +10,7 @@
 
 #include "msg/cmp_ipp_request.h"
 #include "msg_fixture.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 
 namespace {
 

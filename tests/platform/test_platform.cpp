@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/cmp_dbglog.h"
-#include "platform/emw_osw.h"
+#include "platform/emw_osw_test.h"
 
 namespace {
 
