@@ -343,20 +343,10 @@ everywhere)
         [ -n "$secure_uri" ] || fail "no ipps:// URI announced"
         target=$secure_uri
     fi
-    # The test files look for their documents beside themselves. Content does not
-    # matter to the printer, only that each file is there and of its kind.
-    dir=/usr/share/cups/ipptool
-    cp "$dir/ipp-everywhere.test" "$dir/ipp-2.0.test" "$dir/ipp-1.1.test" "$work/"
-    for f in $(sed -n 's/^[[:space:]]*FILE[[:space:]]*\([^$][^[:space:]]*\).*/\1/p' "$work"/*.test | sort -u); do
-        mkdir -p "$work/$(dirname "$f")"
-        case "$f" in
-        *.pdf) printf '%%PDF-1.4\n1 0 obj<<>>endobj\ntrailer<<>>\n%%%%EOF\n' ;;
-        *.ps) printf '%%!PS-Adobe-3.0\nshowpage\n' ;;
-        *.jpg) printf '\377\330\377\340\000\020JFIF\000\001\001\000\000\001\000\001\000\000\377\331' ;;
-        *.pwg) printf 'RaS2'; head -c 1796 /dev/zero ;;
-        *) printf 'stand-in\n' ;;
-        esac >"$work/$f"
-    done
+    # The test files look for their documents beside themselves: the same
+    # stand-ins the README's ipp-everywhere line uses.
+    bash "$(dirname "${BASH_SOURCE[0]}")/../../scripts/ipp-everywhere-dir.sh" "$work" >/dev/null ||
+        fail "the ipp-everywhere directory could not be made"
     (cd "$work" && ipptool -T 30 -t -V 2.0 -f document-a4.pdf "$target" ipp-everywhere.test) >"$work/report" ||
         status=1
     grep -q 'Summary: .* 0 failed' "$work/report" || status=1
