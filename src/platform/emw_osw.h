@@ -29,6 +29,12 @@ int emwOSWDeleteMutexSem(emwOSWMutex_t mutex);
 // Test hook: make the next n mutex operations (create, request, release, delete) fail.
 void emwOSWTestFailNextMutexOps(int n);
 
+// Test hooks for fault loops: only the n-th allocation (or mutex operation)
+// from now fails, once; 0 cancels. Pending: that call has not come yet.
+void emwOSWTestFailNthAlloc(int n);
+void emwOSWTestFailNthMutexOp(int n);
+int emwOSWTestFaultPending(void);
+
 // Tasks on POSIX threads. When the attributes ask for a real-time policy that the
 // system refuses (an ordinary user), the thread is created with the default policy
 // instead and that is traced once per process.
