@@ -152,7 +152,7 @@ int main(int argc, char** argv) {
     benchmark::RunSpecifiedBenchmarks();
     orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term();
     pn_ipp_stop(0, nullptr);
-    cmp_ipp_manager::get()->m_handler = nullptr;
+    cmp_ipp_manager::get()->unregisterHandler(&handler);
     rmdir(dir);
     benchmark::Shutdown();
     return 0;

@@ -2,8 +2,8 @@
 """Draws the printer icon (a plain printer glyph) at 48x48 and 128x128 and
 writes apps/frontend/cmp_ipp_icons.cpp with both PNG files built in.
 
-The front end cannot link zlib on every target, so the images are made here
-once and kept as bytes. Run from the top of the tree after changing the drawing.
+The icons never change, so the images are made here once and kept as bytes:
+the front end neither draws nor compresses at run time and links no image code. Run from the top of the tree after changing the drawing.
 """
 import struct
 import sys

@@ -655,8 +655,6 @@ void cmp_ipp_frontend::stop() {
     d.gate.release();
 }
 
-bool cmp_ipp_frontend::running() const { return m_impl->started; }
-
 bool cmp_ipp_frontend::tls() const { return m_impl->tlsDaemon != nullptr; }
 
 uint16_t cmp_ipp_frontend::port() const { return m_impl->gate.port(); }

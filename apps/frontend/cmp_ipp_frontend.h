@@ -77,7 +77,6 @@ public:
     bool start(std::string* error = nullptr);
     // Finishes or abandons requests in progress and closes every connection.
     void stop();
-    bool running() const;
     // The bound TCP port (the real one when options::port was 0); 0 when not open.
     uint16_t port() const;
     bool tls() const;

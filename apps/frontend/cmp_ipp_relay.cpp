@@ -495,7 +495,6 @@ bool relay_connection::sendRequest(const relay_request& req) {
     }
     updateRequestRecord(req, record_.data(), slots_);
     fill_ = 0;
-    bodySent_ = 0;
     blocksSent_ = 0;
     blockIntact_ = false;
     lastBlockLength_ = 0;
@@ -533,7 +532,6 @@ bool relay_connection::sendPending(bool block, bool end) {
     if (!sendParts(parts, count)) return false;
     recordSent_ = true;
     if (withBlock) {
-        bodySent_ += fill_;
         ++blocksSent_;
         blockIntact_ = true;
         lastBlockLength_ = length;

@@ -141,7 +141,6 @@ public:
     bool replyWaiting();
     bool readReply(relay_reply& out, int timeoutMs);
 
-    size_t bodyBytesSent() const { return bodySent_; }
     // Requests sent again after the library refused them (for tests and logs).
     unsigned replays() const { return replays_; }
 
@@ -181,7 +180,6 @@ private:
     bool stray_ = false;                 // bytes came beyond a reply: not used again
     std::vector<unsigned char> block_;
     size_t fill_ = 0;
-    size_t bodySent_ = 0;
     // Of the current request: blocks sent, whether block_ still holds the last
     // one, whether the end block went, and reply bytes read.
     unsigned blocksSent_ = 0;

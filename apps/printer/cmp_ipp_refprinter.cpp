@@ -10,6 +10,7 @@
 
 #include "cmp_ipp_refprinter_attrs.h"
 #include "cmp_ipp_refprinter_internal.h"
+#include "service/cmp_ipp_facade.h"
 #include "service/cmp_ipp_ippc.h"
 
 namespace refprinter {
@@ -332,6 +333,16 @@ bool Printer::start() {
     cmp_ipp_manager* m = cmp_ipp_manager::get();
     if (m->m_printer != nullptr && m->m_printer != &m_obj) return false;
     if (pn_ipp_start(&m_obj, &m_handler) != 1) return false;
+    m_started = true;
+    return true;
+}
+
+bool Printer::serve() {
+    cmp_ipp_manager* m = cmp_ipp_manager::get();
+    if (m->m_printer != nullptr && m->m_printer != &m_obj) return false;
+    // The facade only traces a failure: what got registered tells.
+    (void)cmp_ipp_init_wrap(&m_obj, &m_handler);
+    if (m->m_printer != &m_obj || m->m_handler != &m_handler || IPPCGI_Enabled() == 0) return false;
     m_started = true;
     return true;
 }

@@ -112,6 +112,9 @@ public:
     // on. False when another printer object is already registered (the library
     // keeps the first one it is given).
     bool start();
+    // The same through the library's facade, which also starts its HTTP
+    // listener: for a program that runs the whole service.
+    bool serve();
     // Switches IPP off and unregisters this printer and its handler.
     void stop();
 

@@ -1,4 +1,4 @@
-// Job and stream records of the reference printer, shared by its two sources.
+// Job and stream records of the reference printer, shared by its sources.
 #ifndef CMP_IPP_REFPRINTER_INTERNAL_H
 #define CMP_IPP_REFPRINTER_INTERNAL_H
 

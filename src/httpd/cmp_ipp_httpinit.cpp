@@ -10,7 +10,6 @@
 namespace {
 
 const uint32_t kListenerStack = 6144;
-const int32_t kTaskPriorityLevel = 10;
 const int kStopPollMs = 50;
 const uint32_t kServiceFailure = 0x510a0002u;
 
@@ -29,20 +28,11 @@ extern "C" int httpd_start_wrap(void) {
 extern "C" int pn_httpd_start(void) {
     (void)pn_httpd_wake_prepare();
     char name[16] = "HTTPLstnCmp";
-    PN_PIC_TaskParam param;
-    memset(&param, 0, sizeof param);
-    param.priority = kTaskPriorityLevel;
-    param.policy = PN_PIC_SCHED_RR;
-    param.joinable = 0;
-    param.entry = listenerEntry;
-    param.arg = nullptr;
-    param.name = name;
-    param.stackSize = kListenerStack;
     // The listener is counted from here on, not from when it first runs: a stop
     // that follows at once must find it.
     pn_httpd_listener_starting();
     g_pn_httpd_num_ports.fetch_add(1);
-    if (PN_PIC_ThreadCreateB(&param) != 0) {
+    if (pn_httpd_create_task(listenerEntry, nullptr, name, kListenerStack) != 0) {
         g_pn_httpd_num_ports.fetch_sub(1);
         pn_httpd_listener_ended();
         orvane::cmp_dbglog::tracer(0, "[ERROR ]:cmp_ipp_httpinit::%s(%d): PN_PIC_ThreadCreateB() failed.\n",

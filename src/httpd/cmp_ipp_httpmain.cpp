@@ -182,6 +182,19 @@ extern "C" int pn_httpd_set_socket_group(int32_t gid) {
     return 0;
 }
 
+int pn_httpd_create_task(PN_PIC_TaskEntry entry, void* arg, const char* name, uint32_t stackSize) {
+    PN_PIC_TaskParam param;
+    memset(&param, 0, sizeof param);
+    param.priority = kTaskPriorityLevel;
+    param.policy = PN_PIC_SCHED_RR;
+    param.joinable = 0;
+    param.entry = entry;
+    param.arg = arg;
+    param.name = name;
+    param.stackSize = stackSize;
+    return PN_PIC_ThreadCreateB(&param);
+}
+
 extern "C" int32_t getConnectionCount(void) { return g_pn_httpd_conn_count.load(); }
 extern "C" void incConnectionCount(void) { g_pn_httpd_conn_count.fetch_add(1); }
 extern "C" void decConnectionCount(void) { g_pn_httpd_conn_count.fetch_sub(1); }
@@ -303,16 +316,7 @@ extern "C" int pn_httpd_main(void) {
         start->sock = sock;
         start->connectionNumber = connectionNumber;
 
-        PN_PIC_TaskParam param;
-        memset(&param, 0, sizeof param);
-        param.priority = kTaskPriorityLevel;
-        param.policy = PN_PIC_SCHED_RR;
-        param.joinable = 0;
-        param.entry = pn_httpd_task;
-        param.arg = start;
-        param.name = taskName;
-        param.stackSize = kConnectionStack;
-        if (PN_PIC_ThreadCreateB(&param) != 0) {
+        if (pn_httpd_create_task(pn_httpd_task, start, taskName, kConnectionStack) != 0) {
             decConnectionCount();
             ahttpdCloseSocketConnection(sock);
             emwOSWOrgFreeMemPart(0, start);

@@ -3,6 +3,14 @@
 #ifndef CMP_IPP_HTTPMAIN_H
 #define CMP_IPP_HTTPMAIN_H
 
+#include <stdint.h>
+
+#include "httpd/cmp_ipp_pic.h"
+
+// Creates one of the server's tasks (the listener, a connection task): detached,
+// round-robin at the server's priority. Returns what PN_PIC_ThreadCreateB returns.
+int pn_httpd_create_task(PN_PIC_TaskEntry entry, void* arg, const char* name, uint32_t stackSize);
+
 // Creates the wake-up pipe once per process; true when it is usable.
 bool pn_httpd_wake_prepare();
 // Makes every listener waiting for a connection look at the shutdown flag.

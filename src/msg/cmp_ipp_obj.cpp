@@ -4,7 +4,7 @@
 
 namespace {
 const char kObjError[] = "[ERROR]:cmp_ipp_obj::%s(%d)\n";
-// Fixed line numbers of the traces, so a trace names its place whatever edits follow.
+// The trace places (fixed identifiers, not source lines: see tracer()).
 const int kLineCreate = 33;
 const int kLineDelete = 41;
 const int kLineResetLock = 58;

@@ -44,6 +44,10 @@ public:
     static void logging(const char* line, size_t len);
 };
 
+// The line numbers that the library's traces print ("cmp_ipp_httptask::ahttpdSoread(1173)")
+// are fixed identifiers of each trace place, the same on every build and kept
+// through edits and file splits; they are not the lines of our sources, and tools
+// that read the traces match on them.
 inline void tracer(int level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 inline void tracer(int level, const char* fmt, ...) {
     if (!cmp_dbglog_common::get_instance().enabled(level)) return;

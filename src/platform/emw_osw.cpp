@@ -25,6 +25,28 @@ bool consumeFailure(std::atomic<int>& counter) {
     return false;
 }
 
+// A mutex handle: the lock, and whether it is held, so that a release of a
+// mutex nobody holds fails rather than unlocking it.
+struct osw_mutex {
+    pthread_mutex_t lock;
+    std::atomic<bool> held{false};
+};
+
+// Counts calls down to the one that fails: true for the call that takes it from 1 to 0.
+std::atomic<int> g_allocCountdown{0};
+std::atomic<int> g_mutexCountdown{0};
+
+bool countdownHits(std::atomic<int>& countdown) {
+    int n = countdown.load(std::memory_order_relaxed);
+    while (n > 0) {
+        if (countdown.compare_exchange_weak(n, n - 1, std::memory_order_relaxed)) return n == 1;
+    }
+    return false;
+}
+
+bool allocFails() { return consumeFailure(g_failAllocs) || countdownHits(g_allocCountdown); }
+bool mutexOpFails() { return consumeFailure(g_failMutexOps) || countdownHits(g_mutexCountdown); }
+
 pthread_mutex_t* makeRecursiveMutex() {
     static pthread_mutex_t m;
     pthread_mutexattr_t a;
@@ -46,7 +68,7 @@ extern "C" {
 
 void* emwOSWSubAllocMem(uint32_t size) {
     g_allocCalls.fetch_add(1, std::memory_order_relaxed);
-    if (consumeFailure(g_failAllocs)) return nullptr;
+    if (allocFails()) return nullptr;
     void* p = std::malloc(size == 0 ? 1 : size);
     if (p != nullptr) g_outstanding.fetch_add(1, std::memory_order_relaxed);
     return p;
@@ -65,52 +87,74 @@ int32_t emwOSWTestOutstandingBlocks(void) { return g_outstanding.load(); }
 int emwOSWCreateMutexSem(emwOSWMutex_t* mutex, int /*flags*/, int initiallyFree) {
     if (mutex == nullptr) return -1;
     *mutex = 0;
-    if (consumeFailure(g_failMutexOps)) return -1;
-    auto* m = new (std::nothrow) pthread_mutex_t;
+    if (mutexOpFails()) return -1;
+    auto* m = new (std::nothrow) osw_mutex;
     if (m == nullptr) return -1;
-    if (pthread_mutex_init(m, nullptr) != 0) {
+    if (pthread_mutex_init(&m->lock, nullptr) != 0) {
         delete m;
         return -1;
     }
-    if (!initiallyFree) pthread_mutex_lock(m);
+    if (!initiallyFree) {
+        pthread_mutex_lock(&m->lock);
+        m->held.store(true);
+    }
     *mutex = reinterpret_cast<emwOSWMutex_t>(m);
     return 0;
 }
 
 int emwOSWRequestMutexSem(emwOSWMutex_t mutex, int timeoutMs) {
     if (mutex == 0) return -1;
-    if (consumeFailure(g_failMutexOps)) return -1;
-    auto* m = reinterpret_cast<pthread_mutex_t*>(mutex);
-    if (timeoutMs < 0) return pthread_mutex_lock(m) == 0 ? 0 : -1;
-    if (timeoutMs == 0) return pthread_mutex_trylock(m) == 0 ? 0 : -1;
-    struct timespec until;
-    clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_sec += timeoutMs / 1000;
-    until.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
-    if (until.tv_nsec >= 1000000000L) {
-        until.tv_sec += 1;
-        until.tv_nsec -= 1000000000L;
+    if (mutexOpFails()) return -1;
+    auto* m = reinterpret_cast<osw_mutex*>(mutex);
+    int rc = 0;
+    if (timeoutMs < 0) {
+        rc = pthread_mutex_lock(&m->lock);
+    } else if (timeoutMs == 0) {
+        rc = pthread_mutex_trylock(&m->lock);
+    } else {
+        struct timespec until;
+        clock_gettime(CLOCK_REALTIME, &until);
+        until.tv_sec += timeoutMs / 1000;
+        until.tv_nsec += static_cast<long>(timeoutMs % 1000) * 1000000L;
+        if (until.tv_nsec >= 1000000000L) {
+            until.tv_sec += 1;
+            until.tv_nsec -= 1000000000L;
+        }
+        rc = pthread_mutex_timedlock(&m->lock, &until);
     }
-    return pthread_mutex_timedlock(m, &until) == 0 ? 0 : -1;
+    if (rc != 0) return -1;
+    m->held.store(true);
+    return 0;
 }
 
+// A mutex that is not held is not released (a caller whose request failed goes
+// on to release): the call fails instead of unlocking what nobody locked. A
+// failed release still lets the mutex go, as a failed delete still frees it:
+// the caller can do nothing else with it.
 int emwOSWReleaseMutexSem(emwOSWMutex_t mutex) {
     if (mutex == 0) return -1;
-    if (consumeFailure(g_failMutexOps)) return -1;
-    return pthread_mutex_unlock(reinterpret_cast<pthread_mutex_t*>(mutex)) == 0 ? 0 : -1;
+    auto* m = reinterpret_cast<osw_mutex*>(mutex);
+    const bool fail = mutexOpFails();
+    if (!m->held.exchange(false)) return -1;
+    if (pthread_mutex_unlock(&m->lock) != 0) return -1;
+    return fail ? -1 : 0;
 }
 
 int emwOSWDeleteMutexSem(emwOSWMutex_t mutex) {
     if (mutex == 0) return -1;
-    auto* m = reinterpret_cast<pthread_mutex_t*>(mutex);
+    auto* m = reinterpret_cast<osw_mutex*>(mutex);
     // A failed delete still frees the handle: nobody can use it afterwards.
-    bool fail = consumeFailure(g_failMutexOps);
-    pthread_mutex_destroy(m);
+    bool fail = mutexOpFails();
+    pthread_mutex_destroy(&m->lock);
     delete m;
     return fail ? -1 : 0;
 }
 
 void emwOSWTestFailNextMutexOps(int n) { g_failMutexOps.store(n < 0 ? 0 : n); }
+
+void emwOSWTestFailNthAlloc(int n) { g_allocCountdown.store(n < 0 ? 0 : n); }
+void emwOSWTestFailNthMutexOp(int n) { g_mutexCountdown.store(n < 0 ? 0 : n); }
+int emwOSWTestFaultPending(void) { return g_allocCountdown.load() > 0 || g_mutexCountdown.load() > 0 ? 1 : 0; }
 
 int emwOSWSubPthreadCreate(pthread_t* thread, const pthread_attr_t* attr,
                            void* (*start)(void*), void* arg) {

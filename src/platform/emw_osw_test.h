@@ -18,6 +18,12 @@ int32_t emwOSWTestOutstandingBlocks(void);
 // Make the next n mutex operations (create, request, release, delete) fail.
 void emwOSWTestFailNextMutexOps(int n);
 
+// Fault loops: only the n-th allocation (or mutex operation) from now fails,
+// once; 0 cancels. Pending: that call has not come yet.
+void emwOSWTestFailNthAlloc(int n);
+void emwOSWTestFailNthMutexOp(int n);
+int emwOSWTestFaultPending(void);
+
 }  // extern "C"
 
 #endif

@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "apps/ipp_reply.h"
 #include "attr/cmp_ipp_attr.h"
 #include "cmp_ipp_dictionary.h"

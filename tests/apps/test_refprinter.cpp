@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "apps/ipp_reply.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"

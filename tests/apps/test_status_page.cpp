@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "apps/ipp_reply.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"

@@ -6,8 +6,8 @@
 
 #include "attr/cmp_ipp_attr.h"
 #include "platform/emw_osw_test.h"
-#include "codec_test_util.h"
-#include "registry_fixture.h"
+#include "attr/codec_test_util.h"
+#include "attr/registry_fixture.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "attr/cmp_ipp_attr.h"
 #include "attr/cmp_ipp_ipptable.h"
-#include "registry_fixture.h"
+#include "attr/registry_fixture.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include <thread>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "platform/emw_osw_test.h"
 #include "service/cmp_ipp_facade.h"

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "httpd_fixture.h"
+#include "httpd/httpd_fixture.h"
 
 namespace {
 
@@ -554,7 +554,7 @@ TEST(HttpdFacade, TermWithoutListenerReturnsZeroAndInstanceIsShared) {
 }
 
 TEST_F(HttpdE2E, InitWithNullPrinterStillStartsTheListener) {
-    cmp_ipp_manager::get()->m_printer = nullptr;  // ScopedPrinter restores it
+    cmp_ipp_manager::get()->unregisterPrinter(&printer.printer);  // ScopedPrinter restores it
     ASSERT_EQ(cmp_ipp_init_wrap(nullptr, &handler), 0);
     running_ = true;
     ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));

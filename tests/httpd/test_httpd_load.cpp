@@ -1,6 +1,6 @@
 // Load over loopback: many front-end connections at once, each sending a series
 // of requests on a keep-alive connection. Bounded to a few seconds.
-#include "httpd_fixture.h"
+#include "httpd/httpd_fixture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 // includes them.
 #include <functional>
 
-#include "httpd_fixture.h"
+#include "httpd/httpd_fixture.h"
 
 namespace {
 

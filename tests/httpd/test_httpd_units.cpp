@@ -8,7 +8,7 @@
 
 #include "containers/cmp_ipp_malloc.h"
 #include "httpd/cmp_ipp_pic.h"
-#include "httpd_fixture.h"
+#include "httpd/httpd_fixture.h"
 
 namespace {
 

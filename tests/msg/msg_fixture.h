@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "../attr/codec_test_util.h"
-#include "../attr/registry_fixture.h"
+#include "attr/codec_test_util.h"
+#include "attr/registry_fixture.h"
 #include "attr/cmp_ipp_attr.h"
 #include "msg/cmp_ipp_obj.h"
 #include "platform/cmp_dbglog.h"
@@ -127,9 +127,9 @@ public:
         install(v, static_cast<int32_t>(versions.size()), "ipp-versions-supported");
         install(o, static_cast<int32_t>(ops.size()), "operations-supported");
         saved_ = cmp_ipp_manager::get()->m_printer;
-        cmp_ipp_manager::get()->m_printer = &printer;
+        cmp_ipp_manager::get()->init(&printer);
     }
-    ~ScopedPrinter() { cmp_ipp_manager::get()->m_printer = saved_; }
+    ~ScopedPrinter() { cmp_ipp_manager::get()->init(saved_); }
 
     cmp_ipp_obj printer;
 

@@ -17,7 +17,7 @@
 
 #include "msg/cmp_ipp_attrs.h"
 #include "msg/cmp_ipp_request.h"
-#include "msg_fixture.h"
+#include "msg/msg_fixture.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "msg/cmp_ipp_attrs.h"
 #include "msg/cmp_ipp_obj.h"
-#include "msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "platform/emw_osw_test.h"
 
 namespace {

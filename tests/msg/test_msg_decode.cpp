@@ -4,7 +4,7 @@
 #include <string>
 
 #include "msg/cmp_ipp_request.h"
-#include "msg_fixture.h"
+#include "msg/msg_fixture.h"
 
 namespace {
 
@@ -18,6 +18,24 @@ protected:
     ScopedPrinter printer;
     cmp_ipp_request req;
 };
+
+// An attribute's value tag is valid when it is the registry's type for its
+// identifier, or when the registry gives no type (-1: any tag goes).
+TEST_F(DecodeTest, ValideTypeTakesTheRegistryTypeOrAnyWhereThereIsNone) {
+    const struct {
+        int16_t tag;
+        const char* name;
+        bool valid;
+    } cases[] = {
+        {0x21, "copies", true},   {0x44, "copies", false}, {0x23, "copies", false},
+        {0x45, "printer-uri", true}, {0x41, "printer-uri", false},
+        {0x44, "any-tag", true},  {0x21, "any-tag", true},
+    };
+    for (const auto& c : cases) {
+        const cmp_ipp_attr a(c.tag, static_cast<uint16_t>(cmp_ipp_attr::cmp_ipp_attr_name_to_id(c.name)));
+        EXPECT_EQ(req.valideType(a), c.valid) << c.name << " as tag 0x" << std::hex << c.tag;
+    }
+}
 
 TEST_F(DecodeTest, VersionNegotiation) {
     const struct {

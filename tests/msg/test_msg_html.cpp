@@ -9,7 +9,7 @@
 #include <string>
 
 #include "msg/cmp_ipp_request.h"
-#include "msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "platform/emw_osw_test.h"
 
 namespace {

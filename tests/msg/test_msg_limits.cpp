@@ -8,7 +8,7 @@
 
 #include "msg/cmp_ipp_limits.h"
 #include "msg/cmp_ipp_request.h"
-#include "msg_fixture.h"
+#include "msg/msg_fixture.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <string>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "containers/cmp_ipp_malloc.h"
 #include "msg/cmp_ipp_request.h"
-#include "recording_handler.h"
+#include "service/recording_handler.h"
 #include "service/cmp_ipp_ippc.h"
 #include "service/cmp_ipp_manager.h"
 
@@ -114,7 +114,7 @@ TEST_F(ServiceTest, NoPrinterGivesServiceUnavailable) {
     EXPECT_EQ(m->m_printer, nullptr);
     m->processStreamedRequest(ctx);
     EXPECT_EQ(ctx->m_response.getStatusCode(), 0x0502);
-    m->m_printer = saved;
+    m->init(saved);
     m->streamDestroy(ctx, cmp_ipp_manager::CMP_IPP_REPLY_FMT_IPP);
     EXPECT_EQ(handler.calls(), (Calls{"prepare status=0x0000 printer=null", "finish ipp status=0x0502 printer=set"}));
 }
@@ -242,10 +242,10 @@ TEST_F(ServiceTest, StartAndStop) {
     EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
     EXPECT_EQ(cmp_ipp_manager::get(), m);
 
-    m->m_printer = nullptr;
+    m->unregisterPrinter(first);
     EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
     EXPECT_EQ(m->m_printer, &otherPrinter);
-    m->m_printer = first;
+    m->init(first);
 }
 
 TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
@@ -267,7 +267,7 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
     end(h);
     m->unregisterHandler(&handler);
     EXPECT_EQ(m->m_handler, nullptr);
-    m->m_printer = registeredPrinter;
+    m->init(registeredPrinter);
     h = start(request(0x000B));
     EXPECT_EQ(IPP_StreamStatusCode(h), 0x0502) << "without a handler the service is unavailable";
     EXPECT_EQ(end(h), "");
@@ -275,7 +275,7 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
         << "only the stream without a printer reached the handler";
 
     // A later start registers both again.
-    m->m_printer = nullptr;
+    m->unregisterPrinter(registeredPrinter);
     EXPECT_EQ(pn_ipp_start(registeredPrinter, &handler), 1);
     EXPECT_EQ(m->m_printer, registeredPrinter);
     EXPECT_EQ(m->m_handler, &handler);

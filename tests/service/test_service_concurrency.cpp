@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "../msg/msg_fixture.h"
+#include "msg/msg_fixture.h"
 #include "containers/cmp_ipp_malloc.h"
 #include "service/cmp_ipp_handler.h"
 #include "service/cmp_ipp_ippc.h"
@@ -18,8 +18,8 @@ class CountingHandler : public cmp_ipp_handler {
 public:
     void processRequest(cmp_ipp_streamed_ctx* ctx, void*) override {
         ++processed;
-        // Echo the request's first operation attribute count as a job-id, so
-        // a reply can be matched to its request.
+        // Echo the request-id as a job-id, so a reply can be matched to its
+        // request.
         ctx->m_response.cmp_ipp_msg_get_job_attrs(0)->cmp_ipp_attrs_set_attr(0x21, 16, ctx->m_request.m_requestId);
     }
     void abortRequest(cmp_ipp_streamed_ctx*, void*) override { ++aborted; }
@@ -147,7 +147,7 @@ TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHa
     cmp_ipp_manager* m = cmp_ipp_manager::get();
     cmp_ipp_handler* savedHandler = m->m_handler;
     void* savedPrinter = m->m_printer;
-    m->m_printer = nullptr;  // each round's printer puts this back when it goes
+    m->unregisterPrinter(savedPrinter);  // each round's printer puts this back when it goes
     IPPCGI_EnableIPP(1);
 
     const int kThreads = 8;
@@ -215,7 +215,7 @@ TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHa
         EXPECT_EQ(wrong.load(), 0);
     }
     IPPCGI_EnableIPP(0);
-    m->m_printer = savedPrinter;
+    m->init(savedPrinter);
     if (savedHandler != nullptr) IPP_Initialize(nullptr, savedHandler);
 }
 
