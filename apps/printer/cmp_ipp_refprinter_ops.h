@@ -18,41 +18,43 @@
 #include "cmp_ipp_refprinter_attrs.h"
 #include "cmp_ipp_refprinter_internal.h"
 #include "containers/cmp_ipp_if.h"
+#include "service/cmp_ipp_constants.h"
 
 namespace refprinter {
 
 using namespace attrs;
 
+// Short names for the codes this printer answers with.
 enum : uint16_t {
-    kOk = 0x0000,
-    kOkIgnored = 0x0001,
-    kBadRequest = 0x0400,
-    kNotAuthorized = 0x0403,
-    kNotPossible = 0x0404,
-    kNotFound = 0x0406,
-    kFormatNotSupported = 0x040A,
-    kValuesNotSupported = 0x040B,
-    kCharsetNotSupported = 0x040D,
-    kCompressionNotSupported = 0x040F,
-    kInternalError = 0x0500,
-    kNotAccepting = 0x0506,
-    kBusy = 0x0507,
+    kOk = CMP_IPP_STATUS_SUCCESSFUL_OK,
+    kOkIgnored = CMP_IPP_STATUS_SUCCESSFUL_OK_IGNORED_OR_SUBSTITUTED_ATTRIBUTES,
+    kBadRequest = CMP_IPP_STATUS_CLIENT_ERROR_BAD_REQUEST,
+    kNotAuthorized = CMP_IPP_STATUS_CLIENT_ERROR_NOT_AUTHORIZED,
+    kNotPossible = CMP_IPP_STATUS_CLIENT_ERROR_NOT_POSSIBLE,
+    kNotFound = CMP_IPP_STATUS_CLIENT_ERROR_NOT_FOUND,
+    kFormatNotSupported = CMP_IPP_STATUS_CLIENT_ERROR_DOCUMENT_FORMAT_NOT_SUPPORTED,
+    kValuesNotSupported = CMP_IPP_STATUS_CLIENT_ERROR_ATTRIBUTES_OR_VALUES_NOT_SUPPORTED,
+    kCharsetNotSupported = CMP_IPP_STATUS_CLIENT_ERROR_CHARSET_NOT_SUPPORTED,
+    kCompressionNotSupported = CMP_IPP_STATUS_CLIENT_ERROR_COMPRESSION_NOT_SUPPORTED,
+    kInternalError = CMP_IPP_STATUS_SERVER_ERROR_INTERNAL_ERROR,
+    kNotAccepting = CMP_IPP_STATUS_SERVER_ERROR_NOT_ACCEPTING_JOBS,
+    kBusy = CMP_IPP_STATUS_SERVER_ERROR_BUSY,
 };
 
 enum : int16_t {
-    kPrintJob = 0x0002,
-    kValidateJob = 0x0004,
-    kCreateJob = 0x0005,
-    kSendDocument = 0x0006,
-    kCancelJob = 0x0008,
-    kGetJobAttributes = 0x0009,
-    kGetJobs = 0x000A,
-    kGetPrinterAttributes = 0x000B,
-    kHoldJob = 0x000C,
-    kReleaseJob = 0x000D,
-    kCancelMyJobs = 0x0039,
-    kCloseJob = 0x003B,
-    kIdentifyPrinter = 0x003C,
+    kPrintJob = CMP_IPP_OP_PRINT_JOB,
+    kValidateJob = CMP_IPP_OP_VALIDATE_JOB,
+    kCreateJob = CMP_IPP_OP_CREATE_JOB,
+    kSendDocument = CMP_IPP_OP_SEND_DOCUMENT,
+    kCancelJob = CMP_IPP_OP_CANCEL_JOB,
+    kGetJobAttributes = CMP_IPP_OP_GET_JOB_ATTRIBUTES,
+    kGetJobs = CMP_IPP_OP_GET_JOBS,
+    kGetPrinterAttributes = CMP_IPP_OP_GET_PRINTER_ATTRIBUTES,
+    kHoldJob = CMP_IPP_OP_HOLD_JOB,
+    kReleaseJob = CMP_IPP_OP_RELEASE_JOB,
+    kCancelMyJobs = CMP_IPP_OP_CANCEL_MY_JOBS,
+    kCloseJob = CMP_IPP_OP_CLOSE_JOB,
+    kIdentifyPrinter = CMP_IPP_OP_IDENTIFY_PRINTER,
 };
 
 // A header field's text as the transport hands it over: up to 2023 characters
