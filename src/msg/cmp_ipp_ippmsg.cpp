@@ -157,7 +157,7 @@ void cmp_ipp_msg::reset() {
 
 void cmp_ipp_msg::resetDataComplete() {
     m_dataLength = 0;
-    m_dataComplete = !(m_operationId == 2 || m_operationId == 6);
+    m_dataComplete = !(m_operationId == CMP_IPP_OP_PRINT_JOB || m_operationId == CMP_IPP_OP_SEND_DOCUMENT);
 }
 
 void cmp_ipp_msg::setData(const cmp_ipp_buf& data) {
@@ -187,7 +187,7 @@ int cmp_ipp_msg::getGroups(int* out, int max) const {
     for (int32_t i = 0; i < m_groups.length(); ++i) {
         int tag = groupToTag(m_groups[i]->getName());
         out[i] = (tag & 0xFF) | (jobsBefore << 16);
-        if (tag == 2) ++jobsBefore;
+        if (tag == CMP_IPP_TAG_JOB_ATTRIBUTES) ++jobsBefore;
     }
     return 0;
 }
@@ -195,12 +195,12 @@ int cmp_ipp_msg::getGroups(int* out, int max) const {
 int cmp_ipp_msg::groupToTag(const char* name) {
     if (name == nullptr) return -1;
     switch (name[0]) {
-    case 'O': return 1;
-    case 'J': return 2;
-    case 'P': return 4;
-    case 'U': return 5;
-    case 'S': return 6;
-    case 'E': return 7;
+    case 'O': return CMP_IPP_TAG_OPERATION_ATTRIBUTES;
+    case 'J': return CMP_IPP_TAG_JOB_ATTRIBUTES;
+    case 'P': return CMP_IPP_TAG_PRINTER_ATTRIBUTES;
+    case 'U': return CMP_IPP_TAG_UNSUPPORTED_ATTRIBUTES;
+    case 'S': return CMP_IPP_TAG_SUBSCRIPTION_ATTRIBUTES;
+    case 'E': return CMP_IPP_TAG_EVENT_NOTIFICATION_ATTRIBUTES;
     default: return -1;
     }
 }
@@ -290,7 +290,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
     }
 
     unsigned int tag = buf.getByteAt(8);
-    if (tag == 3) {
+    if (tag == CMP_IPP_TAG_END_OF_ATTRIBUTES) {
         parseError(kLineEndNoOp, 606, -1, 1);
         return CMP_IPP_STATUS_BAD_REQUEST;
     }
@@ -315,7 +315,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
         bool groupError = false;
         cmp_ipp_attrs* group = nullptr;
         switch (tag) {
-        case 1:
+        case CMP_IPP_TAG_OPERATION_ATTRIBUTES:
             group = getAttrGroup("Op");
             if (opGroups > 0) {
                 parseError(kLineRepeatedGroup, 605, tagOffset, 1);
@@ -327,10 +327,11 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             }
             ++opGroups;
             break;
-        case 2:
-        case 4: {
-            int& count = (tag == 2) ? jobGroups : printerGroups;
-            group = (tag == 2) ? cmp_ipp_msg_get_job_attrs(jobGroups) : getAttrGroup("Printer");
+        case CMP_IPP_TAG_JOB_ATTRIBUTES:
+        case CMP_IPP_TAG_PRINTER_ATTRIBUTES: {
+            const bool job = tag == CMP_IPP_TAG_JOB_ATTRIBUTES;
+            int& count = job ? jobGroups : printerGroups;
+            group = job ? cmp_ipp_msg_get_job_attrs(jobGroups) : getAttrGroup("Printer");
             if (count > 0) {
                 parseError(kLineRepeatedGroup, 605, tagOffset, static_cast<int32_t>(tag));
                 groupError = true;
@@ -343,7 +344,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             ++count;
             break;
         }
-        case 5:
+        case CMP_IPP_TAG_UNSUPPORTED_ATTRIBUTES:
             group = getAttrGroup("Unsupported");
             if (unsupportedGroups > 0) {
                 parseError(kLineRepeatedGroup, 605, tagOffset, 5);
@@ -355,7 +356,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             }
             ++unsupportedGroups;
             break;
-        case 6:
+        case CMP_IPP_TAG_SUBSCRIPTION_ATTRIBUTES:
             group = getSubscriptionAttrs(subscriptionGroups++);
             break;
         default: {
@@ -453,7 +454,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             return CMP_IPP_STATUS_BAD_REQUEST;
         }
         ++offset;
-        if (delimiter == 3) break;
+        if (delimiter == CMP_IPP_TAG_END_OF_ATTRIBUTES) break;
         tag = delimiter;
     }
 
