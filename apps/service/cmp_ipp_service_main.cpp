@@ -17,6 +17,7 @@
 #include "cmp_ipp_version.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "platform/cmp_dbglog.h"
+#include "service/cmp_ipp_facade.h"
 
 namespace {
 
@@ -169,11 +170,10 @@ int main(int argc, char** argv) {
     refprinter::Printer printer(config);
 
     int rc = 0;
-    if (!printer.start()) {
+    if (!printer.serve()) {
         fprintf(stderr, "%s: the IPP service did not start\n", argv[0]);
         rc = 1;
     } else {
-        (void)httpd_start_wrap();
         if (!waitForListener(socketPath, kListenerWaitMs)) {
             fprintf(stderr, "%s: the IPP listener did not come up on %s\n", argv[0], socketPath.c_str());
             rc = 1;
@@ -190,7 +190,7 @@ int main(int argc, char** argv) {
     }
 
     // No new connections first, then the printer.
-    (void)httpd_stop_wrap();
+    (void)orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term();
     printer.stop();
     unlink(socketPath.c_str());
     if (created) rmdir(o.socketDir.c_str());
