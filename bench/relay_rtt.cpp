@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "cmp_ipp_relay.h"
+#include "cmp_ipp_write_all.h"
 #include "containers/cmp_ipp_if.h"
 
 namespace {
@@ -157,16 +158,7 @@ bool readExact(int fd, unsigned char* p, size_t n) {
     return true;
 }
 
-bool writeAll(int fd, const unsigned char* p, size_t n) {
-    while (n > 0) {
-        const ssize_t w = send(fd, p, n, MSG_NOSIGNAL);
-        if (w < 0 && errno == EINTR) continue;
-        if (w <= 0) return false;
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
+using cmp_ipp_app::writeAll;
 
 // Takes a request record and body blocks up to the end block, answers with a
 // reply record (status 0, kept, contentLength) and that many body bytes.

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <memory>
 
+#include "cmp_ipp_write_all.h"
+
 namespace cmp_ipp_fe {
 
 namespace {
@@ -66,18 +68,7 @@ bool writeFileAtomically(const std::string& path, const std::string& text, std::
         say(error, "cannot create a file beside " + path + ": " + strerror(errno));
         return false;
     }
-    bool ok = fchmod(fd, 0600) == 0;
-    size_t done = 0;
-    while (ok && done < text.size()) {
-        const ssize_t n = write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            ok = false;
-            break;
-        }
-        done += static_cast<size_t>(n);
-    }
-    ok = ok && fsync(fd) == 0;
+    bool ok = fchmod(fd, 0600) == 0 && cmp_ipp_app::writeAll(fd, text.data(), text.size()) && fsync(fd) == 0;
     const int saved = errno;
     ok = close(fd) == 0 && ok;
     if (!ok || rename(temp.c_str(), path.c_str()) != 0) {

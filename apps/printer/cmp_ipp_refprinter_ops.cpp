@@ -9,27 +9,13 @@
 #include <string>
 
 #include "cmp_ipp_refprinter_ops.h"
+#include "cmp_ipp_write_all.h"
 
 namespace refprinter {
 
 using namespace attrs;
 
-namespace {
-
-bool writeAll(int fd, const unsigned char* p, size_t n) {
-    while (n > 0) {
-        const ssize_t w = ::write(fd, p, n);
-        if (w < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        p += w;
-        n -= static_cast<size_t>(w);
-    }
-    return true;
-}
-
-}  // namespace
+using cmp_ipp_app::writeAll;
 
 // ---------------------------------------------------------------------------------
 // Life of a stream
