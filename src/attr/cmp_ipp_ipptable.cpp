@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "attr/cmp_ipp_ipptable_index.h"
+#include "containers/cmp_ipp_once.h"
 #include "platform/emw_osw.h"
 
 cmp_ipp_ipptable_def* cmp_ipp_ipptable_def::m_singleton = nullptr;
@@ -17,11 +18,7 @@ cmp_ipp_ipptable_def::cmp_ipp_ipptable_def()
 cmp_ipp_ipptable_def::~cmp_ipp_ipptable_def() = default;
 
 cmp_ipp_ipptable_def* cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance() {
-    cmp_ipp_ipptable_def* p = __atomic_load_n(&m_singleton, __ATOMIC_ACQUIRE);
-    if (p != nullptr) return p;
-    OSW_Thread_Guard guard;
-    if (m_singleton == nullptr) __atomic_store_n(&m_singleton, new cmp_ipp_ipptable_def(), __ATOMIC_RELEASE);
-    return m_singleton;
+    return cmp_ipp_once::instance(&m_singleton, [] { return new cmp_ipp_ipptable_def(); });
 }
 
 // ---- the index -------------------------------------------------------------

@@ -29,12 +29,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 
 #include "containers/cmp_ipp_malloc.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "httpd/cmp_ipp_pic.h"
 #include "platform/cmp_dbglog.h"
+#include "containers/cmp_ipp_once.h"
 #include "platform/emw_osw.h"
 
 using orvane::cmp_dbglog::tracer;
@@ -51,7 +51,7 @@ const int32_t kTaskPriorityLevel = 10;
 const char kSocketName[] = "zyn_ipp_server";
 const char kDefaultPath[] = "/tmp/zyn_ipp_server";
 
-std::once_flag g_wakeOnce;
+int g_wakeTried = 0;
 // Group given access to the socket file; -1: the owner alone.
 std::atomic<int32_t> g_socketGroup{-1};
 std::atomic<int> g_wake[2] = {{-1}, {-1}};
@@ -111,7 +111,7 @@ ConnSlot* findConn(int sock) {
 }  // namespace
 
 bool pn_httpd_wake_prepare() {
-    std::call_once(g_wakeOnce, [] {
+    cmp_ipp_once::run(&g_wakeTried, [] {
         int fds[2];
         if (pipe(fds) != 0) return;
         if (!setNonBlocking(fds[0]) || !setNonBlocking(fds[1])) {

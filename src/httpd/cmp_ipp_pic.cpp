@@ -6,9 +6,9 @@
 
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "platform/cmp_dbglog.h"
+#include "containers/cmp_ipp_once.h"
 #include "platform/emw_osw.h"
 
 int32_t gPN_PIC_FIFO_Priorities[PN_PIC_NUM_PRIORITIES];
@@ -19,12 +19,12 @@ PN_PIC_TaskInfo* gPN_PIC_TaskInfoList = nullptr;
 
 namespace {
 
-std::once_flag g_semOnce;
+int g_semReady = 0;
 
 // The list semaphore is set up once and never re-initialised: tasks of an earlier
 // start may still be using it. Every user makes sure it exists.
 void ensureListSem() {
-    std::call_once(g_semOnce, [] { sem_init(&gPN_PIC_TaskInfoSem, 0, 1); });
+    cmp_ipp_once::run(&g_semReady, [] { sem_init(&gPN_PIC_TaskInfoSem, 0, 1); });
 }
 
 // Spreads [lowValue, highValue] over the levels [low, high] by halving.

@@ -1,6 +1,7 @@
 #include "service/cmp_ipp_facade.h"
 
 #include "httpd/cmp_ipp_httpd.h"
+#include "containers/cmp_ipp_once.h"
 #include "platform/emw_osw.h"
 #include "service/cmp_ipp_ippc.h"
 
@@ -13,11 +14,7 @@ const int kStopFailure = 0x510a0002;
 cmp_ipp_facade* cmp_ipp_facade::s_instance_ = nullptr;
 
 cmp_ipp_facade* cmp_ipp_facade::cmp_ipp_get_instance() {
-    cmp_ipp_facade* p = __atomic_load_n(&s_instance_, __ATOMIC_ACQUIRE);
-    if (p != nullptr) return p;
-    OSW_Thread_Guard guard;
-    if (s_instance_ == nullptr) __atomic_store_n(&s_instance_, new cmp_ipp_facade(), __ATOMIC_RELEASE);
-    return s_instance_;
+    return cmp_ipp_once::instance(&s_instance_, [] { return new cmp_ipp_facade(); });
 }
 
 int cmp_ipp_facade::cmp_ipp_init(void* printer, void* handler) {

@@ -4,6 +4,7 @@
 
 #include "containers/cmp_ipp_malloc.h"
 #include "service/cmp_ipp_constants.h"
+#include "containers/cmp_ipp_once.h"
 #include "platform/emw_osw.h"
 #include "service/cmp_ipp_handler.h"
 
@@ -54,11 +55,7 @@ cmp_ipp_manager::cmp_ipp_manager() : m_printer(nullptr), m_handler(nullptr) {}
 cmp_ipp_manager::~cmp_ipp_manager() = default;
 
 cmp_ipp_manager* cmp_ipp_manager::get() {
-    cmp_ipp_manager* p = __atomic_load_n(&m_singleton, __ATOMIC_ACQUIRE);
-    if (p != nullptr) return p;
-    OSW_Thread_Guard guard;
-    if (m_singleton == nullptr) __atomic_store_n(&m_singleton, new cmp_ipp_manager(), __ATOMIC_RELEASE);
-    return m_singleton;
+    return cmp_ipp_once::instance(&m_singleton, [] { return new cmp_ipp_manager(); });
 }
 
 intptr_t cmp_ipp_manager::getPrinterFromHandle(intptr_t handle) const {
