@@ -44,7 +44,7 @@ public:
     static void logging(const char* line, size_t len);
 };
 
-// The line numbers that the library's traces print ("cmp_ipp_httptask::ahttpdSoread(1173)")
+// The line numbers that the library's traces print ("<file>::<function>(<number>)")
 // are fixed identifiers of each trace place, the same on every build and kept
 // through edits and file splits; they are not the lines of our sources, and tools
 // that read the traces match on them.
