@@ -25,6 +25,24 @@ struct HttpResponse {
     }
 };
 
+// The status line and header fields of a response head (without its blank line).
+inline void parseHttpHead(const std::string& text, HttpResponse& r) {
+    std::istringstream head(text);
+    std::string line, version;
+    std::getline(head, line);
+    std::istringstream(line) >> version >> r.status;
+    while (std::getline(head, line)) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        std::string name = line.substr(0, colon);
+        for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        std::string value = line.substr(colon + 1);
+        value.erase(0, value.find_first_not_of(' '));
+        if (!value.empty() && value.back() == '\r') value.pop_back();
+        r.headers[name] = value;
+    }
+}
+
 class HttpClient {
 public:
     // From `source` (any 127.x.y.z works on Linux loopback), so that tests can
@@ -100,21 +118,8 @@ public:
         size_t end;
         while ((end = buf_.find("\r\n\r\n")) == std::string::npos)
             if (!fill(start, timeoutMs)) return r;
-        std::istringstream head(buf_.substr(0, end));
+        parseHttpHead(buf_.substr(0, end), r);
         buf_.erase(0, end + 4);
-        std::string line, version;
-        std::getline(head, line);
-        std::istringstream(line) >> version >> r.status;
-        while (std::getline(head, line)) {
-            const size_t colon = line.find(':');
-            if (colon == std::string::npos) continue;
-            std::string name = line.substr(0, colon);
-            for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            if (!value.empty() && value.back() == '\r') value.pop_back();
-            r.headers[name] = value;
-        }
         if (r.headers.count("content-length") != 0) {
             const size_t n = std::stoul(r.headers["content-length"]);
             while (buf_.size() < n)

@@ -178,79 +178,6 @@ TEST(FrontendAdmission, HeaderDeadlineExpiresOnlyWaitingConnections) {
     EXPECT_EQ(t.nextDeadline(), INT64_MAX);
 }
 
-// A stand-in for the library that closes its first connections unread, as
-// the library does at its connection limit, then reads one request whole
-// (record, blocks, end block) and answers it.
-TEST(FrontendRelay, RefusedRequestIsSentAgainWholeAndOnce) {
-    char dir[] = "/tmp/cmp_ipp_relay_XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/sock";
-    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un a;
-    std::memset(&a, 0, sizeof a);
-    a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
-    ASSERT_EQ(bind(listener, reinterpret_cast<struct sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(listener, 5), 0);
-    const int refusals = 3;
-    std::string received;
-    std::thread server([&] {
-        for (int i = 0; i <= refusals; ++i) {
-            const int c = accept(listener, nullptr, nullptr);
-            if (c < 0) return;
-            if (i < refusals) {
-                // Let the request (or part of it) arrive, then close without reading.
-                std::this_thread::sleep_for(std::chrono::milliseconds(i * 20));
-                close(c);
-                continue;
-            }
-            std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
-            auto readAll = [c](void* p, size_t n) {
-                unsigned char* d = static_cast<unsigned char*>(p);
-                while (n > 0) {
-                    const ssize_t k = recv(c, d, n, 0);
-                    if (k <= 0) return false;
-                    d += k;
-                    n -= static_cast<size_t>(k);
-                }
-                return true;
-            };
-            if (!readAll(record.data(), record.size())) break;
-            received.assign(record.begin(), record.begin() + 4);
-            for (;;) {
-                int32_t length = 0;
-                if (!readAll(&length, sizeof length)) break;
-                received += "|" + std::to_string(length);
-                if (length <= 0) break;
-                std::string data(static_cast<size_t>(length), '\0');
-                if (!readAll(&data[0], data.size())) break;
-            }
-            std::vector<unsigned char> reply(AHTTPD_RSP_RECORD_SIZE, 0);
-            (void)send(c, reply.data(), reply.size(), MSG_NOSIGNAL);
-            close(c);
-        }
-    });
-    std::atomic<bool> stopping{false};
-    relay_connection relay(5000, &stopping, 3000);
-    ASSERT_EQ(relay.connectTo(path), relay_connection::outcome::ok);
-    relay_request req;
-    req.method = AHTTPD_METHOD_POST;
-    req.chunked = true;
-    ASSERT_TRUE(relay.sendRequest(req));
-    const std::string body(1000, 'b');
-    ASSERT_TRUE(relay.addBody(reinterpret_cast<const unsigned char*>(body.data()), body.size()));
-    ASSERT_TRUE(relay.endBody());
-    relay_reply reply;
-    EXPECT_TRUE(relay.readReply(reply, 5000));
-    EXPECT_EQ(reply.status, 0);
-    server.join();
-    EXPECT_EQ(received, std::string("\x02\0\0\0", 4) + "|1000|0") << "one record, the block and the end, once";
-    EXPECT_EQ(relay.replays(), static_cast<unsigned>(refusals));
-    close(listener);
-    unlink(path.c_str());
-    rmdir(dir);
-}
-
 // The record kept per connection and updated in place is, request after
 // request, the record a fresh encoding gives: more and fewer fields, longer and
 // shorter texts, texts too long for a field, more fields than a record holds.
@@ -300,7 +227,10 @@ public:
         int pieces = 1;
         size_t extra = 0;
     };
-    explicit FakeLibrary(std::vector<Answer> answers) : answers_(std::move(answers)) {
+    // The first `refusals` connections are closed unread, as the library does
+    // at its connection limit, each after letting some of the request arrive.
+    explicit FakeLibrary(std::vector<Answer> answers, int refusals = 0)
+        : answers_(std::move(answers)), refusals_(refusals) {
         char dir[] = "/tmp/cmp_ipp_relay_XXXXXX";
         EXPECT_NE(mkdtemp(dir), nullptr);
         dir_ = dir;
@@ -342,6 +272,12 @@ private:
         return true;
     }
     void serve() {
+        for (int i = 0; i < refusals_; ++i) {
+            const int r = accept(listener_, nullptr, nullptr);
+            if (r < 0) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(i * 20));
+            close(r);
+        }
         const int c = accept(listener_, nullptr, nullptr);
         if (c < 0) return;
         std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
@@ -382,10 +318,39 @@ private:
         close(c);
     }
     std::vector<Answer> answers_;
+    int refusals_;
     std::string dir_;
     int listener_ = -1;
     std::thread thread_;
 };
+
+// A request that meets connections closed unread is sent again, whole and once.
+TEST(FrontendRelay, RefusedRequestIsSentAgainWholeAndOnce) {
+    const int refusals = 3;
+    FakeLibrary lib({{0, 1, 0}}, refusals);
+    std::atomic<bool> stopping{false};
+    relay_connection relay(5000, &stopping, 3000);
+    ASSERT_EQ(relay.connectTo(lib.path), relay_connection::outcome::ok);
+    relay_request req;
+    req.method = AHTTPD_METHOD_POST;
+    req.chunked = true;
+    ASSERT_TRUE(relay.sendRequest(req));
+    const std::string body(1000, 'b');
+    ASSERT_TRUE(relay.addBody(reinterpret_cast<const unsigned char*>(body.data()), body.size()));
+    ASSERT_TRUE(relay.endBody());
+    relay_reply reply;
+    EXPECT_TRUE(relay.readReply(reply, 5000));
+    EXPECT_EQ(reply.status, 0);
+    EXPECT_EQ(relay.replays(), static_cast<unsigned>(refusals));
+    relay.close();
+    std::string expected(AHTTPD_REQ_BLOCK_SIZE, '\0');
+    encodeRequestRecord(req, reinterpret_cast<unsigned char*>(&expected[0]));
+    const int32_t n = 1000;
+    expected.append(reinterpret_cast<const char*>(&n), sizeof n);
+    expected += body + std::string(4, '\0');
+    ASSERT_EQ(lib.requests.size(), 1u);
+    EXPECT_TRUE(lib.requests[0] == expected) << "one record, the block and the end, once";
+}
 
 // Requests and replies over one kept connection: every request reaches the
 // library as the record, the coalesced blocks and the end block, byte for byte

@@ -73,21 +73,8 @@ public:
         size_t end;
         while ((end = buf_.find("\r\n\r\n")) == std::string::npos)
             if (!fill(start, timeoutMs)) return r;
-        std::istringstream head(buf_.substr(0, end));
+        parseHttpHead(buf_.substr(0, end), r);
         buf_.erase(0, end + 4);
-        std::string line, version;
-        std::getline(head, line);
-        std::istringstream(line) >> version >> r.status;
-        while (std::getline(head, line)) {
-            const size_t colon = line.find(':');
-            if (colon == std::string::npos) continue;
-            std::string name = line.substr(0, colon);
-            for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(' '));
-            if (!value.empty() && value.back() == '\r') value.pop_back();
-            r.headers[name] = value;
-        }
         const size_t n = r.headers.count("content-length") != 0 ? std::stoul(r.headers["content-length"]) : 0;
         while (buf_.size() < n)
             if (!fill(start, timeoutMs)) return r;

@@ -219,28 +219,6 @@ TEST(DictionaryTables, StatusTextsAreUniqueAndMatchTheirClass) {
 // ---------------------------------------------------------------------------
 // The tables as the library sees them once installed
 
-TEST(DictionaryInstalled, EveryRowIsFoundByTheRegistryLookups) {
-    ScopedDictionary dict;
-    std::set<uint16_t> oneSetOf;
-    for (uint16_t id : oneSetOfIds()) oneSetOf.insert(id);
-    std::set<uint16_t> firstSeen;
-    for (const cmp_ipp_attr_row_t& r : attrRows()) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(cmp_ipp_attr::cmp_ipp_attr_name_to_id(r.name), r.id);
-        int32_t min = 0, max = 0;
-        EXPECT_TRUE(cmp_ipp_attr::getNameIdMinMax(r.id, r.valueTag, &min, &max));
-        EXPECT_EQ(min, r.min);
-        EXPECT_EQ(max, r.max);
-        if (!firstSeen.insert(r.id).second) continue;
-        int16_t type = 0;
-        EXPECT_STREQ(cmp_ipp_attr::cmp_ipp_attr_id_to_name(r.id, &type), r.name);
-        EXPECT_EQ(type, r.valueTag);
-        EXPECT_EQ(cmp_ipp_attr::nameIdIsOneSetOf(r.id), oneSetOf.count(r.id) == 1);
-    }
-    for (const cmp_ipp_operation_row_t& op : operationRows()) EXPECT_STREQ(cmp_ipp_msg::getOpName(op.id), op.name);
-    for (const cmp_ipp_status_row_t& s : statusRows()) EXPECT_STREQ(cmp_ipp_msg::getStatusCodeString(s.code), s.text);
-}
-
 TEST(DictionaryInstalled, AlternateTagsAreValidatedWithTheirOwnRange) {
     ScopedDictionary dict;
     for (const cmp_ipp_alt_type_row_t& a : altRows()) {

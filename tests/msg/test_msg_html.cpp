@@ -1,6 +1,6 @@
-// The HTML renderings of attributes, groups and messages are built in one pass:
-// the same text as the former piece-by-piece appending (kept below as the
-// reference), with one allocation per page.
+// HTML renderings of values the corpus does not hold, and the in-place string
+// fill the renderers use. The text of each value class is held in AttrHtml.Lines
+// and the page frame in EncodeTest.HtmlPage.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -14,274 +14,10 @@
 
 namespace {
 
-// ---- reference: the former renderings, appending piece by piece ----------------
-
-namespace reference {
-
-void appendNumber(cmp_ipp_string& out, int32_t v) {
-    char digits[16];
-    int n = std::snprintf(digits, sizeof digits, "%d", static_cast<int>(v));
-    if (n > 0) out.append(digits, n);
-}
-
-cmp_ipp_string attrHtml(const cmp_ipp_attr& a, bool lineBreak) {
-    const auto wordAt = [&a](int32_t i) { return (i >= 0 && i < a.m_longs.length()) ? a.m_longs[i] : 0; };
-    const auto stringAt = [&a](int32_t i) {
-        return (i >= 0 && i < a.m_strings.length()) ? &a.m_strings[i] : nullptr;
-    };
-    const auto bufAt = [&a](int32_t i) { return (i >= 0 && i < a.m_bufs.length()) ? &a.m_bufs[i] : nullptr; };
-    const char* lineEnd = lineBreak ? "<br>" : "\n";
-    const char* name = a.cmp_ipp_attr_get_name();
-    cmp_ipp_string out;
-    if (a.m_type == 0x4A && a.m_numValues <= 0) {
-        out.append("<font color=\"blue\">", -1);
-        out.append(name, -1);
-        out.append(":</font> ", -1);
-        out.append(lineEnd, -1);
-        return out;
-    }
-    if (a.m_type == 0x34) {
-        if (a.m_nameId != 0) {
-            out.append("<font color=\"blue\">", -1);
-            out.append(name, -1);
-            out.append(":</font> ", -1);
-        }
-        out.append("{ ", -1);
-        out.append(lineEnd, -1);
-        return out;
-    }
-    if (a.m_type == 0x37) {
-        out.append("}", -1);
-        out.append(lineEnd, -1);
-        return out;
-    }
-    const int32_t tag = (a.m_type == 0x4A) ? a.m_memberType : a.m_type;
-    const char* typeName = cmp_ipp_msg::getTypeName(tag);
-    for (int32_t i = 0; i < a.m_numValues; ++i) {
-        out.append("<font color=\"blue\">", -1);
-        if (i == 0) out.append(name, -1);
-        out.append(":</font> <i>", -1);
-        out.append(typeName, -1);
-        out.append(":</i> <font color=\"red\">", -1);
-        switch (tag) {
-        case 0x21:
-        case 0x23:
-            appendNumber(out, wordAt(i));
-            break;
-        case 0x22:
-            out.append(wordAt(i) != 0 ? "true" : "false", -1);
-            break;
-        case 0x31: {
-            const uint32_t w[3] = {static_cast<uint32_t>(wordAt(3 * i)), static_cast<uint32_t>(wordAt(3 * i + 1)),
-                                   static_cast<uint32_t>(wordAt(3 * i + 2))};
-            unsigned char b[11];
-            for (int k = 0; k < 11; ++k) b[k] = static_cast<unsigned char>(w[k / 4] >> (24 - 8 * (k % 4)));
-            char text[64];
-            int n = (b[8] != 0) ? std::snprintf(text, sizeof text, "%d/%d/%d %d:%d:%d:%1d %c%d", (b[0] << 8) | b[1],
-                                                b[2], b[3], b[4], b[5], b[6], b[7], static_cast<char>(b[8]), b[9])
-                                : std::snprintf(text, sizeof text, "%d/%d/%d %d:%d:%d:%1d %d", (b[0] << 8) | b[1],
-                                                b[2], b[3], b[4], b[5], b[6], b[7], b[9]);
-            if (n > 0) out.append(text, n < static_cast<int>(sizeof text) ? n : static_cast<int>(sizeof text) - 1);
-            break;
-        }
-        case 0x32:
-            appendNumber(out, wordAt(3 * i));
-            out.append(", ", -1);
-            appendNumber(out, wordAt(3 * i + 1));
-            out.append(", ", -1);
-            appendNumber(out, wordAt(3 * i + 2));
-            break;
-        case 0x33:
-            appendNumber(out, wordAt(2 * i));
-            out.append(", ", -1);
-            appendNumber(out, wordAt(2 * i + 1));
-            break;
-        case 0x35:
-        case 0x36:
-            if (stringAt(2 * i + 1) != nullptr) out.append(*stringAt(2 * i + 1));
-            out.append(": ", -1);
-            if (stringAt(2 * i) != nullptr) out.append(*stringAt(2 * i));
-            break;
-        case 0x10:
-        case 0x12:
-        case 0x13:
-        case 0x41:
-        case 0x42:
-        case 0x44:
-        case 0x45:
-        case 0x46:
-        case 0x47:
-        case 0x48:
-        case 0x49:
-            if (stringAt(2 * i) != nullptr) out.append(*stringAt(2 * i));
-            break;
-        case 0x30:
-        case 0x50:
-            if (bufAt(i) != nullptr && bufAt(i)->length() != 0) {
-                const char* p = reinterpret_cast<const char*>(bufAt(i)->data());
-                out.append(p, static_cast<int32_t>(strnlen(p, bufAt(i)->length())));
-            }
-            break;
-        default:
-            out.append("Type incorrect", -1);
-            break;
-        }
-        out.append("</font>", -1);
-        out.append(lineEnd, -1);
-    }
-    return out;
-}
-
-cmp_ipp_string groupHtml(const cmp_ipp_attrs& g) {
-    cmp_ipp_string out;
-    if (g.count() == 0) return out;
-    out.append("\n<br><big><b>Attrs group: ", -1);
-    out.append(g.m_name.c_str(), -1);
-    out.append("</b></big><br>\n", -1);
-    int depth = 0;
-    for (int32_t i = 0; i < g.count(); ++i) {
-        if (g[i].m_type == 0x37 && depth > 0) --depth;
-        for (int d = 0; d < depth; ++d) out.append("&nbsp;&nbsp;&nbsp;&nbsp;", -1);
-        out.append(attrHtml(g[i], false));
-        out.append("<br>\n", -1);
-        if (g[i].m_type == 0x34) ++depth;
-    }
-    return out;
-}
-
-cmp_ipp_string msgHtml(const cmp_ipp_msg& m) {
-    cmp_ipp_string page;
-    char line[256];
-    page.append("<HTML><HEAD><TITLE>IPP Attributes</TITLE></HEAD><BODY BGCOLOR=\"#FFFFFF\"><H2> Message contents </H2>\n",
-                -1);
-    std::snprintf(line, sizeof line, "Version=0x%2x", static_cast<unsigned>(m.m_version));
-    page.append(line, -1);
-    const uint16_t op = static_cast<uint16_t>(m.m_operationId);
-    const char* name = cmp_ipp_msg::getOpName(op);
-    if (name == nullptr || std::strcmp(name, "unknown") == 0) name = cmp_ipp_msg::getStatusCodeString(op);
-    std::snprintf(line, sizeof line, "\n<br>operation id/status code=%d (0x%x) %s", m.m_operationId,
-                  static_cast<unsigned>(m.m_operationId), name);
-    page.append(line, -1);
-    std::snprintf(line, sizeof line, "\n<br>request id=%ld (0x%lx)", static_cast<long>(m.m_requestId),
-                  static_cast<unsigned long>(static_cast<uint32_t>(m.m_requestId)));
-    page.append(line, -1);
-    page.append("\n<H2>Attributes</H2>", -1);
-    for (int32_t g = 0; g < m.groupCount(); ++g) page.append(groupHtml(*m.group(g)));
-    page.append("\n<br><big><b>Data</b></big>", -1);
-    if (m.m_docData.length() == 0) {
-        page.append("\n<br>Data is null </BODY></HTML>", -1);
-    } else {
-        std::snprintf(line, sizeof line, "\n<br>Data length: %ld", static_cast<long>(m.m_docData.length()));
-        page.append(line, -1);
-        page.append(" Bytes </BODY></HTML>", -1);
-    }
-    return page;
-}
-
-}  // namespace reference
-
 // Text, length and state (unset or not) of a string.
 std::string shown(const cmp_ipp_string& s) {
     if (!s.isSet()) return "(unset)";
     return std::string(s.data(), static_cast<size_t>(s.length()));
-}
-
-// Renders with the library and counts the allocations it made.
-template <class F>
-cmp_ipp_string counted(F render, uint32_t* allocations) {
-    const uint32_t before = emwOSWTestAllocCalls();
-    cmp_ipp_string out = render();
-    *allocations = emwOSWTestAllocCalls() - before;
-    return out;
-}
-
-// Compares every rendering of a message with the reference; a page with text
-// costs exactly one allocation, an empty one none.
-void expectSameAsReference(const cmp_ipp_msg& m) {
-    uint32_t allocations = 0;
-    const cmp_ipp_string page = counted([&] { return m.cmp_ipp_msg_to_html(); }, &allocations);
-    EXPECT_EQ(shown(page), shown(reference::msgHtml(m)));
-    EXPECT_EQ(allocations, 1u) << "the page is allocated once";
-    for (int32_t g = 0; g < m.groupCount(); ++g) {
-        const cmp_ipp_attrs& group = *m.group(g);
-        SCOPED_TRACE(group.getName());
-        const cmp_ipp_string html = counted([&] { return group.toHTML(); }, &allocations);
-        EXPECT_EQ(shown(html), shown(reference::groupHtml(group)));
-        EXPECT_EQ(allocations, group.count() == 0 ? 0u : 1u);
-        for (int32_t i = 0; i < group.count(); ++i) {
-            for (bool lineBreak : {false, true}) {
-                const cmp_ipp_string a = counted([&] { return group[i].toHTML(lineBreak); }, &allocations);
-                EXPECT_EQ(shown(a), shown(reference::attrHtml(group[i], lineBreak))) << "attribute " << i;
-                EXPECT_EQ(allocations, a.isSet() ? 1u : 0u);
-            }
-        }
-    }
-}
-
-// Every attribute name of the corpus registered under its first value tag, so
-// that names come from the registry (with an empty registry they are the
-// attributes' own).
-RegistryTables corpusTables(std::vector<std::string>& names) {
-    std::map<std::string, int16_t> seen;
-    for (const char* suffix : {".req.ipp", ".rsp.ipp"}) {
-        for (const auto& m : capturedMessages(suffix)) {
-            const Bytes& b = m.second;
-            size_t i = 8;
-            while (i + 3 <= b.size()) {
-                const unsigned char tag = b[i];
-                if (tag < 0x10) {
-                    ++i;
-                    if (tag == 3) break;
-                    continue;
-                }
-                const size_t nl = static_cast<size_t>(b[i + 1] << 8 | b[i + 2]);
-                if (i + 5 + nl > b.size()) break;
-                const size_t vl = static_cast<size_t>(b[i + 3 + nl] << 8 | b[i + 4 + nl]);
-                if (nl > 0 && tag != 0x4A && tag != 0x37)
-                    seen.emplace(std::string(b.begin() + static_cast<long>(i + 3), b.begin() + static_cast<long>(i + 3 + nl)),
-                                 static_cast<int16_t>(tag));
-                i += 5 + nl + vl;
-            }
-        }
-    }
-    seen.emplace("ipp-versions-supported", 0x44);
-    seen.emplace("operations-supported", 0x23);
-    RegistryTables t;
-    names.clear();
-    for (const auto& kv : seen) names.push_back(kv.first);
-    uint16_t id = 1;
-    for (const std::string& n : names) t.attrs.push_back({id++, n.c_str(), seen[n], 0, INT32_MAX});
-    t.operations = {{0x0002, "Print-Job"}, {0x000B, "Get-Printer-Attributes"}};
-    t.statuses = {{0x0000, "successful-ok"}, {0x0400, "client-error-bad-request"}};
-    return t;
-}
-
-TEST(MsgHtml, EveryCorpusMessageRendersAsBeforeInOneAllocation) {
-    const auto requests = capturedMessages(".req.ipp");
-    const auto responses = capturedMessages(".rsp.ipp");
-    ASSERT_GE(requests.size() + responses.size(), 56u) << "corpus not found at " << CMP_IPP_CORPUS_DIR;
-    std::vector<std::string> names;
-    const RegistryTables corpus = corpusTables(names);
-    for (bool registered : {true, false}) {
-        SCOPED_TRACE(registered ? "names from the registry" : "own names");
-        ScopedRegistry reg(registered ? corpus : RegistryTables());
-        ScopedPrinter printer;
-        TraceCapture quiet(-1);  // the malformed captures are refused with traces
-        for (const auto* list : {&requests, &responses}) {
-            for (const auto& m : *list) {
-                SCOPED_TRACE(m.first);
-                cmp_ipp_buf buf = bufOf(m.second);
-                std::unique_ptr<cmp_ipp_msg> msg;
-                if (list == &requests) {
-                    msg.reset(new cmp_ipp_request());
-                } else {
-                    msg.reset(new cmp_ipp_response());
-                }
-                (void)msg->decode(buf, nullptr);  // refused ones render what was read
-                expectSameAsReference(*msg);
-            }
-        }
-    }
 }
 
 cmp_ipp_attr values(cmp_ipp_attr a, int32_t n) {
@@ -317,7 +53,7 @@ cmp_ipp_attr member(cmp_ipp_attr a, int32_t memberType) {
 // Values the corpus does not hold: extreme numbers, dates with and without a
 // direction, texts with NUL bytes, stores shorter than the value count, tags
 // without a layout, and collections that do not balance.
-TEST(MsgHtml, UnusualValuesRenderAsBefore) {
+TEST(MsgHtml, UnusualValuesRenderWithinTheirStores) {
     using namespace std::string_literals;
     ScopedRegistry reg(messageTables());
     const auto date = [](uint32_t w0, uint32_t w1, uint32_t w2) {
@@ -363,7 +99,13 @@ TEST(MsgHtml, UnusualValuesRenderAsBefore) {
         msg.m_operationId = op;
         msg.m_requestId = op < 0 ? INT32_MIN : 77;
         msg.setData(cmp_ipp_buf(doc, op < 0 ? 0u : 3u, true));
-        expectSameAsReference(msg);
+        // Short stores and unbalanced collections must render within their blocks
+        // (the sanitizer build checks the reads) and keep the page whole.
+        const std::string page = shown(msg.cmp_ipp_msg_to_html());
+        EXPECT_EQ(page.rfind("<HTML>", 0), 0u);
+        EXPECT_EQ(page.substr(page.size() - 14), "</BODY></HTML>");
+        for (int32_t i = 0; i < g->count(); ++i)
+            for (bool lineBreak : {false, true}) (void)(*g)[i].toHTML(lineBreak);
     }
 }
 

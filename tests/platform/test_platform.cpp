@@ -6,8 +6,6 @@
 #include <atomic>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/cmp_dbglog.h"
 #include "platform/emw_osw_test.h"
@@ -28,21 +26,6 @@ protected:
     }
     int saved_ = 0;
 };
-
-TEST_F(TraceTest, LevelAboveThresholdIsDropped) {
-    log().set_level(0);
-    orvane::cmp_dbglog::tracer(2, "[INFO  ]:m::%s(%d): hidden.\n", "f", 1);
-    orvane::cmp_dbglog::tracer(0, "[ERROR ]:m::%s(%d): shown %d.\n", "f", 7, 42);
-    auto lines = log().lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0], "[ERROR ]:m::f(7): shown 42.\n");
-
-    log().set_level(2);
-    emwGENTrcPrintf(0x510A, 0x102, 2, "[INFO  ]:x::%s(%d): y.\n", "g", 3);
-    lines = log().lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[1], "[INFO  ]:x::g(3): y.\n");
-}
 
 TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {
     log().set_level(0);
@@ -67,48 +50,21 @@ TEST(PlatformMemory, FaultHookFailsExactlyTheNextAllocations) {
     EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
 }
 
-TEST(PlatformMutex, ExcludesAndReportsFailures) {
+// The fault hook of the stand-in: a failed operation leaves the mutex usable.
+// (Exclusion, handle 0 and the process-wide guard are held by the conformance tests.)
+TEST(PlatformMutex, FaultHookFailsTheNextOperation) {
     emwOSWMutex_t m = 0;
     ASSERT_EQ(emwOSWCreateMutexSem(&m, 0, 1), 0);
-    ASSERT_EQ(emwOSWRequestMutexSem(m, -1), 0);
-
-    int tryResult = 99;
-    std::thread([&] { tryResult = emwOSWRequestMutexSem(m, 20); }).join();
-    EXPECT_NE(tryResult, 0) << "a held mutex must time out in another thread";
-
-    EXPECT_EQ(emwOSWReleaseMutexSem(m), 0);
     emwOSWTestFailNextMutexOps(1);
     EXPECT_NE(emwOSWRequestMutexSem(m, -1), 0);
     EXPECT_EQ(emwOSWRequestMutexSem(m, 0), 0);
     EXPECT_EQ(emwOSWReleaseMutexSem(m), 0);
     EXPECT_EQ(emwOSWDeleteMutexSem(m), 0);
-    EXPECT_NE(emwOSWRequestMutexSem(0, -1), 0);
 
     emwOSWTestFailNextMutexOps(1);
     emwOSWMutex_t failed = 123;
     EXPECT_NE(emwOSWCreateMutexSem(&failed, 0, 1), 0);
     EXPECT_EQ(failed, 0u);
-}
-
-TEST(PlatformGuard, IsRecursiveAndExclusive) {
-    static int counter = 0;
-    {
-        OSW_Thread_Guard outer;
-        OSW_Thread_Guard inner;  // a singleton built under the guard may take it again
-        ++counter;
-    }
-    const int kThreads = 4, kRounds = 2000;
-    std::vector<std::thread> ts;
-    for (int t = 0; t < kThreads; ++t) {
-        ts.emplace_back([] {
-            for (int i = 0; i < kRounds; ++i) {
-                OSW_Thread_Guard g;
-                ++counter;
-            }
-        });
-    }
-    for (std::thread& t : ts) t.join();
-    EXPECT_EQ(counter, 1 + kThreads * kRounds);
 }
 
 void* noteRan(void* p) {
