@@ -16,6 +16,7 @@
 
 #include "msg/msg_fixture.h"
 #include "apps/ipp_reply.h"
+#include "apps/temp_dir.h"
 #include "attr/cmp_ipp_attr.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"
@@ -129,18 +130,12 @@ class PrinterLimits : public ::testing::Test {
 protected:
     void SetUp() override {
         cmp_ipp_dictionary_install();
-        char dir[] = "/tmp/limits-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        spool = dir;
+        spool = makeTempDir("limits");
+        ASSERT_FALSE(spool.empty());
     }
     void TearDown() override {
         printer.reset();
-        if (DIR* d = opendir(spool.c_str())) {
-            while (dirent* e = readdir(d))
-                if (e->d_name[0] != '.') unlink((spool + "/" + e->d_name).c_str());
-            closedir(d);
-        }
-        rmdir(spool.c_str());
+        removeDir(spool);
     }
     void start(int64_t wallClockS, int32_t firstJobId) {
         refprinter::Config c;

@@ -13,6 +13,7 @@
 
 #include "apps/http_client.h"
 #include "apps/ipp_reply.h"
+#include "apps/temp_dir.h"
 
 namespace {
 
@@ -32,16 +33,6 @@ std::string readText(int fd, int timeoutMs) {
         if (n <= 0) break;
         out.append(buf, static_cast<size_t>(n));
         if (out.find("Spool:") != std::string::npos) break;
-    }
-    return out;
-}
-
-std::vector<std::string> filesIn(const std::string& dir) {
-    std::vector<std::string> out;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d))
-            if (e->d_name[0] != '.') out.push_back(dir + "/" + e->d_name);
-        closedir(d);
     }
     return out;
 }
@@ -77,8 +68,7 @@ uint16_t freePort() {
 class Program {
 public:
     Program() {
-        char dir[] = "/tmp/cmp-ipp-program-XXXXXX";
-        if (mkdtemp(dir) != nullptr) work = dir;
+        work = makeTempDir("cmp-ipp-program");
         spool = work + "/spool";
         sockDir = work + "/sock";
     }
@@ -87,10 +77,7 @@ public:
             kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
-        for (const std::string& d : {spool, sockDir}) {
-            for (const std::string& f : filesIn(d)) unlink(f.c_str());
-            rmdir(d.c_str());
-        }
+        for (const std::string& d : {spool, sockDir}) removeDir(d);
         unlink((work + "/err").c_str());
         rmdir(work.c_str());
     }

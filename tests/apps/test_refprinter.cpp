@@ -16,6 +16,7 @@
 
 #include "msg/msg_fixture.h"
 #include "apps/ipp_reply.h"
+#include "apps/temp_dir.h"
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_refprinter.h"
 #include "containers/cmp_ipp_malloc.h"
@@ -74,9 +75,8 @@ class RefPrinterTest : public ::testing::Test {
 protected:
     void SetUp() override {
         cmp_ipp_dictionary_install();
-        char dir[] = "/tmp/refprinter-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        spool = dir;
+        spool = makeTempDir("refprinter");
+        ASSERT_FALSE(spool.empty());
         refprinter::Config c;
         c.name = "Test Printer";
         c.spoolDir = spool;
@@ -87,12 +87,7 @@ protected:
     }
     void TearDown() override {
         printer.reset();
-        if (DIR* d = opendir(spool.c_str())) {
-            while (dirent* e = readdir(d))
-                if (e->d_name[0] != '.') unlink((spool + "/" + e->d_name).c_str());
-            closedir(d);
-        }
-        rmdir(spool.c_str());
+        removeDir(spool);
     }
 
     Response send(const Bytes& first, const std::vector<std::string>& blocks = {}) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/temp_dir.h"
 #include "cmp_ipp_version.h"
 
 namespace {
@@ -87,21 +88,12 @@ bool exists(const std::string& path) {
 class ServiceProgram : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/service-program-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        work = dir;
+        work = makeTempDir("service-program");
+        ASSERT_FALSE(work.empty());
     }
     void TearDown() override {
         // Only what the program makes: the spool and socket directories, empty.
-        for (const char* d : {"/spool", "/sock"}) {
-            const std::string path = work + d;
-            if (DIR* h = opendir(path.c_str())) {
-                while (dirent* e = readdir(h))
-                    if (e->d_name[0] != '.') unlink((path + "/" + e->d_name).c_str());
-                closedir(h);
-            }
-            rmdir(path.c_str());
-        }
+        for (const char* d : {"/spool", "/sock"}) removeDir(work + d);
         rmdir(work.c_str());
     }
     std::string work;
