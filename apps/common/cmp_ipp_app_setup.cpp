@@ -133,4 +133,32 @@ bool waitForListener(const std::string& path, int timeoutMs) {
     return false;
 }
 
+int parseServiceOption(int c, const char* arg, const char* argv0, ServiceOptions* o) {
+    long v = 0;
+    switch (c) {
+    case 'n': o->name = arg; return 0;
+    case 'd': o->spoolDir = arg; return 0;
+    case 's': o->socketDir = arg; return 0;
+    case 'g':
+        if (parseGroup(arg, &o->socketGroup)) return 0;
+        fprintf(stderr, "%s: unknown group: %s\n", argv0, arg);
+        return 2;
+    case 't':
+        if (parseNumber(arg, 0, 9, &v)) {
+            o->traceLevel = static_cast<int>(v);
+            return 0;
+        }
+        fprintf(stderr, "%s: bad trace level: %s\n", argv0, arg);
+        return 2;
+    case 'm':
+        if (parseNumber(arg, 0, 3600000, &v)) {
+            o->processingMs = static_cast<uint32_t>(v);
+            return 0;
+        }
+        fprintf(stderr, "%s: bad processing time: %s\n", argv0, arg);
+        return 2;
+    default: return -1;
+    }
+}
+
 }  // namespace cmp_ipp_app

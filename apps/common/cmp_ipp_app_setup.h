@@ -10,6 +10,22 @@
 
 namespace cmp_ipp_app {
 
+// The options of every program that runs the library with the reference printer.
+struct ServiceOptions {
+    std::string spoolDir = "spool";
+    std::string socketDir;
+    gid_t socketGroup = static_cast<gid_t>(-1);  // -1: the socket is for this user alone
+    std::string name = "Reference Printer";
+    int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
+    uint32_t processingMs = 2000;
+};
+
+// Takes getopt's option c and its argument when it is one of those: 'n' name,
+// 'd' spool, 's' socket-dir, 'g' socket-group, 't' trace-level, 'm'
+// processing-ms. 0 taken; 2 refused (said on standard error after argv0);
+// -1 not one of them.
+int parseServiceOption(int c, const char* arg, const char* argv0, ServiceOptions* o);
+
 // A whole decimal number within [low, high].
 bool parseNumber(const char* text, long low, long high, long* out);
 // A group by number or name.

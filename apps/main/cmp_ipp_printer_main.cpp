@@ -37,17 +37,12 @@ namespace {
 
 using namespace cmp_ipp_app;
 
-struct Options {
+// socketDir empty: a private directory, removed at exit.
+struct Options : ServiceOptions {
     uint16_t port = 8631;
     std::string bind = "127.0.0.1";
     std::string hostName;  // host part of the printer URI; from the bind address when empty
-    std::string spoolDir = "spool";
-    std::string socketDir;  // empty: a private directory, removed at exit
-    gid_t socketGroup = static_cast<gid_t>(-1);  // -1: the socket is for this user alone
-    std::string name = "Reference Printer";
-    int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
     bool printSeconds = false;
-    uint32_t processingMs = 2000;
     bool dnssd = true;
     bool tls = true;
     bool tlsOnly = false;
@@ -127,29 +122,6 @@ int parseArgs(int argc, char** argv, Options& o) {
             break;
         case 'b': o.bind = optarg; break;
         case 'H': o.hostName = optarg; break;
-        case 'n': o.name = optarg; break;
-        case 'd': o.spoolDir = optarg; break;
-        case 's': o.socketDir = optarg; break;
-        case 'g':
-            if (!parseGroup(optarg, &o.socketGroup)) {
-                fprintf(stderr, "%s: unknown group: %s\n", argv[0], optarg);
-                return 2;
-            }
-            break;
-        case 't':
-            if (!parseNumber(optarg, 0, 9, &v)) {
-                fprintf(stderr, "%s: bad trace level: %s\n", argv[0], optarg);
-                return 2;
-            }
-            o.traceLevel = static_cast<int>(v);
-            break;
-        case 'm':
-            if (!parseNumber(optarg, 0, 3600000, &v)) {
-                fprintf(stderr, "%s: bad processing time: %s\n", argv[0], optarg);
-                return 2;
-            }
-            o.processingMs = static_cast<uint32_t>(v);
-            break;
         case 'D': o.dnssd = false; break;
         case 'C': o.tlsCert = optarg; break;
         case 'K': o.tlsKey = optarg; break;
@@ -160,7 +132,13 @@ int parseArgs(int argc, char** argv, Options& o) {
         case 'P': o.hashPassword = true; break;
         case 'h': usage(stdout, argv[0]); return 0;
         case 'V': printf("cmp-ipp-printer %s\n", CMP_IPP_VERSION); return 0;
-        default: usage(stderr, argv[0]); return 2;
+        default: {
+            // The options every program that runs the printer takes.
+            const int taken = parseServiceOption(c, optarg, argv[0], &o);
+            if (taken == 0) break;
+            if (taken < 0) usage(stderr, argv[0]);
+            return 2;
+        }
         }
     }
     if (optind < argc) {

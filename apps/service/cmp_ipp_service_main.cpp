@@ -23,17 +23,12 @@ namespace {
 
 using namespace cmp_ipp_app;
 
-struct Options {
+// socketDir empty: $GEN_UNIX_PATH, else /tmp/, as the library and the front end.
+struct Options : ServiceOptions {
     // Where clients reach the printer: the front end's host and port, which
     // make the printer URI and every job URI.
     std::string hostName = "localhost";
     uint16_t port = 8631;
-    std::string spoolDir = "spool";
-    std::string socketDir;  // empty: $GEN_UNIX_PATH, else /tmp/, as the library and the front end
-    gid_t socketGroup = static_cast<gid_t>(-1);  // -1: the socket is for this user alone
-    std::string name = "Reference Printer";
-    int traceLevel = -1;  // -1: leave it to CMP_IPP_TRACE_LEVEL
-    uint32_t processingMs = 2000;
 };
 
 // Emulated start-up (the service under qemu-user) is slow; a listener that is
@@ -91,32 +86,15 @@ int parseArgs(int argc, char** argv, Options& o) {
             }
             o.port = static_cast<uint16_t>(v);
             break;
-        case 'n': o.name = optarg; break;
-        case 'd': o.spoolDir = optarg; break;
-        case 's': o.socketDir = optarg; break;
-        case 'g':
-            if (!parseGroup(optarg, &o.socketGroup)) {
-                fprintf(stderr, "%s: unknown group: %s\n", argv[0], optarg);
-                return 2;
-            }
-            break;
-        case 't':
-            if (!parseNumber(optarg, 0, 9, &v)) {
-                fprintf(stderr, "%s: bad trace level: %s\n", argv[0], optarg);
-                return 2;
-            }
-            o.traceLevel = static_cast<int>(v);
-            break;
-        case 'm':
-            if (!parseNumber(optarg, 0, 3600000, &v)) {
-                fprintf(stderr, "%s: bad processing time: %s\n", argv[0], optarg);
-                return 2;
-            }
-            o.processingMs = static_cast<uint32_t>(v);
-            break;
         case 'h': usage(stdout, argv[0]); return 0;
         case 'V': printf("cmp-ipp-service %s\n", CMP_IPP_VERSION); return 0;
-        default: usage(stderr, argv[0]); return 2;
+        default: {
+            // The options every program that runs the printer takes.
+            const int taken = parseServiceOption(c, optarg, argv[0], &o);
+            if (taken == 0) break;
+            if (taken < 0) usage(stderr, argv[0]);
+            return 2;
+        }
         }
     }
     if (optind < argc) {
