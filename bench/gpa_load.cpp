@@ -479,8 +479,11 @@ int main(int argc, char** argv) {
     std::vector<uint32_t> lat;
     uint64_t requests = 0, bytes = 0, reconnects = 0, broken = 0;
     size_t minBody = SIZE_MAX, maxBody = 0;
+    uint64_t fewest = UINT64_MAX, most = 0;
     std::string lastBroken;
     for (const Worker& w : workers) {
+        fewest = std::min(fewest, w.requests);
+        most = std::max(most, w.requests);
         broken += w.broken;
         if (!w.lastBroken.empty()) lastBroken = w.lastBroken;
         lat.insert(lat.end(), w.latencyUs.begin(), w.latencyUs.end());
@@ -498,9 +501,10 @@ int main(int argc, char** argv) {
     auto pct = [&](double p) { return lat[std::min(lat.size() - 1, static_cast<size_t>(p * double(lat.size())))]; };
     const double secs = std::chrono::duration<double>(t1 - t0).count();
     printf("requests=%llu seconds=%.3f rps=%.1f p50_us=%u p99_us=%u body_bytes=%.0f body_min=%zu body_max=%zu "
-           "reconnects=%llu",
+           "reconnects=%llu conn_min_req=%llu conn_max_req=%llu",
            static_cast<unsigned long long>(requests), secs, double(requests) / secs, pct(0.50), pct(0.99),
-           double(bytes) / double(requests), minBody, maxBody, static_cast<unsigned long long>(reconnects));
+           double(bytes) / double(requests), minBody, maxBody, static_cast<unsigned long long>(reconnects),
+           static_cast<unsigned long long>(fewest), static_cast<unsigned long long>(most));
     // Broken replies cost the server as much as good ones.
     if (cpu0 >= 0 && cpu1 >= 0) printf(" cpu_us_per_req=%.1f", double(cpu1 - cpu0) / double(requests + broken));
     if (o.countBroken) printf(" broken=%llu", static_cast<unsigned long long>(broken));

@@ -312,6 +312,10 @@ for c in 1 4 32; do
   row "GPA all, $c conn: latency p50 / p99 (us)" "$(fmt "$(m $w ours p50_us)") / $(fmt "$(m $w ours p99_us)")" \
     "$(fmt "$(m $w peer p50_us)") / $(fmt "$(m $w peer p99_us)")" \
     "$(ratio "$(m $w ours p50_us)" "$(m $w peer p50_us)") / $(ratio "$(m $w ours p99_us)" "$(m $w peer p99_us)")"
+  # A server that serves a few connections while the others wait shows short
+  # latencies for the few; the fewest and most requests per connection show it.
+  row "GPA all, $c conn: requests per conn, min / max" "$(fmt "$(m $w ours conn_min_req)") / $(fmt "$(m $w ours conn_max_req)")" \
+    "$(fmt "$(m $w peer conn_min_req)") / $(fmt "$(m $w peer conn_max_req)")" ""
   row "GPA all, $c conn: server CPU per request (us)" "$(fmt "$(m $w ours cpu_us_per_req)" 1)" \
     "$(fmt "$(m $w peer cpu_us_per_req)" 1)" "$(ratio "$(m $w ours cpu_us_per_req)" "$(m $w peer cpu_us_per_req)")"
   if [ "$have_peer" = 1 ] && [ -s "$tmp/res/$w.peer.broken" ]; then
