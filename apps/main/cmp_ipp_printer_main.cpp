@@ -266,6 +266,8 @@ int main(int argc, char** argv) {
     }
     fo.auth = auth;
     fo.authRealm = o.name;
+    const std::string program = argv[0];
+    fo.log = [program](const std::string& m) { fprintf(stderr, "%s: %s\n", program.c_str(), m.c_str()); };
     cmp_ipp_frontend frontend(fo);
     std::string error;
     if (!frontend.open(&error)) {
