@@ -195,6 +195,13 @@ int main(int argc, char** argv) {
     Options o;
     const int parsed = parseArgs(argc, argv, o);
     if (parsed >= 0) return parsed;
+    if (o.hashPassword || !o.authFile.empty()) {
+        std::string why;
+        if (!cmp_ipp_fe::passwordHashingAvailable(&why)) {
+            fprintf(stderr, "%s: passwords cannot be checked: %s\n", argv[0], why.c_str());
+            return 1;
+        }
+    }
     if (o.hashPassword) return hashPassword(argv[0]);
 
     // TLS and authentication are settled before anything is created, so that
