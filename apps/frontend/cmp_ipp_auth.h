@@ -59,6 +59,9 @@ bool decodeBase64(const std::string& in, std::string* out);
 // method; empty with the reason in *error when it cannot be made.
 std::string hashPassword(const std::string& password, std::string* error);
 
+// Whether libcrypt could be opened (it is opened at the first call); why not in *why.
+bool passwordHashingAvailable(std::string* why);
+
 // IPP operations that change something (job submission and job control, and
 // any operation not known to be a query) need an authenticated user; the
 // queries (Get-Printer-Attributes, Get-Jobs, Get-Job-Attributes, ...) do not.

@@ -20,7 +20,10 @@
 //
 // TLS: a second HTTP server with libmicrohttpd's HTTPS support takes the
 // connections whose first byte opens a TLS handshake (the gate tells them
-// apart), so ipp:// and ipps:// share the port.
+// apart), so ipp:// and ipps:// share the port. It starts at the first TLS
+// connection: loading the certificate brings in GnuTLS's certificate and
+// big-number code, which a printer that sees no TLS client need not hold.
+// A pair that does not load is reported once and TLS stays off.
 //
 // Authentication: the front end checks Basic credentials itself, before the
 // library sees anything, and passes the library only the user's name. A POST
@@ -48,6 +51,7 @@
 #include "cmp_ipp_auth.h"
 #include "cmp_ipp_icons.h"
 #include "cmp_ipp_relay.h"
+#include "cmp_ipp_tls.h"
 #include "containers/cmp_ipp_if.h"
 
 using namespace cmp_ipp_fe;
@@ -212,7 +216,8 @@ struct cmp_ipp_frontend::impl {
     relay_trust trust;
     connection_gate gate;
     struct MHD_Daemon* daemon = nullptr;     // plain HTTP
-    struct MHD_Daemon* tlsDaemon = nullptr;  // HTTPS
+    struct MHD_Daemon* tlsDaemon = nullptr;  // HTTPS: only the gate's thread starts it
+    bool tlsTried = false;                   // whether it was started (or failed to)
     bool started = false;
     std::string challenge;  // the WWW-Authenticate value
     std::atomic<bool> stopping{false};
@@ -243,6 +248,7 @@ struct cmp_ipp_frontend::impl {
                                bool keepAlive, const std::string& user);
     bool servedPath(const char* url, bool get) const;
     struct MHD_Daemon* startDaemon(bool tls);
+    bool handOverTls(int fd, const struct sockaddr* addr, socklen_t length);
 };
 
 void cmp_ipp_frontend::impl::log(const std::string& message) {
@@ -565,7 +571,8 @@ void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection* c, v
         connection_state* conn = new connection_state(self->opts.relayTimeoutMs, &self->stopping,
                                                       self->opts.connectRetryMs, &self->trust, id);
         const union MHD_ConnectionInfo* di = MHD_get_connection_info(c, MHD_CONNECTION_INFO_DAEMON);
-        conn->secure = di != nullptr && di->daemon != nullptr && di->daemon == self->tlsDaemon;
+        // Not tlsDaemon: the gate may be starting that one at this moment.
+        conn->secure = di != nullptr && di->daemon != nullptr && di->daemon != self->daemon;
         const union MHD_ConnectionInfo* ci = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
         conn->local = ci != nullptr && isLoopback(ci->client_addr);
         *socketCtx = conn;
@@ -608,6 +615,23 @@ struct MHD_Daemon* cmp_ipp_frontend::impl::startDaemon(bool tls) {
                             MHD_OPTION_END);
 }
 
+bool cmp_ipp_frontend::impl::handOverTls(int fd, const struct sockaddr* addr, socklen_t length) {
+    if (!tlsTried) {
+        tlsTried = true;
+        std::string why;
+        if (!tlsIdentityUsable(tls_identity{opts.tlsCertificatePem, opts.tlsKeyPem}, &why)) {
+            log("TLS is off: " + why);
+        } else if ((tlsDaemon = startDaemon(true)) == nullptr) {
+            log("TLS is off: cannot start the HTTPS server");
+        }
+    }
+    if (tlsDaemon == nullptr) {
+        ::close(fd);  // as MHD_add_connection does when it fails
+        return false;
+    }
+    return MHD_add_connection(tlsDaemon, fd, addr, length) == MHD_YES;
+}
+
 bool cmp_ipp_frontend::start(std::string* error) {
     impl& d = *m_impl;
     if (d.started) return true;
@@ -619,11 +643,8 @@ bool cmp_ipp_frontend::start(std::string* error) {
     if (!open(error)) return false;
     d.stopping = false;
     if (d.opts.plainHttp) d.daemon = d.startDaemon(false);
-    if (tls) d.tlsDaemon = d.startDaemon(true);
-    if ((d.opts.plainHttp && d.daemon == nullptr) || (tls && d.tlsDaemon == nullptr)) {
-        if (error != nullptr)
-            *error = d.opts.plainHttp && d.daemon == nullptr ? "cannot start the HTTP server"
-                                                              : "cannot start the HTTPS server (certificate or key?)";
+    if (d.opts.plainHttp && d.daemon == nullptr) {
+        if (error != nullptr) *error = "cannot start the HTTP server";
         stop();
         return false;
     }
@@ -633,7 +654,12 @@ bool cmp_ipp_frontend::start(std::string* error) {
             return MHD_add_connection(daemon, fd, addr, length) == MHD_YES;
         };
     };
-    const bool started = tls ? d.gate.start(handOverTo(d.daemon), handOverTo(d.tlsDaemon), error)
+    impl* self = &d;
+    const bool started = tls ? d.gate.start(handOverTo(d.daemon),
+                                            [self](int fd, const struct sockaddr* addr, socklen_t length) {
+                                                return self->handOverTls(fd, addr, length);
+                                            },
+                                            error)
                              : d.gate.start(handOverTo(d.daemon), error);
     if (!started) {
         stop();
@@ -651,11 +677,14 @@ void cmp_ipp_frontend::stop() {
     if (d.tlsDaemon != nullptr) MHD_stop_daemon(d.tlsDaemon);
     d.daemon = nullptr;
     d.tlsDaemon = nullptr;
+    d.tlsTried = false;
     d.started = false;
     d.gate.release();
 }
 
-bool cmp_ipp_frontend::tls() const { return m_impl->tlsDaemon != nullptr; }
+bool cmp_ipp_frontend::tls() const {
+    return m_impl->started && !m_impl->opts.tlsCertificatePem.empty() && !m_impl->opts.tlsKeyPem.empty();
+}
 
 uint16_t cmp_ipp_frontend::port() const { return m_impl->gate.port(); }
 

@@ -79,6 +79,8 @@ public:
     void stop();
     // The bound TCP port (the real one when options::port was 0); 0 when not open.
     uint16_t port() const;
+    // Whether ipps:// is served (a certificate and key were given); the HTTPS
+    // side loads them when the first TLS client comes.
     bool tls() const;
     const std::string& socketPath() const;
 

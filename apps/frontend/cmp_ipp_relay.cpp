@@ -271,8 +271,7 @@ bool relay_trust::trusts(uid_t uid) const {
 
 relay_connection::relay_connection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs,
                                    const relay_trust* trust)
-    : timeoutMs_(timeoutMs), stopping_(stopping), connectRetryMs_(connectRetryMs), trust_(trust),
-      block_(AHTTPD_SPOOL_SIZE) {}
+    : timeoutMs_(timeoutMs), stopping_(stopping), connectRetryMs_(connectRetryMs), trust_(trust) {}
 
 relay_connection::~relay_connection() { close(); }
 
@@ -489,9 +488,11 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
 }
 
 bool relay_connection::sendRequest(const relay_request& req) {
-    if (record_.size() != static_cast<size_t>(AHTTPD_REQ_BLOCK_SIZE)) {
-        record_.resize(AHTTPD_REQ_BLOCK_SIZE);  // allocated once per connection
+    if (record_.data() == nullptr) {
+        // Once per connection; fresh pages are known to be zero.
+        if (!record_.allocate(AHTTPD_REQ_BLOCK_SIZE)) return false;
         slots_ = record_slots();
+        slots_.primed = true;
     }
     updateRequestRecord(req, record_.data(), slots_);
     fill_ = 0;
@@ -547,6 +548,7 @@ bool relay_connection::sendPending(bool block, bool end) {
 bool relay_connection::flushBlock() { return fill_ == 0 || sendPending(true, false); }
 
 bool relay_connection::addBody(const unsigned char* data, size_t length) {
+    if (length > 0 && block_.data() == nullptr && !block_.allocate(AHTTPD_SPOOL_SIZE)) return false;
     while (length > 0) {
         const size_t take = std::min(length, block_.size() - fill_);
         std::memcpy(block_.data() + fill_, data, take);

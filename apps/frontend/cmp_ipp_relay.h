@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "cmp_ipp_page_block.h"
+
 namespace cmp_ipp_fe {
 
 struct relay_header {
@@ -174,11 +176,11 @@ private:
     const relay_trust* trust_;
     uid_t untrustedUid_ = 0;
     std::string path_;
-    std::vector<unsigned char> record_;  // the current request's record, kept for a replay
+    page_block record_;                  // the current request's record, kept for a replay
     record_slots slots_;                 // what record_ holds from the request before
     size_t bodyRoom_ = 8192;             // reply body bytes taken with the record
     bool stray_ = false;                 // bytes came beyond a reply: not used again
-    std::vector<unsigned char> block_;
+    page_block block_;  // taken at the first body byte
     size_t fill_ = 0;
     // Of the current request: blocks sent, whether block_ still holds the last
     // one, whether the end block went, and reply bytes read.

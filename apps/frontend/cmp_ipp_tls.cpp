@@ -9,6 +9,7 @@
 #include <stdlib.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -170,9 +171,16 @@ bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyP
                      std::string* error) {
     tls_identity id;
     if (!readFile(certificatePath, &id.certificatePem, error) || !readFile(keyPath, &id.keyPem, error)) return false;
-    std::string why;
-    if (!tlsIdentityUsable(id, &why)) {
-        say(error, certificatePath + " and " + keyPath + ": " + why);
+    // Only the markers here: parsing would keep GnuTLS's certificate and
+    // big-number code resident in a printer that may never see a TLS client.
+    // The pair itself is checked when the first one comes.
+    if (id.certificatePem.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+        say(error, certificatePath + " holds no PEM certificate");
+        return false;
+    }
+    const size_t begin = id.keyPem.find("-----BEGIN ");
+    if (begin == std::string::npos || id.keyPem.find("PRIVATE KEY-----", begin) == std::string::npos) {
+        say(error, keyPath + " holds no PEM private key");
         return false;
     }
     *out = std::move(id);
@@ -252,6 +260,82 @@ bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays
     return rc >= 0;
 }
 
+namespace {
+
+// Takes the kept pair when it is usable and for these names, or makes and
+// writes a new one. The caller holds the lock.
+bool keepOrMakePair(const std::string& certPath, const std::string& keyPath, const std::vector<std::string>& names,
+                    bool* created, std::string* error) {
+    tls_identity kept;
+    bool reuse = readFile(certPath, &kept.certificatePem, nullptr) && readFile(keyPath, &kept.keyPem, nullptr) &&
+                 tlsIdentityUsable(kept, nullptr);
+    if (reuse) {
+        const crt_ptr crt = importCertificate(kept.certificatePem);
+        reuse = crt && gnutls_x509_crt_check_hostname2(crt.get(), names[0].c_str(), 0) != 0 &&
+                tlsCertificateExpiry(kept.certificatePem) > time(nullptr) + kRenewDays * 86400;
+    }
+    if (reuse) {
+        // Whoever made them, they stay private.
+        (void)chmod(keyPath.c_str(), 0600);
+        (void)chmod(certPath.c_str(), 0600);
+        return true;
+    }
+    tls_identity made;
+    // The key first: a certificate is never there without its key.
+    if (!makeSelfSignedIdentity(names, kSelfSignedDays, &made, error) || !writeFileAtomically(keyPath, made.keyPem, error) ||
+        !writeFileAtomically(certPath, made.certificatePem, error))
+        return false;
+    *created = true;
+    return true;
+}
+
+// keepOrMakePair in a child process. Checking a certificate pulls in GnuTLS's
+// ASN.1, certificate and big-number code (some 700 kB on x86-64); in a child
+// that stays out of the printer, which then touches it only when a TLS client
+// comes. The child reports a status byte, then the error text.
+bool keepOrMakePairApart(const std::string& certPath, const std::string& keyPath,
+                         const std::vector<std::string>& names, bool* created, std::string* error) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return keepOrMakePair(certPath, keyPath, names, created, error);
+    const pid_t child = fork();
+    if (child < 0) {
+        close(fds[0]);
+        close(fds[1]);
+        return keepOrMakePair(certPath, keyPath, names, created, error);
+    }
+    if (child == 0) {
+        close(fds[0]);
+        bool made = false;
+        std::string why;
+        const bool ok = keepOrMakePair(certPath, keyPath, names, &made, &why);
+        const char status = ok ? (made ? 'm' : 'k') : 'e';
+        (void)cmp_ipp_app::writeAll(fds[1], &status, 1);
+        (void)cmp_ipp_app::writeAll(fds[1], why.data(), why.size());
+        _exit(0);  // nothing of the parent's (atexit, buffered output) runs twice
+    }
+    close(fds[1]);
+    std::string report;
+    char buf[256];
+    for (;;) {
+        const ssize_t n = read(fds[0], buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        if (report.size() < 4096) report.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (report.empty() || (report[0] != 'm' && report[0] != 'k')) {
+        say(error, report.size() > 1 ? report.substr(1) : std::string("the certificate check ended abnormally"));
+        return false;
+    }
+    *created = report[0] == 'm';
+    return true;
+}
+
+}  // namespace
+
 bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, tls_identity* out,
                            bool* created, std::string* error) {
     if (created != nullptr) *created = false;
@@ -273,31 +357,15 @@ bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string
     }
     while (flock(lock, LOCK_EX) != 0 && errno == EINTR) {
     }
-
-    tls_identity kept;
-    bool reuse = readFile(certPath, &kept.certificatePem, nullptr) && readFile(keyPath, &kept.keyPem, nullptr) &&
-                 tlsIdentityUsable(kept, nullptr);
-    if (reuse) {
-        const crt_ptr crt = importCertificate(kept.certificatePem);
-        reuse = crt && gnutls_x509_crt_check_hostname2(crt.get(), names[0].c_str(), 0) != 0 &&
-                tlsCertificateExpiry(kept.certificatePem) > time(nullptr) + kRenewDays * 86400;
-    }
-    bool ok = true;
-    if (reuse) {
-        // Whoever made them, they stay private.
-        (void)chmod(keyPath.c_str(), 0600);
-        (void)chmod(certPath.c_str(), 0600);
-        *out = std::move(kept);
-    } else {
-        tls_identity made;
-        // The key first: a certificate is never there without its key.
-        ok = makeSelfSignedIdentity(names, kSelfSignedDays, &made, error) &&
-             writeFileAtomically(keyPath, made.keyPem, error) &&
-             writeFileAtomically(certPath, made.certificatePem, error);
-        if (ok) {
-            *out = std::move(made);
-            if (created != nullptr) *created = true;
-        }
+    bool made = false;
+    tls_identity id;
+    // Read under the lock: the pair the check passed or wrote, not one that
+    // another process is replacing.
+    const bool ok = keepOrMakePairApart(certPath, keyPath, names, &made, error) &&
+                    readFile(certPath, &id.certificatePem, error) && readFile(keyPath, &id.keyPem, error);
+    if (ok) {
+        *out = std::move(id);
+        if (created != nullptr) *created = made;
     }
     flock(lock, LOCK_UN);
     close(lock);

@@ -16,7 +16,9 @@ struct tls_identity {
     std::string keyPem;
 };
 
-// Reads both files and checks that the key belongs to the certificate.
+// Reads both files and checks that they look like a PEM certificate and a PEM
+// private key; whether they parse and belong together is for the first TLS
+// connection to find out (tlsIdentityUsable).
 bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyPath, tls_identity* out,
                      std::string* error);
 
@@ -33,7 +35,8 @@ bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays
 // 0600; dir is created 0700 when missing). Made anew when either file is
 // missing or unusable, when the certificate is not for names[0], or when it
 // expires within 30 days. Several processes starting at once agree on one
-// (a lock file in dir). *created says whether it was made now.
+// (a lock file in dir). *created says whether it was made now. The check and
+// the making run in a child process: call it before starting any thread.
 bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, tls_identity* out,
                            bool* created, std::string* error);
 

@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
         opts.tlsKeyPem = id.keyPem;
     }
     if (!authFile.empty()) {
-        opts.auth = cmp_ipp_fe::basic_auth::load(authFile, &error);
+        if (cmp_ipp_fe::passwordHashingAvailable(&error)) opts.auth = cmp_ipp_fe::basic_auth::load(authFile, &error);
         if (!opts.auth) {
             fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             return 1;

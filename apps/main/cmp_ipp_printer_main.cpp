@@ -195,6 +195,13 @@ int main(int argc, char** argv) {
     Options o;
     const int parsed = parseArgs(argc, argv, o);
     if (parsed >= 0) return parsed;
+    if (o.hashPassword || !o.authFile.empty()) {
+        std::string why;
+        if (!cmp_ipp_fe::passwordHashingAvailable(&why)) {
+            fprintf(stderr, "%s: passwords cannot be checked: %s\n", argv[0], why.c_str());
+            return 1;
+        }
+    }
     if (o.hashPassword) return hashPassword(argv[0]);
 
     // TLS and authentication are settled before anything is created, so that
@@ -266,6 +273,8 @@ int main(int argc, char** argv) {
     }
     fo.auth = auth;
     fo.authRealm = o.name;
+    const std::string program = argv[0];
+    fo.log = [program](const std::string& m) { fprintf(stderr, "%s: %s\n", program.c_str(), m.c_str()); };
     cmp_ipp_frontend frontend(fo);
     std::string error;
     if (!frontend.open(&error)) {

@@ -1100,6 +1100,34 @@ TEST_F(FrontendE2E, TlsOnlyAnswersPlainHttpWithAReason) {
     EXPECT_NE(error.find("no TLS certificate"), std::string::npos) << error;
 }
 
+// The pair is loaded at the first TLS connection: one that does not belong
+// together is reported once, every TLS client is turned away, and plain HTTP
+// goes on.
+TEST_F(FrontendE2E, MismatchedTlsPairIsReportedOnceAtTheFirstTlsConnection) {
+    const tls_identity id = testIdentity();
+    const tls_identity other = testIdentity();
+    restartFrontend([&](cmp_ipp_frontend::options& o) {
+        o.tlsCertificatePem = id.certificatePem;
+        o.tlsKeyPem = other.keyPem;
+    });
+    startLibrary();
+    const auto reports = [this] {
+        int n = 0;
+        for (const std::string& m : logged()) n += m.rfind("TLS is off: ", 0) == 0 ? 1 : 0;
+        return n;
+    };
+    EXPECT_EQ(reports(), 0) << "nothing is loaded before a TLS client comes";
+    for (int round = 0; round < 2; ++round) {
+        TlsClient secure(port());
+        EXPECT_FALSE(secure.handshakeDone());
+    }
+    EXPECT_EQ(reports(), 1);
+    const std::string ipp = asString(ippRequest(kGetJobs, 42));
+    HttpClient plain(port());
+    ASSERT_TRUE(plain.send(postHead(ipp.size()) + ipp));
+    expectIppResponse(plain.read(), 42);
+}
+
 // A client that connects and says nothing is under the header deadline while
 // the front end waits to learn whether it speaks TLS.
 TEST_F(FrontendE2E, SilentClientIsCutAtTheHeaderDeadlineWhenTlsIsOn) {
