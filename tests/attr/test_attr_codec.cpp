@@ -212,43 +212,6 @@ TEST_F(AttrDecode, FailuresGiveNoAttributeWithStatusCountAndTrace) {
     }
 }
 
-// Message decoding calls Create at the offset after each attribute: a
-// collection comes back as flat marker and member attributes, in wire order.
-TEST_F(AttrDecode, CollectionComesBackFlatInWireOrder) {
-    const Bytes bytes = wire("34 0009 'media-col' 0000 4A 0000 000A 'media-size' 34 0000 0000 "
-                             "4A 0000 000B 'x-dimension' 21 0000 0004 00000007 37 0000 0000 37 0000 0000");
-    const struct {
-        int32_t type;
-        const char* name;
-        uint16_t nameId;
-        int32_t numValues, memberType;
-    } want[] = {
-        {0x34, "media-col", 2, 0, 0},      {0x4A, "media-size", 3, 0, 0}, {0x34, "", 0, 0, 0},
-        {0x4A, "x-dimension", 4, 1, 0x21}, {0x37, "", 0, 0, 0},           {0x37, "", 0, 0, 0},
-    };
-    cmp_ipp_buf buf = bufOf(bytes);
-    cmp_ipp_buf out(static_cast<uint32_t>(bytes.size() + 1), true);
-    int32_t offset = 0;
-    for (const auto& w : want) {
-        SCOPED_TRACE(offset);
-        uint16_t status = 0;
-        int32_t count = 0;
-        std::unique_ptr<cmp_ipp_attr> a(cmp_ipp_attr::Create(buf, offset, &status, &count));
-        ASSERT_NE(a, nullptr);
-        EXPECT_EQ(a->m_type, w.type);
-        EXPECT_STREQ(a->cmp_ipp_attr_get_name(), w.name);
-        EXPECT_EQ(a->m_nameId, w.nameId);
-        EXPECT_EQ(a->m_numValues, w.numValues);
-        EXPECT_EQ(a->m_memberType, w.memberType);
-        EXPECT_EQ(a->getByteLength(), count);
-        a->getBytes(out, offset);
-        offset += count;
-    }
-    EXPECT_EQ(offset, static_cast<int32_t>(bytes.size()));
-    EXPECT_EQ(hexOf(contentOf(out)), hexOf(bytes));
-    EXPECT_TRUE(traces.lines().empty());
-}
-
 TEST_F(AttrDecode, ReadsPastTheHeldBytesPullFromThePort) {
     const struct {
         const char* label;

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <thread>
@@ -68,10 +69,11 @@ struct Domain {
 };
 
 // Every name and identifier of the tables and their neighbours, misses that
-// differ only in case, length or a last letter, and tags with and without rows.
+// differ only in case, length or a last letter, names of earlier tables, and
+// tags with and without rows.
 Domain domainOf(const RegistryTables& t) {
     Domain d;
-    d.names = {"", "nope", "x", "SIDES", "copie", "copiesx"};
+    d.names = {"", "nope", "x", "SIDES", "copie", "copiesx", "copies", "sides", "beta"};
     d.tags = {-1, 0, 0x13, 0x21, 0x33, 0x42, 0x44, 0x50, 0x7FFF, -32768, 70000, -70000};
     for (const auto& r : t.attrs) {
         if (r.name != nullptr && r.name[0] != '\0') {
@@ -82,7 +84,7 @@ Domain domainOf(const RegistryTables& t) {
         }
         d.tags.push_back(r.valueTag);
     }
-    uint16_t top = 8;
+    uint16_t top = 12;
     for (const auto& r : t.attrs) top = std::max<uint16_t>(top, r.id);
     for (const auto& r : t.altTypes) top = std::max<uint16_t>(top, r.id);
     for (uint32_t id = 0; id <= top + 2u; ++id) d.ids.push_back(static_cast<uint16_t>(id));
@@ -172,104 +174,104 @@ RegistryTables generated(unsigned seed, size_t rows) {
     return t;
 }
 
+cmp_ipp_ipptable_def* reg() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance(); }
+
+// Points the registry at t as embedding software does: the fields only, no reindex().
+void write(const RegistryTables& t) {
+    cmp_ipp_ipptable_def* r = reg();
+    r->m_attrTable = t.attrs.data();
+    r->m_attrCount = static_cast<int16_t>(t.attrs.size());
+    r->m_altTypeTable = t.altTypes.data();
+    r->m_altTypeCount = static_cast<int16_t>(t.altTypes.size());
+    r->m_oneSetOfTable = t.oneSetOf.data();
+    r->m_oneSetOfCount = static_cast<int16_t>(t.oneSetOf.size());
+    r->m_operationIdTable = t.operations.data();
+    r->m_operationIdCount = static_cast<int16_t>(t.operations.size());
+    r->m_statusCodeTable = t.statuses.data();
+    r->m_statusCodeCount = static_cast<int16_t>(t.statuses.size());
+}
+
+// One lookup of each kind: every index is built.
+void lookUpOnce() {
+    (void)A::cmp_ipp_attr_name_to_id("sides");
+    (void)A::nameIdToType(7);
+    (void)A::nameIdToAlternateType(9);
+    (void)A::nameIdIsOneSetOf(9);
+    (void)cmp_ipp_ipptable_op_name(2);
+    (void)cmp_ipp_ipptable_status_text(0);
+}
+
+// Each case leaves the registry in some state and returns the tables a scan
+// must find there: installed fresh, written field by field without reindex()
+// (the index is built lazily), changed after the index was built, or rewritten
+// in place at the same address and count, which only reindex() makes known.
 TEST(RegistryIndex, EveryLookupAnswersAsAScanOfTheTables) {
+    const RegistryTables dup = duplicates(), many = generated(1, 600), other = generated(2, 300);
+    RegistryTables one;
+    one.attrs = {{1, "a", 0x21, 0, 1}};
+    RegistryTables inPlace;
     const struct {
         const char* what;
-        RegistryTables tables;
+        std::function<RegistryTables()> install;
     } cases[] = {
-        {"no tables", RegistryTables{}},
-        {"duplicate names, identifiers and pairs", duplicates()},
-        {"600 generated rows", generated(1, 600)},
-        {"one row", [] {
-             RegistryTables t;
-             t.attrs = {{1, "a", 0x21, 0, 1}};
-             return t;
-         }()},
+        {"no tables", [] { write(RegistryTables{}); return RegistryTables{}; }},
+        {"duplicate names, identifiers and pairs", [&] { write(dup); reg()->reindex(); return dup; }},
+        {"600 generated rows, built lazily", [&] { write(many); return many; }},
+        {"one row", [&] { write(one); return one; }},
+        {"counts below one and a table missing behind its count",
+         [&] {
+             write(dup);
+             reg()->m_attrCount = -3;
+             reg()->m_altTypeTable = nullptr;  // nothing to read behind the count
+             reg()->m_oneSetOfCount = 0;
+             reg()->m_operationIdCount = 1;
+             reg()->m_statusCodeTable = nullptr;
+             reg()->m_statusCodeCount = 0;
+             reg()->reindex();
+             RegistryTables seen;
+             seen.operations = {dup.operations[0]};
+             return seen;
+         }},
+        {"a count shortened after the index was built",
+         [&] {
+             write(dup);
+             lookUpOnce();
+             reg()->m_attrCount = 3;  // the registry fields are the index's key
+             RegistryTables seen = dup;
+             seen.attrs.resize(3);
+             return seen;
+         }},
+        {"another table written after the index was built",
+         [&] {
+             write(dup);
+             lookUpOnce();
+             reg()->m_attrTable = other.attrs.data();
+             reg()->m_attrCount = static_cast<int16_t>(other.attrs.size());
+             RegistryTables seen = dup;
+             seen.attrs = other.attrs;
+             return seen;
+         }},
+        {"rows rewritten in place, then reindex()",
+         [&] {
+             inPlace.attrs = {{1, "alpha", 0x21, 0, 1}, {2, "beta", 0x44, 1, 255}, {1, "alpha", 0x33, 4, 5}};
+             inPlace.altTypes = {{2, 0x42, 0, 0}};
+             write(inPlace);
+             reg()->reindex();
+             lookUpOnce();
+             inPlace.attrs[0] = {5, "gamma", 0x42, 0, 9};
+             inPlace.attrs[1] = {1, "alpha", 0x23, 1, 2};
+             inPlace.attrs[2] = {5, "gamma", 0x21, 7, 8};
+             inPlace.altTypes[0] = {5, 0x44, 0, 0};
+             reg()->reindex();
+             return inPlace;
+         }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        ScopedRegistry reg(c.tables);
-        EXPECT_EQ(differences(c.tables, domainOf(c.tables)), 0);
+        RegistryRestore restore;
+        const RegistryTables seen = c.install();
+        EXPECT_EQ(differences(seen, domainOf(seen)), 0);
     }
-}
-
-TEST(RegistryIndex, CountsBelowOneAndMissingTablesMeanNoTable) {
-    RegistryRestore restore;
-    const RegistryTables t = duplicates();
-    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    r->m_attrTable = t.attrs.data();
-    r->m_attrCount = -3;
-    r->m_altTypeTable = nullptr;
-    r->m_altTypeCount = 5;  // no table behind the count: nothing to read
-    r->m_oneSetOfTable = t.oneSetOf.data();
-    r->m_oneSetOfCount = 0;
-    r->m_operationIdTable = t.operations.data();
-    r->m_operationIdCount = 1;
-    r->m_statusCodeTable = nullptr;
-    r->m_statusCodeCount = 0;
-    r->reindex();
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("copies"), 0);
-    EXPECT_EQ(A::nameIdToType(7), 0);
-    EXPECT_EQ(A::nameIdToAlternateType(9), 0);
-    EXPECT_FALSE(A::nameIdIsOneSetOf(9));
-    EXPECT_STREQ(cmp_ipp_ipptable_op_name(2), "Print-Job");
-    EXPECT_STREQ(cmp_ipp_ipptable_status_text(0x0400), "unknown");
-}
-
-// The registry fields are the index's key: writing them is enough.
-TEST(RegistryIndex, ChangedFieldsAreNoticedWithoutReindex) {
-    RegistryRestore restore;
-    const RegistryTables first = duplicates();
-    const RegistryTables second = generated(2, 300);
-    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    r->m_attrTable = first.attrs.data();
-    r->m_attrCount = static_cast<int16_t>(first.attrs.size());
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("sides"), 9);
-    r->m_attrCount = 3;  // the same table, shorter
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("sides"), 0);
-    EXPECT_EQ(A::nameIdToType(7), 0x21);
-    r->m_attrTable = second.attrs.data();
-    r->m_attrCount = static_cast<int16_t>(second.attrs.size());
-    RegistryTables seen;
-    seen.attrs = second.attrs;
-    const Scan scan{seen};
-    for (uint16_t id = 0; id < 310; ++id) {
-        const cmp_ipp_attr_row_t* row = scan.byId(id);
-        ASSERT_EQ(A::nameIdToType(id), row != nullptr ? row->valueTag : 0) << id;
-    }
-}
-
-// Rows rewritten in place keep the address and count the index is keyed on:
-// reindex() is what tells the registry, as the fixture and the dictionary
-// installer do for tables that may sit where earlier ones sat.
-TEST(RegistryIndex, RowsRewrittenInPlaceAreSeenAfterReindex) {
-    RegistryRestore restore;
-    cmp_ipp_attr_row_t rows[3] = {{1, "alpha", 0x21, 0, 1}, {2, "beta", 0x44, 1, 255}, {1, "alpha", 0x33, 4, 5}};
-    cmp_ipp_alt_type_row_t alts[1] = {{2, 0x42, 0, 0}};
-    cmp_ipp_ipptable_def* r = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    r->m_attrTable = rows;
-    r->m_attrCount = 3;
-    r->m_altTypeTable = alts;
-    r->m_altTypeCount = 1;
-    r->reindex();
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("alpha"), 1);
-    EXPECT_EQ(A::nameIdToAlternateType(2), 0x42);
-
-    rows[0] = {5, "gamma", 0x42, 0, 9};
-    rows[1] = {1, "alpha", 0x23, 1, 2};
-    rows[2] = {5, "gamma", 0x21, 7, 8};
-    alts[0] = {5, 0x44, 0, 0};
-    r->reindex();
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("gamma"), 5);
-    EXPECT_EQ(A::cmp_ipp_attr_name_to_id("beta"), 0);
-    EXPECT_EQ(A::nameIdToType(1), 0x23);
-    EXPECT_EQ(A::nameIdToAlternateType(2), 0);
-    EXPECT_EQ(A::nameIdToAlternateType(5), 0x44);
-    int32_t lo = 0, hi = 0;
-    EXPECT_TRUE(A::getNameIdMinMax(5, 0x21, &lo, &hi));
-    EXPECT_EQ(lo, 7);
-    EXPECT_EQ(hi, 8);
-    EXPECT_FALSE(A::getNameIdMinMax(1, 0x33, &lo, &hi)) << "the old second row is gone";
 }
 
 // The first lookups after installing come from many tasks at once, and one of

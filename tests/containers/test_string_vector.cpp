@@ -3,9 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "containers/cmp_ipp_buf.h"
 #include "containers/cmp_ipp_string.h"
-#include "containers/cmp_ipp_vector.h"
 #include "platform/emw_osw_test.h"
 
 namespace {
@@ -105,51 +103,6 @@ TEST(String, SubstrAndConcatenation) {
     EXPECT_EQ(str(unset + "xy"), "xy");
     cmp_ipp_string nul("a\0b", 3);
     EXPECT_EQ((cmp_ipp_string("z") + nul).length(), 4) << "embedded NULs are carried";
-}
-
-TEST(Vector, GrowsFromTwoByFive) {
-    cmp_ipp_vector<int32_t> v;
-    EXPECT_EQ(v.capacity(), 2);
-    const int32_t expected[] = {2, 2, 7, 7, 7, 7, 7, 12};
-    for (int32_t i = 0; i < 8; ++i) {
-        v.append(i * 10);
-        EXPECT_EQ(v.capacity(), expected[i]) << "after element " << i + 1;
-    }
-    for (int32_t i = 0; i < 8; ++i) EXPECT_EQ(v[i], i * 10);
-    v.clear();
-    EXPECT_EQ(v.length(), 0);
-    EXPECT_EQ(v.capacity(), 12) << "emptying keeps the capacity";
-}
-
-TEST(Vector, AssignmentTakesOthersCapacityAndNeverShrinks) {
-    cmp_ipp_vector<cmp_ipp_string> big;
-    for (int i = 0; i < 10; ++i) big.append(cmp_ipp_string(std::to_string(i).c_str()));
-    cmp_ipp_vector<cmp_ipp_string> small;
-    small = big;
-    EXPECT_EQ(small.capacity(), big.capacity());
-    ASSERT_EQ(small.length(), 10);
-    EXPECT_EQ(str(small[9]), "9");
-    EXPECT_NE(small[9].data(), big[9].data()) << "strings are copied, not shared";
-
-    cmp_ipp_vector<cmp_ipp_string> one;
-    one.append(cmp_ipp_string("x"));
-    small = one;
-    EXPECT_EQ(small.capacity(), 12);
-    EXPECT_EQ(small.length(), 1);
-    cmp_ipp_vector<cmp_ipp_string> copy(big);
-    EXPECT_EQ(copy.length(), 10);
-}
-
-TEST(Vector, BufferSparesStayOnTheSharedBlock) {
-    int32_t before = emwOSWTestOutstandingBlocks();
-    {
-        cmp_ipp_vector<cmp_ipp_buf> v;
-        for (int i = 0; i < 3; ++i) v.append(cmp_ipp_buf(true));
-        EXPECT_EQ(v[6].data(), cmp_ipp_buf::m_1charbuf);
-        EXPECT_EQ(v[0].data(), cmp_ipp_buf::m_1charbuf);
-    }
-    EXPECT_EQ(cmp_ipp_buf::m_1charbuf[0], 0);
-    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // wire syntax limits, and against real IPP traffic, which is what the
 // dictionary has to accept.
 #include <gtest/gtest.h>
-#include <dirent.h>
 
 #include <algorithm>
 #include <map>
@@ -250,20 +249,6 @@ TEST(DictionaryInstalled, InstallingAgainChangesNothing) {
 // ---------------------------------------------------------------------------
 // Against the corpus
 
-std::vector<std::string> corpusFiles(const std::string& suffix) {
-    std::vector<std::string> out;
-    DIR* d = opendir(kCorpus.c_str());
-    if (d == nullptr) return out;
-    while (dirent* e = readdir(d)) {
-        const std::string n = e->d_name;
-        if (n.size() > suffix.size() && n.compare(n.size() - suffix.size(), suffix.size(), suffix) == 0)
-            out.push_back(n);
-    }
-    closedir(d);
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 // One value on the wire and the attribute or collection member it belongs to.
 struct WireValue {
     std::string file;
@@ -324,9 +309,9 @@ std::vector<WireValue> walk(const std::string& file, const Bytes& b) {
 
 std::vector<WireValue> corpusValues() {
     std::vector<WireValue> all;
-    for (const std::string& suffix : {std::string(".req.ipp"), std::string(".rsp.ipp")}) {
-        for (const std::string& f : corpusFiles(suffix)) {
-            const std::vector<WireValue> v = walk(f, readFile(kCorpus + "/" + f));
+    for (const char* suffix : {".req.ipp", ".rsp.ipp"}) {
+        for (const auto& m : capturedMessages(suffix)) {
+            const std::vector<WireValue> v = walk(m.first, m.second);
             all.insert(all.end(), v.begin(), v.end());
         }
     }
@@ -422,26 +407,27 @@ uint32_t expectedDecodeResult(const std::string& file) {
 TEST_F(DictionaryCorpus, RequestsAndRepliesDecodeAndEncodeBackWithTheDictionary) {
     ScopedPrinter printer{{"1.0", "1.1", "2.0"}, {0x0002, 0x0004, 0x0005, 0x0006, 0x0008, 0x0009, 0x000A, 0x000B}};
     TraceCapture traces(2);
-    const std::vector<std::string> requests = corpusFiles(".req.ipp");
-    const std::vector<std::string> replies = corpusFiles(".rsp.ipp");
+    const auto requests = capturedMessages(".req.ipp");
+    const auto replies = capturedMessages(".rsp.ipp");
     ASSERT_GE(requests.size(), 28u);
     ASSERT_EQ(replies.size(), requests.size());
-    auto check = [](cmp_ipp_msg& msg, const std::string& f) {
+    auto check = [](cmp_ipp_msg& msg, const std::pair<std::string, Bytes>& m) {
+        const std::string& f = m.first;
+        const Bytes& bytes = m.second;
         SCOPED_TRACE(f);
-        const Bytes bytes = readFile(kCorpus + "/" + f);
         cmp_ipp_buf buf(bytes.data(), static_cast<uint32_t>(bytes.size()), true);
         ASSERT_EQ(msg.decode(buf, nullptr), expectedDecodeResult(f));
         if (expectedDecodeResult(f) != 0) return;
         // Names go out through the registry: a wrong identifier or name shows here.
         EXPECT_EQ(contentOf(msg.cmp_ipp_msg_encode()), bytes);
     };
-    for (const std::string& f : requests) {
+    for (const auto& m : requests) {
         cmp_ipp_request req;
-        check(req, f);
+        check(req, m);
     }
-    for (const std::string& f : replies) {
+    for (const auto& m : replies) {
         cmp_ipp_response rsp;
-        check(rsp, f);
+        check(rsp, m);
     }
     EXPECT_FALSE(traces.contains("parse error. Id[")) << "a value tag was refused";
 }

@@ -1,10 +1,11 @@
-// A group's index against the plain rules: every change the class allows
-// (replace-or-append by identifier and by name, collection markers, adopted
-// and merged attributes, entries changed in place through the non-const
-// accessors, a registry that renames identifiers) is made both on a group and on
-// a reference list that scans, and every lookup must agree afterwards. The
-// decoder's in-place merging of additional values is held against the
-// attribute-by-attribute steps it replaces.
+// A group's index against a scan of the group's own entries: every change the
+// class allows (replace-or-append by identifier and by name, collection
+// markers, adopted and merged attributes, entries changed in place through the
+// non-const accessors, a registry that renames identifiers) is made on a group
+// long enough to be indexed, and every lookup must answer as a front-to-back
+// scan does. The replace-or-append rules themselves are held in AttrsTest; the
+// decoder's in-place merging is held against the attribute-by-attribute steps
+// it replaces.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -21,46 +22,17 @@
 
 namespace {
 
-// The rules of replace-or-append, applied by scanning a plain list.
-struct Reference {
-    std::vector<cmp_ipp_attr> v;
-
-    int32_t indexOf(uint16_t id) const {
-        for (size_t i = 0; i < v.size(); ++i)
-            if (v[i].m_nameId == id) return static_cast<int32_t>(i);
-        return -1;
-    }
-    int32_t indexOf(const char* name) const {
-        for (size_t i = 0; i < v.size(); ++i)
-            if (std::strcmp(v[i].cmp_ipp_attr_get_name(), name) == 0) return static_cast<int32_t>(i);
-        return -1;
-    }
-    void setByName(const cmp_ipp_attr& a, bool replace) {
-        if (!a.cmp_ipp_attr_is_col_type() && replace) {
-            const int32_t i = indexOf(a.cmp_ipp_attr_get_name());
-            if (i >= 0) {
-                v[static_cast<size_t>(i)] = a;
-                return;
-            }
-        }
-        v.push_back(a);
-    }
-    void set(const cmp_ipp_attr& a, bool replaceMember) {
-        const bool marker = a.cmp_ipp_attr_is_col_type() != 0;
-        if (a.m_nameId == 0 && !marker) {
-            setByName(a, true);
-            return;
-        }
-        const int32_t i = indexOf(a.m_nameId);
-        if (i >= 0 && !marker) {
-            v[static_cast<size_t>(i)] = a;
-        } else if (i >= 0 && replaceMember) {
-            if (a.m_type == CMP_IPP_TAG_MEMBERNAME && a.m_numValues >= 1) v[static_cast<size_t>(i)] = a;
-        } else {
-            v.push_back(a);
-        }
-    }
-};
+// First entry by identifier or by name, scanning from the front.
+int32_t scanFor(const cmp_ipp_vector<cmp_ipp_attr>& v, uint16_t id) {
+    for (int32_t i = 0; i < v.length(); ++i)
+        if (v[i].m_nameId == id) return i;
+    return -1;
+}
+int32_t scanFor(const cmp_ipp_vector<cmp_ipp_attr>& v, const char* name) {
+    for (int32_t i = 0; i < v.length(); ++i)
+        if (std::strcmp(v[i].cmp_ipp_attr_get_name(), name) == 0) return i;
+    return -1;
+}
 
 // Everything about an entry that a caller can see, capacities included.
 std::string shape(const cmp_ipp_attr& a) {
@@ -77,16 +49,18 @@ std::string shape(const cmp_ipp_attr& a) {
 const uint16_t kIds[] = {0, 1, 5, 8, 15, 99};
 const char* const kNames[] = {"x", "y", "z", "copies", "media", "", "job-name", "attributes-charset", "nope"};
 
-void expectSame(const cmp_ipp_attrs& g, const Reference& r, const std::string& step) {
-    ASSERT_EQ(g.count(), static_cast<int32_t>(r.v.size())) << step;
-    for (size_t i = 0; i < r.v.size(); ++i)
-        ASSERT_EQ(shape(g[static_cast<int32_t>(i)]), shape(r.v[i])) << step << ", entry " << i;
+void expectScanAnswers(const cmp_ipp_attrs& g, const std::string& step) {
+    const cmp_ipp_vector<cmp_ipp_attr>& v = g.list();
     for (uint16_t id : kIds) {
-        ASSERT_EQ(g.cmp_ipp_attrs_index_of(id), r.indexOf(id)) << step << ", id " << id;
+        ASSERT_EQ(g.cmp_ipp_attrs_index_of(id), scanFor(v, id)) << step << ", id " << id;
         const cmp_ipp_attr* found = g.find(id);
-        ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), r.indexOf(id)) << step;
+        ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), scanFor(v, id)) << step;
     }
-    for (const char* n : kNames) ASSERT_EQ(g.cmp_ipp_attrs_index_of(n), r.indexOf(n)) << step << ", name " << n;
+    for (const char* n : kNames) {
+        ASSERT_EQ(g.cmp_ipp_attrs_index_of(n), scanFor(v, n)) << step << ", name " << n;
+        const cmp_ipp_attr* found = g.find(n);
+        ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), scanFor(v, n)) << step;
+    }
 }
 
 class Maker {
@@ -137,66 +111,66 @@ RegistryTables renamed() {
     return t;
 }
 
+// Each change is also made on a twin group, adopting and merging through the
+// steps they stand for: both must hold the same entries, capacities included.
+// The twin is told before every change that an entry was handed out, so it
+// decides each change with an index built afresh, g with the one it keeps up.
 TEST(AttrsIndex, EveryChangeLeavesTheLookupsOfAScan) {
     TraceCapture quiet(-1);  // refused merges trace errors
     std::unique_ptr<ScopedRegistry> reg(new ScopedRegistry(messageTables()));
     for (unsigned seed = 1; seed <= 4; ++seed) {
         Maker make(seed);
         cmp_ipp_attrs g("Job0");
-        Reference r;
         for (int i = 0; i < 20; ++i) {
             const cmp_ipp_attr a = make.attr();
             g.cmp_ipp_attrs_set_attr_by_name(&a, false);
-            r.setByName(a, false);
         }
+        cmp_ipp_attrs expected(g);
         for (int step = 0; step < 1500; ++step) {
             const std::string at = "seed " + std::to_string(seed) + " step " + std::to_string(step);
             cmp_ipp_attr a = make.attr();
             const bool flag = make.pick(2) != 0;
+            const int32_t pos = static_cast<int32_t>(make.pick(static_cast<unsigned>(g.count())));
+            (void)expected[0];
             switch (make.pick(9)) {
             case 0:
             case 1:
                 g.cmp_ipp_attrs_set_attr(&a, flag);
-                r.set(a, flag);
+                expected.cmp_ipp_attrs_set_attr(&a, flag);
                 break;
             case 2:
                 g.cmp_ipp_attrs_set_attr_by_name(&a, flag);
-                r.setByName(a, flag);
+                expected.cmp_ipp_attrs_set_attr_by_name(&a, flag);
                 break;
-            case 3: {
-                cmp_ipp_attr given(a);
-                g.adopt(given);
-                r.setByName(a, false);
+            case 3:
+                expected.cmp_ipp_attrs_set_attr_by_name(&a, false);
+                g.adopt(a);
                 break;
-            }
             case 4:
             case 5: {
-                const int32_t pos = static_cast<int32_t>(make.pick(static_cast<unsigned>(r.v.size())));
                 const cmp_ipp_attr value = make.value();
-                cmp_ipp_attr merged(r.v[static_cast<size_t>(pos)]);
+                cmp_ipp_attr merged(expected.list()[pos]);
                 merged.cmp_ipp_attr_add_multi(value);
-                r.set(merged, false);
-                // Where the rules put it: a new last entry for a marker, else the
+                expected.cmp_ipp_attrs_set_attr(&merged, false);
+                // Where the steps put it: a new last entry for a marker, else the
                 // first entry of its identifier (of its name for identifier 0).
-                const int32_t where = merged.cmp_ipp_attr_is_col_type()  ? static_cast<int32_t>(r.v.size()) - 1
-                                      : merged.m_nameId != 0 ? r.indexOf(merged.m_nameId)
-                                                             : r.indexOf(merged.cmp_ipp_attr_get_name());
+                const int32_t where = merged.cmp_ipp_attr_is_col_type() ? expected.count() - 1
+                                      : merged.m_nameId != 0 ? scanFor(expected.list(), merged.m_nameId)
+                                                             : scanFor(expected.list(), merged.cmp_ipp_attr_get_name());
                 EXPECT_EQ(g.addValueAt(pos, value), where) << at;
                 break;
             }
             case 6: {
                 // Changed in place through the non-const accessors, behind the index's back.
-                const int32_t i = static_cast<int32_t>(make.pick(static_cast<unsigned>(r.v.size())));
                 const uint16_t id = kIds[make.pick(6)];
                 if (flag) {
-                    g[i].setNameId(id);
-                    r.v[static_cast<size_t>(i)].setNameId(id);
+                    g[pos].setNameId(id);
+                    expected[pos].setNameId(id);
                 } else {
-                    cmp_ipp_attr* found = g.find(r.v[static_cast<size_t>(i)].m_nameId);
-                    const int32_t j = r.indexOf(r.v[static_cast<size_t>(i)].m_nameId);
+                    cmp_ipp_attr* found = g.find(g.list()[pos].m_nameId);
                     ASSERT_NE(found, nullptr) << at;
                     make.ownName(*found);
-                    r.v[static_cast<size_t>(j)].setName(found->m_name, found->m_nameLength);
+                    expected[static_cast<int32_t>(found - &g[0])].setName(found->m_name, found->m_nameLength);
                 }
                 break;
             }
@@ -208,7 +182,10 @@ TEST(AttrsIndex, EveryChangeLeavesTheLookupsOfAScan) {
             default:
                 break;
             }
-            expectSame(g, r, at);
+            ASSERT_EQ(g.count(), expected.count()) << at;
+            for (int32_t i = 0; i < g.count(); ++i)
+                ASSERT_EQ(shape(g.list()[i]), shape(expected.list()[i])) << at << ", entry " << i;
+            expectScanAnswers(g, at);
             if (HasFatalFailure()) return;
         }
     }
@@ -249,8 +226,7 @@ TEST(AttrsConcurrency, ManyThreadsLookUpOneIndexedList) {
         }
         printer.cmp_ipp_attrs_set_attr(&a, false);  // builds and keeps the index
     }
-    Reference r;
-    for (int32_t i = 0; i < printer.count(); ++i) r.v.push_back(printer.list()[i]);
+    const cmp_ipp_vector<cmp_ipp_attr>& v = printer.list();
     std::atomic<int> wrong{0};
     std::vector<std::thread> threads;
     for (int k = 0; k < 6; ++k) {
@@ -259,13 +235,13 @@ TEST(AttrsConcurrency, ManyThreadsLookUpOneIndexedList) {
                 for (uint16_t id = 0; id < 160; ++id) {
                     const cmp_ipp_attrs& view = printer;
                     const cmp_ipp_attr* a = view.find(id);
-                    if ((a == nullptr ? -1 : static_cast<int32_t>(a - &view[0])) != r.indexOf(id)) wrong.fetch_add(1);
+                    if ((a == nullptr ? -1 : static_cast<int32_t>(a - &view[0])) != scanFor(v, id)) wrong.fetch_add(1);
                     // Hands out a pointer: the list stops trusting its index (only a flag changes).
-                    if (k == 0 && id % 40 == 0 && printer.find(id) == nullptr && r.indexOf(id) >= 0) wrong.fetch_add(1);
+                    if (k == 0 && id % 40 == 0 && printer.find(id) == nullptr && scanFor(v, id) >= 0) wrong.fetch_add(1);
                 }
                 for (int n = 0; n < 210; n += 7) {
                     const std::string name = "own-" + std::to_string(n);
-                    if (printer.cmp_ipp_attrs_index_of(name.c_str()) != r.indexOf(name.c_str())) wrong.fetch_add(1);
+                    if (printer.cmp_ipp_attrs_index_of(name.c_str()) != scanFor(v, name.c_str())) wrong.fetch_add(1);
                 }
             }
         });
@@ -279,8 +255,8 @@ TEST(AttrsConcurrency, ManyThreadsLookUpOneIndexedList) {
 // What decoding a group did before merging in place: every attribute stored as a
 // copy, additional values added to a separate previous attribute which is then
 // stored again with cmp_ipp_attrs_set_attr(previous, false).
-Reference groupByTheSteps(const Bytes& bytes, uint32_t offset) {
-    Reference r;
+cmp_ipp_attrs groupByTheSteps(const Bytes& bytes, uint32_t offset) {
+    cmp_ipp_attrs r;
     cmp_ipp_buf buf = bufOf(bytes);
     std::unique_ptr<cmp_ipp_attr> previous;
     while ((buf.getByteAt(offset) & 0xF0) != 0) {
@@ -290,11 +266,11 @@ Reference groupByTheSteps(const Bytes& bytes, uint32_t offset) {
         if (!a) break;
         const bool additional = a->m_nameLength == 0 && a->m_nameId == 0 && !a->cmp_ipp_attr_is_col_type();
         if (!additional) {
-            r.setByName(*a, false);
+            r.cmp_ipp_attrs_set_attr_by_name(a.get(), false);
             previous = std::move(a);
         } else {
             previous->cmp_ipp_attr_add_multi(*a);
-            r.set(*previous, false);
+            r.cmp_ipp_attrs_set_attr(previous.get(), false);
         }
         offset += static_cast<uint32_t>(consumed);
     }
@@ -332,10 +308,10 @@ TEST(DecodeMerging, AdditionalValuesEndAsTheAttributeByAttributeStepsLeaveThem) 
         cmp_ipp_request req;
         ASSERT_EQ(req.decode(buf, nullptr), 0u);
         const cmp_ipp_attrs* group = req.cmp_ipp_msg_get_job_attrs(0);
-        const Reference expected = groupByTheSteps(m.b, groupStart);
-        ASSERT_EQ(group->count(), static_cast<int32_t>(expected.v.size()));
-        for (size_t i = 0; i < expected.v.size(); ++i)
-            EXPECT_EQ(shape((*group)[static_cast<int32_t>(i)]), shape(expected.v[i])) << "entry " << i;
+        const cmp_ipp_attrs expected = groupByTheSteps(m.b, groupStart);
+        ASSERT_EQ(group->count(), expected.count());
+        for (int32_t i = 0; i < expected.count(); ++i)
+            EXPECT_EQ(shape(group->list()[i]), shape(expected.list()[i])) << "entry " << i;
         // The first copies took 2 and 3, and was then overwritten by the
         // zero-byte name with 5 and 6; the second copies keeps its 2.
         const cmp_ipp_attr* byName = group->find("copies");
