@@ -1022,10 +1022,6 @@ TEST_F(FrontendE2E, TlsOnlyAnswersPlainHttpWithAReason) {
     EXPECT_TRUE(plain.closedByPeer(3000));
     EXPECT_EQ(lib.finished.load(), 0) << "nothing of it reached the library";
 
-    TlsClient secure(port());
-    ASSERT_TRUE(secure.send("GET / HTTP/1.1\r\nHost: localhost\r\n\r\n"));
-    EXPECT_EQ(secure.read().status, 200);
-
     cmp_ipp_frontend::options none;
     none.port = 0;
     none.plainHttp = false;
