@@ -1,6 +1,6 @@
 // The reference printer's pages for people (status page, job pages, which
 // path gives which page) and what the front end's authentication means to it:
-// the user named in REMOTE_USER owns the job, and the URIs say "basic".
+// the URIs say "basic".
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -21,8 +21,6 @@
 namespace {
 
 using namespace ipp_reply;
-using refprinter::JobInfo;
-using refprinter::JobState;
 
 enum : uint16_t { kPrintJob = 2, kGetJobAttributes = 9, kGetPrinterAttributes = 11 };
 enum : uint8_t { kJobGroup = 2, kPrinterGroup = 4 };
@@ -84,15 +82,13 @@ protected:
     }
     // A Create-Job (no document, so nothing is spooled) by this user; the job
     // then waits for its document.
-    Response createJob(const std::string& user, const std::string& name, const char* remoteUser = nullptr,
-                       const char* hold = nullptr) {
+    Response createJob(const std::string& user, const std::string& name, const char* hold = nullptr) {
         Ipp m;
         m.header(2, 0, 5, 9).opGroup();
         m.text(0x42, "requesting-user-name", user).text(0x42, "job-name", name);
         if (hold != nullptr) m.tag(2).text(0x44, "job-hold-until", hold);
         m.tag(3);
         FakeTransport t;
-        if (remoteUser != nullptr) t.fields[CMP_IPP_IF_HDR_REMOTE_USER] = remoteUser;
         return send(m.b, t);
     }
     // Close-Job: no more documents, so the job goes to the printer's queue.
@@ -102,16 +98,6 @@ protected:
         m.integer(0x21, "job-id", id).tag(3);
         FakeTransport t;
         EXPECT_EQ(send(m.b, t).status, 0);
-    }
-    std::string pageAt(const char* path, int* replyCode = nullptr) {
-        FakeTransport t;
-        if (path != nullptr) t.fields[CMP_IPP_IF_HDR_REQUEST_URI] = path;
-        int length = 0;
-        unsigned char* page = IPP_GetPrnAttrHtml(&length, &t.info);
-        const std::string html(reinterpret_cast<char*>(page), page != nullptr ? static_cast<size_t>(length) : 0);
-        cmp_ipp_free(page);
-        if (replyCode != nullptr) *replyCode = t.replyCode;
-        return html;
     }
 
     std::atomic<int64_t> clock{0};
@@ -135,7 +121,7 @@ TEST_F(StatusPage, StateInWordsAndJobsInTheOrderTheyPrint) {
 
     ASSERT_EQ(createJob("ann", "first").status, 0);
     ASSERT_EQ(createJob("bob", "second").status, 0);
-    ASSERT_EQ(createJob("cy", "third", nullptr, "indefinite").status, 0);
+    ASSERT_EQ(createJob("cy", "third", "indefinite").status, 0);
     page = printer->statusPage();
     EXPECT_TRUE(has(page, "<td class=\"job-state\">Pending</td><td>Waiting for its document</td>"));
     EXPECT_TRUE(has(page, "<td class=\"job-state\">Held</td><td>Held until released; Waiting for its document</td>"));
@@ -198,7 +184,7 @@ TEST_F(StatusPage, WhatThePrinterAcceptsInWords) {
 }
 
 TEST_F(StatusPage, JobPageTellsOneJob) {
-    ASSERT_EQ(createJob("ann", "report", nullptr, "indefinite").status, 0);
+    ASSERT_EQ(createJob("ann", "report", "indefinite").status, 0);
     std::string page;
     ASSERT_TRUE(printer->jobPage(1, &page));
     EXPECT_TRUE(has(page, "<h2>Job 1: report</h2>"));
@@ -236,36 +222,6 @@ TEST_F(StatusPage, ThePathChoosesThePage) {
             EXPECT_EQ(page, *c.page);
         }
     }
-}
-
-// Through the library, as the front end asks: its request URI field names the
-// page; the library's own callers name none and get the attribute page.
-TEST_F(StatusPage, RequestUriFieldChoosesThePageThroughTheLibrary) {
-    ASSERT_EQ(createJob("ann", "report").status, 0);
-    int code = -1;
-    EXPECT_EQ(pageAt(nullptr, &code), printer->htmlPage());
-    EXPECT_EQ(code, 0);
-    EXPECT_TRUE(has(pageAt("/attributes"), "Attrs group: Printer"));
-    EXPECT_EQ(pageAt("/", &code), printer->statusPage());
-    EXPECT_EQ(code, 0);
-    std::string job;
-    ASSERT_TRUE(printer->jobPage(1, &job));
-    EXPECT_EQ(pageAt("/jobs/1"), job);
-    (void)pageAt("/jobs/7", &code);
-    EXPECT_EQ(code, CMP_IPP_IF_RC_NOT_FOUND) << "an unknown job is a 404";
-}
-
-TEST_F(StatusPage, TheAuthenticatedUserOwnsTheJob) {
-    const Response asAlice = createJob("mallory", "a", "alice");
-    ASSERT_EQ(asAlice.status, 0);
-    EXPECT_EQ(asAlice.text(kJobGroup, "job-id").size(), 4u);
-    const Response named = createJob("mallory", "b");
-    ASSERT_EQ(named.status, 0);
-    JobInfo one, two;
-    ASSERT_TRUE(printer->job(1, &one));
-    ASSERT_TRUE(printer->job(2, &two));
-    EXPECT_EQ(one.user, "alice") << "not the name the client gave";
-    EXPECT_EQ(two.user, "mallory") << "without authentication the client's name stands";
 }
 
 TEST_F(StatusPage, UrisSayHowTheyAreSecuredAndPagesFollowTheFirst) {

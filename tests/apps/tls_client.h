@@ -46,14 +46,6 @@ public:
     TlsClient(const TlsClient&) = delete;
     TlsClient& operator=(const TlsClient&) = delete;
 
-    bool handshakeDone() const { return handshake_; }
-    // The certificate the server showed, in DER.
-    std::string peerCertificate() const {
-        unsigned n = 0;
-        const gnutls_datum_t* list = handshake_ ? gnutls_certificate_get_peers(session_, &n) : nullptr;
-        return n > 0 ? std::string(reinterpret_cast<const char*>(list[0].data), list[0].size) : std::string();
-    }
-
     bool send(const std::string& s) {
         if (!handshake_) return false;
         size_t off = 0;
