@@ -3,6 +3,7 @@
 // libcups present, its ippRead + ippWrite on the same messages side by side.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -56,16 +57,25 @@ const std::string kCorpus = CMP_IPP_CORPUS_DIR;
 
 uint64_t allocations() { return g_newCalls.load(std::memory_order_relaxed) + emwOSWTestAllocCalls(); }
 
-// Allocations (operator new and cmp_ipp_malloc) per operation over the timed loop.
+uint64_t minorFaults() {
+    struct rusage u;
+    return getrusage(RUSAGE_SELF, &u) == 0 ? static_cast<uint64_t>(u.ru_minflt) : 0;
+}
+
+// Allocations (operator new and cmp_ipp_malloc) and page faults (the heap
+// growing again after the allocator gave memory back) per operation over the
+// timed loop.
 class AllocCounter {
 public:
-    AllocCounter() : m_start(allocations()) {}
+    AllocCounter() : m_start(allocations()), m_faults(minorFaults()) {}
     void report(benchmark::State& state, double ops) const {
         state.counters["allocs_per_op"] = static_cast<double>(allocations() - m_start) / ops;
+        state.counters["faults_per_op"] = static_cast<double>(minorFaults() - m_faults) / ops;
     }
 
 private:
     uint64_t m_start;
+    uint64_t m_faults;
 };
 
 // The requests 002, 003 and 008 of the corpus are malformed on purpose.
