@@ -73,6 +73,11 @@ public:
     // or 0x0409 for a boolean of wrong length). *consumed always gets the number
     // of bytes of this attribute that were read, up to the failing field.
     static cmp_ipp_attr* Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* status, int32_t* consumed);
+    // The same into an attribute of the caller's, so that a decoder reading
+    // attribute after attribute allocates no attribute object for each: true
+    // with out holding the attribute, false where Create returns null (out is
+    // then left in no defined state). out ends exactly as Create's attribute.
+    static bool CreateIn(cmp_ipp_attr& out, cmp_ipp_buf& buf, int32_t offset, uint16_t* status, int32_t* consumed);
     // Bytes getBytes writes; fills in m_nameLength from the registry when 0.
     int32_t getByteLength();
     // Writes the attribute at pos and sets the buffer's length after it; writes
