@@ -36,6 +36,7 @@ template <typename T>
 class cmp_ipp_vector {
     static_assert(std::is_nothrow_default_constructible<T>::value && std::is_nothrow_move_constructible<T>::value,
                   "spares are made and elements moved while the array is replaced; neither may fail");
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "arrays come from the plain operator new");
 
 public:
     static const int32_t kInitialCapacity = 2;
