@@ -395,11 +395,13 @@ Bytes requestOfAttributes(const RegistryTables& t, int n) {
     return m.b;
 }
 
-// Decoding n attributes builds a group array of n attributes (about 112 bytes
-// each on x86-64, 64 on the 32-bit target). Above 128 kB glibc serves such an
-// array with mmap and unmaps it, or trims the heap top, when the message is
-// freed, so every message pays page faults for it: on this host that is a cost
-// of the host's allocator, not of decoding. The steady-heap variant keeps the
+// Decoding n attributes builds a group array of n attributes (56 bytes each on
+// x86-64, 36 on the 32-bit target) beside their value blocks and the copy of
+// the message. glibc keeps 128 kB above the heap top when it trims, and trims
+// when a large block is freed while more than that is free at the top: a
+// message whose blocks together pass that mark makes every decode grow the
+// heap again and fault its pages in (faults_per_op shows it), a cost of the
+// host's allocator rather than of decoding. The steady-heap variant keeps the
 // heap, as the printer's pool allocator does; both are reported.
 class SteadyHeap {
 public:
