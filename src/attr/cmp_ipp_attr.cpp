@@ -86,7 +86,7 @@ bool splitNumbers(const char* text, int parts, int32_t* out) {
 }  // namespace
 
 cmp_ipp_attr::cmp_ipp_attr() noexcept
-    : m_type(0), m_nameId(0), m_nameLength(0), m_name(nullptr), m_numValues(0), m_memberType(0) {}
+    : m_type(0), m_nameId(0), m_nameLength(0), m_numValues(0), m_name(nullptr), m_memberType(0) {}
 
 cmp_ipp_attr::cmp_ipp_attr(const cmp_ipp_attr& other) : cmp_ipp_attr() { *this = other; }
 

@@ -1,7 +1,7 @@
 // Wire codec of one IPP attribute (RFC 8010 attribute-with-one-value followed by
 // additional-value fields): Create reads it, getByteLength/getBytes write it.
 #include <cstring>
-#include <memory>
+#include <utility>
 
 #include "attr/cmp_ipp_attr.h"
 #include "attr/cmp_ipp_ipptable_index.h"
@@ -70,20 +70,32 @@ bool isMarker(int tag) { return cmp_ipp_attr::cmp_ipp_attr_is_col_type(tag) != 0
 }  // namespace
 
 cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* status, int32_t* consumed) {
+    cmp_ipp_attr read;
+    if (!CreateIn(read, buf, offset, status, consumed)) return nullptr;
+    return new cmp_ipp_attr(std::move(read));
+}
+
+bool cmp_ipp_attr::CreateIn(cmp_ipp_attr& out, cmp_ipp_buf& buf, int32_t offset, uint16_t* status,
+                            int32_t* consumed) {
     uint16_t statusSink = 0;
     int32_t consumedSink = 0;
     if (status == nullptr) status = &statusSink;
     if (consumed == nullptr) consumed = &consumedSink;
     *status = kStatusBadRequest;
     *consumed = 0;
-    if (offset < 0) return nullptr;
+    if (offset < 0) return false;
 
     WireReader in(buf);
     int64_t count = 0;
-    std::unique_ptr<cmp_ipp_attr> attr;
-    auto finish = [&](bool keep) -> cmp_ipp_attr* {
+    // Whether out holds this attribute yet: it is made anew at the first value.
+    bool have = false;
+    auto finish = [&](bool keep) -> bool {
         *consumed = count > INT32_MAX ? INT32_MAX : static_cast<int32_t>(count);
-        return keep ? attr.release() : nullptr;
+        return keep;
+    };
+    auto make = [&](cmp_ipp_attr&& fresh) {
+        out = std::move(fresh);
+        have = true;
     };
 
     const int firstTag = in.byteAt(offset);
@@ -137,11 +149,11 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
                 return finish(false);
             }
             const int32_t v = isBool ? in.byteAt(valueStart) : in.intAt(valueStart);
-            if (!attr) {
-                attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, v, 0, 0));
+            if (!have) {
+                make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, v, 0, 0));
             } else {
-                attr->m_longs.append(v);
-                ++attr->m_numValues;
+                out.m_longs.append(v);
+                ++out.m_numValues;
             }
             break;
         }
@@ -188,11 +200,11 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
                 w[1] = in.intAt(valueStart + 4);
                 words = 2;
             }
-            if (!attr) {
-                attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, w[0], w[1], w[2]));
+            if (!have) {
+                make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, w[0], w[1], w[2]));
             } else {
-                for (int k = 0; k < words; ++k) attr->m_longs.append(w[k]);
-                ++attr->m_numValues;
+                for (int k = 0; k < words; ++k) out.m_longs.append(w[k]);
+                ++out.m_numValues;
             }
             break;
         }
@@ -202,13 +214,13 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
             // octet value that reaches past the data is refused, not padded.
             const unsigned char* bytes = in.bytesAt(valueStart, valueLength);
             if (bytes == nullptr) return finish(false);
-            if (!attr) {
-                attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, bytes, valueLength));
+            if (!have) {
+                make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId, bytes, valueLength));
             } else {
-                cmp_ipp_buf& slot = attr->m_bufs.appendSlot();
+                cmp_ipp_buf& slot = out.m_bufs.appendSlot();
                 slot.resize(0);
                 slot.append(bytes, static_cast<uint32_t>(valueLength));
-                ++attr->m_numValues;
+                ++out.m_numValues;
             }
             break;
         }
@@ -226,10 +238,10 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
             cmp_ipp_string text = in.stringAt(valueStart, valueLength);
             // Clients send sides as a name; it is a keyword.
             if (isSides && curTag == CMP_IPP_TAG_NAME) curTag = CMP_IPP_TAG_KEYWORD;
-            if (!attr) attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
-            attr->m_strings.appendSlot() = std::move(text);
-            attr->m_strings.appendSlot().assignBytes(nullptr, -1);
-            ++attr->m_numValues;
+            if (!have) make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
+            out.m_strings.appendSlot() = std::move(text);
+            out.m_strings.appendSlot().assignBytes(nullptr, -1);
+            ++out.m_numValues;
             break;
         }
         case CMP_IPP_TAG_TEXTLANG:
@@ -253,16 +265,16 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
                                            "[ERROR ]:cmp_ipp_ippattr::%s(%d): Wrong bi-valued attribute encoding at %d.\n",
                                            kCreate, 458, offset);
             }
-            if (!attr) attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
-            attr->m_strings.appendSlot() = std::move(text);
-            attr->m_strings.appendSlot() = std::move(language);
-            ++attr->m_numValues;
+            if (!have) make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
+            out.m_strings.appendSlot() = std::move(text);
+            out.m_strings.appendSlot() = std::move(language);
+            ++out.m_numValues;
             break;
         }
         case CMP_IPP_TAG_BEGIN_COLLECTION:
         case CMP_IPP_TAG_END_COLLECTION:
             if (valueIndex == 0) {
-                attr.reset(new cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
+                make(cmp_ipp_attr(static_cast<int16_t>(curTag), nameId));
             } else if (curTag == CMP_IPP_TAG_BEGIN_COLLECTION) {
                 orvane::cmp_dbglog::tracer(kTraceError,
                                            "[ERROR ]:cmp_ipp_ippattr::%s(%d): wrong begin-col order: valueIndex[%d] .\n",
@@ -277,8 +289,8 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
             const char* member = in.textAt(valueStart, valueLength);
             nameId = lookUpName(member, valueLength);
             if (valueIndex == 0) {
-                attr.reset(new cmp_ipp_attr(CMP_IPP_TAG_MEMBERNAME, nameId));
-                if (nameId == 0) attr->setName(member, member != nullptr ? valueLength : 0);
+                make(cmp_ipp_attr(CMP_IPP_TAG_MEMBERNAME, nameId));
+                if (nameId == 0) out.setName(member, member != nullptr ? valueLength : 0);
             } else {
                 orvane::cmp_dbglog::tracer(kTraceError,
                                            "[ERROR ]:cmp_ipp_ippattr::%s(%d): wrong member-attribute-name order: "
@@ -299,12 +311,12 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
         // A delimiter (or a missing byte, read as 0) always ends the attribute,
         // also for a member attribute, whose values may change tag.
         if (isDelimiter(nextTag)) break;
-        if (nextTag != curTag && attr && attr->m_type != CMP_IPP_TAG_MEMBERNAME) break;
+        if (nextTag != curTag && have && out.m_type != CMP_IPP_TAG_MEMBERNAME) break;
         if (isMarker(nextTag)) break;
         if (in.shortAt(next + 1) != 0) break;
         count += 3;
-        if (attr && attr->m_type == CMP_IPP_TAG_MEMBERNAME && valueIndex == 1) {
-            attr->m_memberType = nextTag;
+        if (have && out.m_type == CMP_IPP_TAG_MEMBERNAME && valueIndex == 1) {
+            out.m_memberType = nextTag;
             curTag = nextTag;
         }
         valueLengthPos = next + 3;
@@ -312,10 +324,10 @@ cmp_ipp_attr* cmp_ipp_attr::Create(cmp_ipp_buf& buf, int32_t offset, uint16_t* s
 
     // An own name counts even when it starts with a zero byte (a member name
     // can): it keeps its length and is written back as it came.
-    if (attr && attr->m_nameId == 0 && attr->m_name == nullptr && attr->cmp_ipp_attr_get_name()[0] == '\0') {
-        attr->setName(wireName(), haveName ? nameLength : 0);
+    if (have && out.m_nameId == 0 && out.m_name == nullptr && out.cmp_ipp_attr_get_name()[0] == '\0') {
+        out.setName(wireName(), haveName ? nameLength : 0);
     }
-    return finish(attr != nullptr);
+    return finish(have);
 }
 
 // ---- encoding ----

@@ -2,13 +2,18 @@
 // then a fixed step (5) per growth; emptying keeps the elements and the
 // capacity; assignment takes the other's capacity and never shrinks.
 //
-// Inside, three things keep it cheap: an empty vector allocates nothing until
-// an element is stored or a spare is asked for; when the array is replaced the
-// elements are moved, never copied; and past 16 elements the array keeps some
-// room beyond the reported capacity (the next of 24, 32, 48, 64, ...), so that
-// a long vector is moved to a new array only about twice per doubling instead
-// of at every step of 5. The elements from length() to capacity() are
-// default-constructed spares; the room beyond capacity() holds no elements.
+// Inside, four things keep it cheap:
+// - the vector itself is one pointer: its length and capacity live in a small
+//   head at the front of its array, so an attribute's three value stores and a
+//   group's array of attributes take a third of the room they would otherwise;
+// - an empty vector allocates nothing until an element is stored or a spare is
+//   asked for (no array: length 0, capacity 2);
+// - when the array is replaced the elements are moved, never copied;
+// - past 16 elements the array keeps some room beyond the reported capacity
+//   (the next of 24, 32, 48, 64, ...), so that a long vector is moved to a new
+//   array only about twice per doubling instead of at every step of 5.
+// The elements from length() to capacity() are default-constructed spares; the
+// room beyond capacity() holds no elements.
 #ifndef CMP_IPP_VECTOR_H
 #define CMP_IPP_VECTOR_H
 
@@ -31,35 +36,33 @@ template <typename T>
 class cmp_ipp_vector {
     static_assert(std::is_nothrow_default_constructible<T>::value && std::is_nothrow_move_constructible<T>::value,
                   "spares are made and elements moved while the array is replaced; neither may fail");
+    static_assert(alignof(T) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__, "arrays come from the plain operator new");
 
 public:
     static const int32_t kInitialCapacity = 2;
     static const int32_t kDefaultGrowBy = 5;
 
-    explicit cmp_ipp_vector(int32_t growBy = kDefaultGrowBy) noexcept
-        : m_length(0), m_data(nullptr), m_size(kInitialCapacity), m_growBy(growBy > 0 ? growBy : kDefaultGrowBy) {}
+    // Every vector grows by kDefaultGrowBy: nothing in the library asks for
+    // another step, and keeping one per vector would cost a word in each of
+    // them. The argument is accepted for source compatibility only.
+    explicit cmp_ipp_vector(int32_t growBy = kDefaultGrowBy) noexcept : m_head(nullptr) { (void)growBy; }
 
-    cmp_ipp_vector(const cmp_ipp_vector& other) : cmp_ipp_vector(other.m_growBy) { *this = other; }
+    cmp_ipp_vector(const cmp_ipp_vector& other) : m_head(nullptr) { *this = other; }
 
     // Takes the other's array; the other is left empty with the initial capacity.
-    cmp_ipp_vector(cmp_ipp_vector&& other) noexcept
-        : m_length(other.m_length), m_data(other.m_data), m_size(other.m_size), m_growBy(other.m_growBy) {
-        other.forget();
-    }
+    cmp_ipp_vector(cmp_ipp_vector&& other) noexcept : m_head(other.m_head) { other.m_head = nullptr; }
 
-    ~cmp_ipp_vector() {
-        release();
-        m_length = 0;
-        m_size = 0;
-    }
+    ~cmp_ipp_vector() { release(); }
 
     cmp_ipp_vector& operator=(const cmp_ipp_vector& other) {
         if (this == &other) return *this;
-        reserve(other.m_size);
-        if (other.m_length > 0 && m_data == nullptr) materialize();
-        m_length = other.m_length;
-        m_growBy = other.m_growBy;
-        for (int32_t i = 0; i < m_length; ++i) m_data[i] = other.m_data[i];
+        reserve(other.capacity());
+        const int32_t n = other.length();
+        if (n > 0 && m_head == nullptr) materialize();
+        if (m_head != nullptr) m_head->length = n;
+        T* to = elements();
+        const T* from = other.elements();
+        for (int32_t i = 0; i < n; ++i) to[i] = from[i];
         return *this;
     }
 
@@ -68,16 +71,14 @@ public:
     cmp_ipp_vector& operator=(cmp_ipp_vector&& other) noexcept {
         if (this == &other) return *this;
         release();
-        m_length = other.m_length;
-        m_data = other.m_data;
-        m_size = other.m_size;
-        m_growBy = other.m_growBy;
-        other.forget();
+        m_head = other.m_head;
+        other.m_head = nullptr;
         return *this;
     }
 
     void append(const T& x) {
-        if (m_length >= m_size && m_data != nullptr && &x >= m_data && &x < m_data + m_size) {
+        if (m_head != nullptr && m_head->length >= m_head->size && &x >= elements() &&
+            &x < elements() + m_head->size) {
             T copy(x);  // x lives in the array about to be replaced
             appendSlot() = std::move(copy);
             return;
@@ -89,85 +90,104 @@ public:
     // Makes room for one more element and returns it (a spare, or what an
     // earlier element left there) for assignment in place.
     T& appendSlot() {
-        if (m_length >= m_size) {
-            grow(m_size + m_growBy);
-        } else if (m_data == nullptr) {
+        if (m_head == nullptr) {
             materialize();
+        } else if (m_head->length >= m_head->size) {
+            grow(m_head->size + kDefaultGrowBy);
         }
-        return m_data[m_length++];
+        return elements()[m_head->length++];
     }
 
     void reserve(int32_t n) {
-        if (n > m_size) grow(n);
+        if (n > capacity()) grow(n);
     }
 
     // Sets the count to 0; elements and capacity stay.
-    void clear() { m_length = 0; }
+    void clear() {
+        if (m_head != nullptr) m_head->length = 0;
+    }
 
     // Any index below capacity() is valid; from length() on it is a spare.
     // Reading a spare of an empty vector makes its array (the spares are there
     // in principle from the start), so do not do that on a vector that other
     // tasks read at the same time; elements below length() are always there.
     T& operator[](int32_t i) {
-        if (m_data == nullptr) materialize();
-        return m_data[i];
+        if (m_head == nullptr) materialize();
+        return elements()[i];
     }
     const T& operator[](int32_t i) const {
-        if (m_data == nullptr) const_cast<cmp_ipp_vector*>(this)->materialize();
-        return m_data[i];
+        if (m_head == nullptr) const_cast<cmp_ipp_vector*>(this)->materialize();
+        return elements()[i];
     }
 
-    int32_t length() const { return m_length; }
-    int32_t capacity() const { return m_size; }
-    int32_t growBy() const { return m_growBy; }
+    int32_t length() const { return m_head != nullptr ? m_head->length : 0; }
+    int32_t capacity() const { return m_head != nullptr ? m_head->size : kInitialCapacity; }
+    int32_t growBy() const { return kDefaultGrowBy; }
     // Whether an array has been made yet (an empty vector has none).
-    bool hasStorage() const { return m_data != nullptr; }
+    bool hasStorage() const { return m_head != nullptr; }
 
 private:
+    // Front of every array: elements in use, and the reported capacity (the
+    // number of constructed elements).
+    struct Head {
+        int32_t length;
+        int32_t size;
+    };
+    // The elements start after the head, aligned for T.
+    static constexpr size_t kElementsAt = (sizeof(Head) + alignof(T) - 1) / alignof(T) * alignof(T);
+
     static int32_t roomFor(int32_t n) { return n <= 16 ? n : cmp_ipp_vector_room(n); }
 
-    static T* allocate(int32_t n) { return static_cast<T*>(::operator new(sizeof(T) * static_cast<size_t>(n))); }
+    static T* elementsOf(Head* h) { return reinterpret_cast<T*>(reinterpret_cast<char*>(h) + kElementsAt); }
+    T* elements() const { return m_head != nullptr ? elementsOf(m_head) : nullptr; }
+
+    // An array with room for n elements, none constructed yet.
+    static Head* allocate(int32_t n) {
+        if (n < 0 || static_cast<size_t>(n) > (SIZE_MAX - kElementsAt) / sizeof(T)) throw std::bad_alloc();
+        return static_cast<Head*>(::operator new(kElementsAt + sizeof(T) * static_cast<size_t>(n)));
+    }
 
     void materialize() {
-        T* fresh = allocate(roomFor(m_size));
-        for (int32_t i = 0; i < m_size; ++i) ::new (static_cast<void*>(fresh + i)) T();
-        m_data = fresh;
+        Head* fresh = allocate(roomFor(kInitialCapacity));
+        T* e = elementsOf(fresh);
+        for (int32_t i = 0; i < kInitialCapacity; ++i) ::new (static_cast<void*>(e + i)) T();
+        fresh->length = 0;
+        fresh->size = kInitialCapacity;
+        m_head = fresh;
     }
 
     // Raises the capacity to n, constructing the new spares; replaces the array
     // (moving the elements in use) only when it has no room for them.
     void grow(int32_t n) {
-        if (m_data != nullptr && n <= roomFor(m_size)) {
-            for (int32_t i = m_size; i < n; ++i) ::new (static_cast<void*>(m_data + i)) T();
-            m_size = n;
+        if (m_head != nullptr && n <= roomFor(m_head->size)) {
+            T* e = elementsOf(m_head);
+            for (int32_t i = m_head->size; i < n; ++i) ::new (static_cast<void*>(e + i)) T();
+            m_head->size = n;
             return;
         }
-        T* fresh = allocate(roomFor(n));  // the only step that can fail: nothing has changed yet
-        for (int32_t i = 0; i < m_length; ++i) ::new (static_cast<void*>(fresh + i)) T(std::move(m_data[i]));
-        for (int32_t i = m_length; i < n; ++i) ::new (static_cast<void*>(fresh + i)) T();
+        Head* fresh = allocate(roomFor(n));  // the only step that can fail: nothing has changed yet
+        T* to = elementsOf(fresh);
+        const int32_t used = length();
+        T* from = elements();
+        for (int32_t i = 0; i < used; ++i) ::new (static_cast<void*>(to + i)) T(std::move(from[i]));
+        for (int32_t i = used; i < n; ++i) ::new (static_cast<void*>(to + i)) T();
         release();
-        m_data = fresh;
-        m_size = n;
+        fresh->length = used;
+        fresh->size = n;
+        m_head = fresh;
     }
 
     // Destroys every element, spares included, last to first, and frees the array.
     void release() {
-        if (m_data == nullptr) return;
-        for (int32_t i = m_size; i > 0; --i) m_data[i - 1].~T();
-        ::operator delete(m_data);
-        m_data = nullptr;
+        if (m_head == nullptr) return;
+        T* e = elementsOf(m_head);
+        for (int32_t i = m_head->size; i > 0; --i) e[i - 1].~T();
+        ::operator delete(m_head);
+        m_head = nullptr;
     }
 
-    void forget() {
-        m_length = 0;
-        m_data = nullptr;
-        m_size = kInitialCapacity;
-    }
-
-    int32_t m_length;
-    T* m_data;
-    int32_t m_size;
-    int32_t m_growBy;
+    // Null for an empty vector that has made no array yet.
+    Head* m_head;
 };
 
 #endif

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include "attr/cmp_ipp_ipptable.h"
@@ -373,6 +372,8 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
         // attribute that additional values join.
         int32_t previous = -1;
         uint32_t marked = 0;
+        // Each attribute is read into this one and then moved into the group.
+        cmp_ipp_attr read;
         for (;;) {
             // Whatever stands here (an attribute or a delimiter tag) belongs
             // to the attribute part.
@@ -382,51 +383,50 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
             if ((first & 0xF0) == 0) break;
             uint16_t status = CMP_IPP_STATUS_BAD_REQUEST;
             int32_t consumed = 0;
-            std::unique_ptr<cmp_ipp_attr> attr(
-                cmp_ipp_attr::Create(buf, static_cast<int32_t>(offset), &status, &consumed));
+            const bool created = cmp_ipp_attr::CreateIn(read, buf, static_cast<int32_t>(offset), &status, &consumed);
             const uint64_t attrEnd = uint64_t{offset} + static_cast<uint32_t>(consumed > 0 ? consumed : 0);
             if ((port && port->refused) || attrEnd > attributesEnd)
                 return tooLarge(kLineAttributeBytes, 610, offset, static_cast<int64_t>(attrEnd) - 8);
-            if (!attr || consumed <= 0) {
+            if (!created || consumed <= 0) {
                 parseError(kLineCreate, 602, static_cast<int32_t>(offset), static_cast<int32_t>(first));
-                return attr ? static_cast<uint32_t>(CMP_IPP_STATUS_BAD_REQUEST) : status;
+                return created ? static_cast<uint32_t>(CMP_IPP_STATUS_BAD_REQUEST) : status;
             }
 
-            if (attr->m_nameId != 0 && attr->m_type != CMP_IPP_TAG_MEMBERNAME) {
-                const int16_t regType = cmp_ipp_attr::nameIdToType(attr->m_nameId);
-                if (regType != -1 && regType != attr->m_type) {
-                    const int16_t alt = cmp_ipp_attr::nameIdToAlternateType(attr->m_nameId);
+            if (read.m_nameId != 0 && read.m_type != CMP_IPP_TAG_MEMBERNAME) {
+                const int16_t regType = cmp_ipp_attr::nameIdToType(read.m_nameId);
+                if (regType != -1 && regType != read.m_type) {
+                    const int16_t alt = cmp_ipp_attr::nameIdToAlternateType(read.m_nameId);
                     if (alt == 0) {
                         orvane::cmp_dbglog::tracer(2, "[ERROR ]:cmp_ipp_ippmsg::%s(%d) parse error. Id[%d] Type[%d] vs [%d]\n",
-                                                   "decode", kLineTypeMismatch, attr->m_nameId, regType, attr->m_type);
+                                                   "decode", kLineTypeMismatch, read.m_nameId, regType, read.m_type);
                         marked = CMP_IPP_STATUS_BAD_REQUEST;
-                    } else if (alt != attr->m_type) {
+                    } else if (alt != read.m_type) {
                         orvane::cmp_dbglog::tracer(2, "[ERROR ]:cmp_ipp_ippmsg::%s(%d) parse error. Id[%d] Type[%d]\n",
-                                                   "decode", kLineAltMismatch, attr->m_nameId, attr->m_type);
+                                                   "decode", kLineAltMismatch, read.m_nameId, read.m_type);
                         marked = CMP_IPP_STATUS_BAD_REQUEST;
                     }
                 }
             }
 
-            const bool marker = attr->cmp_ipp_attr_is_col_type() != 0;
-            const bool additional = attr->m_nameLength == 0 && attr->m_nameId == 0 && !marker;
-            if (attr->m_numValues > CMP_IPP_MAX_VALUES)
-                return tooLarge(kLineValues, 612, offset, attr->m_numValues);
+            const bool marker = read.cmp_ipp_attr_is_col_type() != 0;
+            const bool additional = read.m_nameLength == 0 && read.m_nameId == 0 && !marker;
+            if (read.m_numValues > CMP_IPP_MAX_VALUES)
+                return tooLarge(kLineValues, 612, offset, read.m_numValues);
             if (!additional && ++attributes > CMP_IPP_MAX_ATTRIBUTES)
                 return tooLarge(kLineAttributes, 611, offset, attributes);
-            if (attr->m_type == CMP_IPP_TAG_BEGIN_COLLECTION && ++depth > CMP_IPP_MAX_COLLECTION_DEPTH)
+            if (read.m_type == CMP_IPP_TAG_BEGIN_COLLECTION && ++depth > CMP_IPP_MAX_COLLECTION_DEPTH)
                 return tooLarge(kLineDepth, 613, offset, depth);
-            if (attr->m_type == CMP_IPP_TAG_END_COLLECTION && depth > 0) --depth;
+            if (read.m_type == CMP_IPP_TAG_END_COLLECTION && depth > 0) --depth;
             int32_t lower = 0, upper = 0;
-            if (attr->m_type == CMP_IPP_TAG_RANGE && attr->m_numValues >= 1 && attr->m_longs.length() >= 2) {
-                lower = attr->m_longs[0];
-                upper = attr->m_longs[1];
+            if (read.m_type == CMP_IPP_TAG_RANGE && read.m_numValues >= 1 && read.m_longs.length() >= 2) {
+                lower = read.m_longs[0];
+                upper = read.m_longs[1];
             }
-            const bool isRange = attr->m_type == CMP_IPP_TAG_RANGE;
+            const bool isRange = read.m_type == CMP_IPP_TAG_RANGE;
 
             if (!additional) {
                 // The group takes the attribute over: as cmp_ipp_attrs_set_attr_by_name(attr, false), without a copy.
-                group->adopt(*attr);
+                group->adopt(read);
                 if (isRange && upper < lower) marked = CMP_IPP_STATUS_BAD_REQUEST;
                 previous = group->count() - 1;
             } else {
@@ -438,7 +438,7 @@ uint32_t cmp_ipp_msg::decode(cmp_ipp_buf& buf, cmp_ipp_if_info_s* info) {
                     marked = CMP_IPP_STATUS_BAD_REQUEST;
                 // The previous attribute gets the value and is stored again with
                 // cmp_ipp_attrs_set_attr(previous, false), merged in place.
-                previous = group->addValueAt(previous, *attr);
+                previous = group->addValueAt(previous, read);
                 if (group->list()[previous].m_numValues > CMP_IPP_MAX_VALUES)
                     return tooLarge(kLineValues, 612, offset, group->list()[previous].m_numValues);
             }

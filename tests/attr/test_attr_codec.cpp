@@ -150,6 +150,62 @@ TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
     }
 }
 
+// Everything of a decoded attribute that a reader can see, store capacities included.
+std::string shapeOf(const cmp_ipp_attr& a) {
+    std::string s = std::to_string(a.m_type) + " id" + std::to_string(a.m_nameId) + " len" +
+                    std::to_string(a.m_nameLength) + " name:" + (a.m_name != nullptr ? a.m_name : "(none)") + " n" +
+                    std::to_string(a.m_numValues) + " m" + std::to_string(a.m_memberType) + " cap" +
+                    std::to_string(a.m_strings.capacity()) + "." + std::to_string(a.m_bufs.capacity()) + "." +
+                    std::to_string(a.m_longs.capacity()) + " |";
+    for (int32_t w : words(a)) s += " " + std::to_string(w);
+    for (const std::string& t : strings(a)) s += " '" + t + "'";
+    for (const std::string& o : octets(a)) s += " <" + o + ">";
+    return s;
+}
+
+// The decoder reads every attribute into one reused attribute: whatever that one
+// held before (an own name, many values, grown stores), it must end exactly as
+// the attribute Create makes, and fail where Create fails.
+TEST_F(AttrDecode, ReadingIntoAUsedAttributeEndsAsCreateDoes) {
+    cmp_ipp_attr used(0x36, 0, "old-name", 8, "t");
+    for (int i = 0; i < 12; ++i) used.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x36, 0, "v", "lang"));
+    for (int i = 0; i < 9; ++i) used.m_longs.append(i);
+    used.m_bufs.appendSlot().append(reinterpret_cast<const unsigned char*>("xyz"), 3);
+    used.m_memberType = 0x44;
+    ASSERT_GT(used.m_strings.capacity(), 2);
+    ASSERT_GT(used.m_longs.capacity(), 2);
+
+    cmp_ipp_attr into = used;
+    for (const Decoded& c : decodedCases()) {
+        SCOPED_TRACE(c.label);
+        const Bytes bytes = wire(c.bytes);
+        cmp_ipp_buf first = bufOf(bytes), second = bufOf(bytes);
+        uint16_t status = 0, statusIn = 0;
+        int32_t count = -1, countIn = -1;
+        std::unique_ptr<cmp_ipp_attr> made(cmp_ipp_attr::Create(first, c.offset, &status, &count));
+        ASSERT_NE(made, nullptr);
+        into = used;
+        ASSERT_TRUE(cmp_ipp_attr::CreateIn(into, second, c.offset, &statusIn, &countIn));
+        EXPECT_EQ(shapeOf(into), shapeOf(*made));
+        EXPECT_EQ(countIn, count);
+        EXPECT_EQ(statusIn, status);
+    }
+    for (const char* bad : {"21 0006 'copies' 0002 0001", "22 0000 0000", "11 0001 'd' 0003 'abc'"}) {
+        SCOPED_TRACE(bad);
+        cmp_ipp_buf buf = bufOf(wire(bad));
+        uint16_t status = 0;
+        int32_t count = -1;
+        into = used;
+        EXPECT_FALSE(cmp_ipp_attr::CreateIn(into, buf, 0, &status, &count));
+        cmp_ipp_buf again = bufOf(wire(bad));
+        uint16_t createStatus = 0;
+        int32_t createCount = -1;
+        EXPECT_EQ(cmp_ipp_attr::Create(again, 0, &createStatus, &createCount), nullptr);
+        EXPECT_EQ(status, createStatus);
+        EXPECT_EQ(count, createCount);
+    }
+}
+
 TEST_F(AttrDecode, FailuresGiveNoAttributeWithStatusCountAndTrace) {
     const struct {
         const char* label;

@@ -110,6 +110,31 @@ TEST(VectorGrowth, ReserveAndAssignmentFollowTheArrayRules) {
     }
 }
 
+// A group holds its attributes by value and each attribute three vectors, so
+// the vector is one pointer (its counts live in its array) and the attribute
+// packs without gaps: 56 bytes on a 64-bit host, 36 on the 32-bit target.
+TEST(VectorGrowth, OnePointerWhateverTheStepAskedFor) {
+    static_assert(sizeof(cmp_ipp_vector<cmp_ipp_attr>) == sizeof(void*), "a vector is one pointer");
+    static_assert(sizeof(cmp_ipp_attr) == (sizeof(void*) == 8 ? 56 : 36), "attribute footprint");
+
+    cmp_ipp_vector<int32_t> v(3);
+    EXPECT_EQ(v.growBy(), 5);
+    v.clear();
+    EXPECT_FALSE(v.hasStorage()) << "emptying a vector that has no array makes none";
+    EXPECT_EQ(v.capacity(), 2);
+    const int32_t expected[] = {2, 2, 7, 7, 7, 7, 7, 12};
+    for (int32_t i = 0; i < 8; ++i) {
+        v.append(i);
+        EXPECT_EQ(v.capacity(), expected[i]) << "after element " << i + 1;
+    }
+    cmp_ipp_vector<int32_t> wide;
+    wide.reserve(40);
+    cmp_ipp_vector<int32_t> fresh;
+    fresh = wide;
+    EXPECT_EQ(fresh.capacity(), 40) << "an empty vector's capacity is taken over too";
+    EXPECT_EQ(fresh.length(), 0);
+}
+
 TEST(VectorGrowth, AppendingAnElementOfTheSameVectorWhileItGrows) {
     cmp_ipp_vector<cmp_ipp_string> v;
     v.append(cmp_ipp_string("first"));
