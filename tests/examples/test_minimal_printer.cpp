@@ -107,11 +107,12 @@ TEST_F(MinimalPrinter, CountsPrintJobBytesAcrossBlocksAndSkipsAbortedUploads) {
     {
         Client c(socket_);
         ASSERT_TRUE(c.connected());
-        ASSERT_TRUE(c.sendRequest(RequestBlock::post(static_cast<int32_t>(job.b.size() + 15000))));
-        ASSERT_TRUE(c.sendBlock(job.b));
-        for (int i = 0; i < 3; ++i) ASSERT_TRUE(c.sendBlock(Bytes(5000, static_cast<unsigned char>('b' + i))));
-        ASSERT_TRUE(c.sendEnd());
-        const Reply r = c.readReply();
+        // Raw, to cut the blocks where the count has to add them up.
+        ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(static_cast<int32_t>(job.b.size() + 15000)))));
+        ASSERT_TRUE(c.rawBlock(job.b));
+        for (int i = 0; i < 3; ++i) ASSERT_TRUE(c.rawBlock(Bytes(5000, static_cast<unsigned char>('b' + i))));
+        ASSERT_TRUE(c.rawBlock({}));
+        const Reply r = c.rawReply();
         expectIppReply(r, 42);
         EXPECT_EQ(be16At(r.body, 2), 0x0000);
         EXPECT_TRUE(contains(r.body, "job-id"));
@@ -123,9 +124,9 @@ TEST_F(MinimalPrinter, CountsPrintJobBytesAcrossBlocksAndSkipsAbortedUploads) {
         cut.header(1, 1, 0x0002, 43).opGroup().tag(3);
         Client c(socket_);
         ASSERT_TRUE(c.connected());
-        ASSERT_TRUE(c.sendRequest(RequestBlock::post(100000)));
-        ASSERT_TRUE(c.sendBlock(cut.b));
-        ASSERT_TRUE(c.sendBlock(Bytes(7000, 'x')));
+        ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(100000))));
+        ASSERT_TRUE(c.rawBlock(cut.b));
+        ASSERT_TRUE(c.rawBlock(Bytes(7000, 'x')));
     }
     EXPECT_EQ(stop(), 0);
     EXPECT_TRUE(contains(stdout_, "minimal_printer: 1 job(s), 16000 byte(s)")) << stdout_;
@@ -141,7 +142,7 @@ TEST_F(MinimalPrinter, RefusedOperationsStillCarryTheCharsetAndHtmlComesForGet) 
 
     Client c(socket_);
     ASSERT_TRUE(c.connected());
-    ASSERT_TRUE(c.sendRequest(RequestBlock::get()));
+    ASSERT_TRUE(c.sendRequest(getRequest()));
     const Reply page = c.readReply();
     ASSERT_TRUE(page.ok);
     EXPECT_EQ(page.status, 0);

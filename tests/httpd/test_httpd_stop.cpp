@@ -13,8 +13,6 @@ const int kPrintJob = 0x0002;
 // request (seconds, up to the 30 s receive time-out) misses it.
 const int kStopDeadlineMs = 5000;
 
-using R = RequestBlock;
-
 class HttpdStopConcurrency : public HttpdServer {
 protected:
     void SetUp() override {
@@ -46,15 +44,15 @@ protected:
 void stalledUpload(Client& c, bool chunked) {
     const Bytes ipp = ippRequest(kPrintJob, 31);
     const Bytes doc(1000, 0x5a);
-    R block = R::post(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
-    block.chunked = chunked ? 1 : 0;
-    ASSERT_TRUE(c.sendRequest(block));
-    ASSERT_TRUE(c.sendBlock(ipp));
-    ASSERT_TRUE(c.sendBlock(doc));
+    relay_request block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
+    block.chunked = chunked;
+    ASSERT_TRUE(c.rawBytes(recordBytes(block)));
+    ASSERT_TRUE(c.rawBlock(ipp));
+    ASSERT_TRUE(c.rawBlock(doc));
     if (chunked) {
         const int32_t announced = static_cast<int32_t>(doc.size());
-        ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
-        ASSERT_TRUE(c.sendRaw(doc.data(), 10));
+        ASSERT_TRUE(c.rawBytes(&announced, sizeof announced));
+        ASSERT_TRUE(c.rawBytes(doc.data(), 10));
     }
 }
 
@@ -68,20 +66,19 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
     const Case cases[] = {
         {"idle keep-alive connection",
          [](Client& c) {
-             ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_KEEP_ALIVE)));
+             ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_KEEP_ALIVE)));
              ASSERT_TRUE(c.readReply().ok);
          },
          [] { return true; }, 0},
         {"connection pausing before its close",
          [](Client& c) {
-             ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_PAUSE_CLOSE)));
+             ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_PAUSE_CLOSE)));
              ASSERT_TRUE(c.readReply().ok);
          },
          [] { return true; }, 0},
         {"connection that never sent its request block",
          [](Client& c) {
-             const Bytes part = R::get().bytes();
-             ASSERT_TRUE(c.sendRaw(part.data(), 100));
+             ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100));
          },
          [] { return getConnectionCount() == 1; }, 0},
         {"upload with a length", [](Client& c) { stalledUpload(c, false); },
@@ -191,7 +188,7 @@ TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
     start();
     for (int i = 0; i < 5; ++i) {
         Client c(path_);
-        ASSERT_TRUE(c.sendRequest(R::get()));
+        ASSERT_TRUE(c.sendRequest(getRequest()));
         EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
     }
 }

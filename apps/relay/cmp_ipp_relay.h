@@ -121,6 +121,9 @@ public:
     // The server's user when connectTo answered untrusted.
     uid_t untrustedUid() const { return untrustedUid_; }
     bool isOpen() const { return fd_ >= 0; }
+    // The socket (-1 when closed), for a caller that watches it itself; tests
+    // also write on it what a relay never sends.
+    int fd() const { return fd_; }
     // Usable for another request: open, used within idleLimitMs, and the library
     // has neither closed its end nor sent anything unasked.
     bool reusable(int64_t idleLimitMs) const;
