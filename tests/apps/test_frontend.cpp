@@ -230,26 +230,26 @@ public:
     // The first `refusals` connections are closed unread, as the library does
     // at its connection limit, each after letting some of the request arrive.
     explicit FakeLibrary(std::vector<Answer> answers, int refusals = 0)
-        : answers_(std::move(answers)), refusals_(refusals) {
+        : m_answers(std::move(answers)), m_refusals(refusals) {
         char dir[] = "/tmp/cmp_ipp_relay_XXXXXX";
         EXPECT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        path = dir_ + "/sock";
-        listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
+        m_dir = dir;
+        path = m_dir + "/sock";
+        m_listener = socket(AF_UNIX, SOCK_STREAM, 0);
         struct sockaddr_un a;
         std::memset(&a, 0, sizeof a);
         a.sun_family = AF_UNIX;
         std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<struct sockaddr*>(&a), sizeof a), 0);
-        EXPECT_EQ(listen(listener_, 5), 0);
-        thread_ = std::thread([this] { serve(); });
+        EXPECT_EQ(bind(m_listener, reinterpret_cast<struct sockaddr*>(&a), sizeof a), 0);
+        EXPECT_EQ(listen(m_listener, 5), 0);
+        m_thread = std::thread([this] { serve(); });
     }
     ~FakeLibrary() {
-        shutdown(listener_, SHUT_RDWR);
-        thread_.join();
-        close(listener_);
+        shutdown(m_listener, SHUT_RDWR);
+        m_thread.join();
+        close(m_listener);
         unlink(path.c_str());
-        rmdir(dir_.c_str());
+        rmdir(m_dir.c_str());
     }
     static std::string replyBody(int32_t length) {
         std::string b(static_cast<size_t>(length), '\0');
@@ -272,17 +272,17 @@ private:
         return true;
     }
     void serve() {
-        for (int i = 0; i < refusals_; ++i) {
-            const int r = accept(listener_, nullptr, nullptr);
+        for (int i = 0; i < m_refusals; ++i) {
+            const int r = accept(m_listener, nullptr, nullptr);
             if (r < 0) return;
             std::this_thread::sleep_for(std::chrono::milliseconds(i * 20));
             close(r);
         }
-        const int c = accept(listener_, nullptr, nullptr);
+        const int c = accept(m_listener, nullptr, nullptr);
         if (c < 0) return;
         std::vector<unsigned char> record(AHTTPD_REQ_BLOCK_SIZE);
         std::vector<unsigned char> block(AHTTPD_SPOOL_SIZE);
-        for (const Answer& a : answers_) {
+        for (const Answer& a : m_answers) {
             std::string got;
             if (!readAll(c, record.data(), record.size(), got)) break;
             int32_t method;
@@ -317,11 +317,11 @@ private:
         }
         close(c);
     }
-    std::vector<Answer> answers_;
-    int refusals_;
-    std::string dir_;
-    int listener_ = -1;
-    std::thread thread_;
+    std::vector<Answer> m_answers;
+    int m_refusals;
+    std::string m_dir;
+    int m_listener = -1;
+    std::thread m_thread;
 };
 
 // A request that meets connections closed unread is sent again, whole and once.
@@ -482,40 +482,40 @@ protected:
     }
     // A front end with options of the test's own.
     void restartFrontend(const std::function<void(cmp_ipp_frontend::options&)>& tune) {
-        frontend_.reset();
+        m_frontend.reset();
         cmp_ipp_frontend::options o;
         o.port = 0;
-        o.socketPath = path_;
+        o.socketPath = m_path;
         o.relayTimeoutMs = 10000;
         o.log = [this](const std::string& m) {
-            std::lock_guard<std::mutex> g(logLock_);
-            logged_.push_back(m);
+            std::lock_guard<std::mutex> g(m_logLock);
+            m_logged.push_back(m);
         };
         tune(o);
-        frontend_.reset(new cmp_ipp_frontend(o));
+        m_frontend.reset(new cmp_ipp_frontend(o));
         std::string error;
-        ASSERT_TRUE(frontend_->start(&error)) << error;
-        ASSERT_NE(frontend_->port(), 0);
+        ASSERT_TRUE(m_frontend->start(&error)) << error;
+        ASSERT_NE(m_frontend->port(), 0);
     }
     std::vector<std::string> logged() {
-        std::lock_guard<std::mutex> g(logLock_);
-        return logged_;
+        std::lock_guard<std::mutex> g(m_logLock);
+        return m_logged;
     }
     void TearDown() override {
-        frontend_.reset();  // first: it holds connections the library's stop waits for
+        m_frontend.reset();  // first: it holds connections the library's stop waits for
         HttpdServer::TearDown();
     }
     void startLibrary() {
         ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &lib), 0);
-        running_ = true;
-        ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
+        m_running = true;
+        ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
     }
-    uint16_t port() const { return frontend_->port(); }
+    uint16_t port() const { return m_frontend->port(); }
 
     DocumentHandler lib;
-    std::unique_ptr<cmp_ipp_frontend> frontend_;
-    std::mutex logLock_;
-    std::vector<std::string> logged_;
+    std::unique_ptr<cmp_ipp_frontend> m_frontend;
+    std::mutex m_logLock;
+    std::vector<std::string> m_logged;
 };
 
 TEST_F(FrontendE2E, GetGivesThePrinterPageOnItsPathsAndJobUris) {
@@ -941,7 +941,7 @@ TEST_F(FrontendE2E, SlowUploadKeepsTheLibraryFed) {
 TEST_F(FrontendE2E, SocketOfAnotherUserIsRefusedUnlessTrusted) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to run a socket server as another user";
     const uid_t other = 65534;
-    const std::string otherPath = dir_ + "/other";
+    const std::string otherPath = m_dir + "/other";
     int report[2];
     ASSERT_EQ(pipe(report), 0);
     const pid_t child = fork();
@@ -1049,7 +1049,7 @@ TEST_F(FrontendE2E, TlsAndPlainHttpShareThePort) {
         o.tlsCertificatePem = id.certificatePem;
         o.tlsKeyPem = id.keyPem;
     });
-    EXPECT_TRUE(frontend_->tls());
+    EXPECT_TRUE(m_frontend->tls());
     startLibrary();
     const std::string ipp = asString(ippRequest(kGetJobs, 41));
     for (int round = 0; round < 2; ++round) {

@@ -298,60 +298,60 @@ protected:
     void SetUp() override {
         char dir[] = "/tmp/cmp_ipp_httpd_XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        setenv("GEN_UNIX_PATH", (dir_ + "/").c_str(), 1);
-        path_ = dir_ + "/zyn_ipp_server";
+        m_dir = dir;
+        setenv("GEN_UNIX_PATH", (m_dir + "/").c_str(), 1);
+        m_path = m_dir + "/zyn_ipp_server";
         AHTTPD_setReceiveTimeout(5);
         AHTTPD_setKeepAlivePasses(200);
-        savedHandler_ = cmp_ipp_manager::get()->m_handler;
-        baselineBlocks_ = emwOSWTestOutstandingBlocks();
+        m_savedHandler = cmp_ipp_manager::get()->m_handler;
+        m_baselineBlocks = emwOSWTestOutstandingBlocks();
     }
     void TearDown() override {
         stop();
         // The stop returns once the listener or the last connection is gone; tasks
         // cut short by it end moments later.
         EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
-        EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == baselineBlocks_; }, 3000))
-            << "blocks still outstanding: " << emwOSWTestOutstandingBlocks() - baselineBlocks_;
+        EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == m_baselineBlocks; }, 3000))
+            << "blocks still outstanding: " << emwOSWTestOutstandingBlocks() - m_baselineBlocks;
         pn_ipp_stop(0, nullptr);
         // A task cut short by the stop may still be ending: the handler goes away
         // only once the manager no longer calls it.
         cmp_ipp_manager* m = cmp_ipp_manager::get();
         m->unregisterHandler(m->m_handler.load());
-        if (savedHandler_ != nullptr) IPP_Initialize(nullptr, savedHandler_);
+        if (m_savedHandler != nullptr) IPP_Initialize(nullptr, m_savedHandler);
         AHTTPD_setReceiveTimeout(30);
         AHTTPD_setKeepAlivePasses(200);
         unsetenv("GEN_UNIX_PATH");
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
+        unlink(m_path.c_str());
+        rmdir(m_dir.c_str());
     }
 
     // Starts the whole service and waits until the socket accepts connections.
     void start() {
         ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
-        running_ = true;
-        ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
+        m_running = true;
+        ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
     }
     void stop() {
-        if (!running_) return;
+        if (!m_running) return;
         EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
-        running_ = false;
+        m_running = false;
         // With no connection open the stop need not wait for the listener, which
         // removes its socket file as it leaves.
-        EXPECT_TRUE(settles([&] { return access(path_.c_str(), F_OK) != 0; }, 3000))
+        EXPECT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) != 0; }, 3000))
             << "the stop leaves no socket file behind";
     }
 
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
     HttpTestHandler handler;
-    std::string dir_;
-    std::string path_;
-    bool running_ = false;
+    std::string m_dir;
+    std::string m_path;
+    bool m_running = false;
 
 private:
-    cmp_ipp_handler* savedHandler_ = nullptr;
-    int32_t baselineBlocks_ = 0;
+    cmp_ipp_handler* m_savedHandler = nullptr;
+    int32_t m_baselineBlocks = 0;
 };
 
 #endif

@@ -16,7 +16,7 @@ using HttpdE2E = HttpdServer;
 
 TEST_F(HttpdE2E, GetAnswersWithThePrinterPage) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(c.connected());
     ASSERT_TRUE(c.sendRequest(getRequest()));
     const Reply r = c.readReply();
@@ -30,7 +30,7 @@ TEST_F(HttpdE2E, GetAnswersWithThePrinterPage) {
 
 TEST_F(HttpdE2E, GetJobsInOneBlockPlusEndBlock) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 4711)));
     expectIppReply(c.readReply(), 4711);
     EXPECT_EQ(handler.prepared.load(), 1);
@@ -43,7 +43,7 @@ TEST_F(HttpdE2E, GetJobsInOneBlockPlusEndBlock) {
 TEST_F(HttpdE2E, PrintJobWithHundredFullBlocks) {
     handler.expectBlockSize = AHTTPD_SPOOL_SIZE;
     start();
-    Client c(path_);
+    Client c(m_path);
     const Bytes ipp = ippRequest(kPrintJob, 99);
     const int blocks = 100;
     // Raw: the request alone in the first block, then full blocks.
@@ -65,7 +65,7 @@ TEST_F(HttpdE2E, PrintJobWithHundredFullBlocks) {
 TEST_F(HttpdE2E, OversizedBlockIsASocketFailureAndCloses) {
     start();
     TraceCapture trace(0);
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(40000))));
     const int32_t tooLong = 40000;
     ASSERT_TRUE(c.rawBytes(&tooLong, sizeof tooLong));
@@ -81,7 +81,7 @@ TEST_F(HttpdE2E, OversizedBlockIsASocketFailureAndCloses) {
 TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
     handler.refuseFromCall = 2;
     start();
-    Client c(path_);
+    Client c(m_path);
     // Raw: one block a call, so that the refusal falls between blocks.
     ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(0))));
     ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 5)));
@@ -125,7 +125,7 @@ TEST_F(HttpdE2E, RefusalsCarryTheirCodeAndClose) {
         SCOPED_TRACE(k.what);
         k.setUp();
         const int prepared = handler.prepared.load();
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(k.ipp ? sendIpp(c, ippRequest(kGetJobs, 2), k.block.connection) : c.sendRequest(k.block));
         const Reply r = c.readReply();
         ASSERT_TRUE(r.ok);
@@ -145,7 +145,7 @@ TEST_F(HttpdE2E, ReplyCodeAndHeadersFromTheHandlerKeepTheConnection) {
     handler.setHeaderToken = CMP_IPP_IF_HDR_WWW_AUTHENTICATE;
     handler.setHeaderText = "Basic realm=\"printer\"";
     start();
-    Client c(path_);
+    Client c(m_path);
     const Bytes ipp = ippRequest(kGetJobs, 3);
     relay_request block = postRequest(static_cast<int32_t>(ipp.size()), 0);
     block.headers = {{CMP_IPP_IF_HDR_HOST, "localhost"}, {CMP_IPP_IF_HDR_AUTHORIZATION, "Basic dXNlcjpwYXNz"}};
@@ -173,7 +173,7 @@ TEST_F(HttpdE2E, SilentClientGetsTimeoutRecordAndIsClosed) {
     AHTTPD_setReceiveTimeout(1);
     start();
     TraceCapture trace(0);
-    Client c(path_);
+    Client c(m_path);
     const auto t0 = Clock::now();
     const Reply r = c.rawReply(5000);
     ASSERT_TRUE(r.ok);
@@ -195,7 +195,7 @@ TEST(HttpdDefaults, ReceiveTimeoutAndKeepAliveAsDeployed) {
 // Mode 2 waits for the next request, modes other than 1, 2 and 4 read it at once.
 TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 21), AHTTPD_CONN_KEEP_ALIVE));
     expectIppReply(c.readReply(), 21);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -215,7 +215,7 @@ TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
 TEST_F(HttpdE2E, ModeTwoWithoutFurtherRequestEndsAfterTheKeepAliveWait) {
     AHTTPD_setKeepAlivePasses(10);  // about 0.5 s
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_KEEP_ALIVE)));
     ASSERT_TRUE(c.readReply().ok);
     const auto t0 = Clock::now();
@@ -225,7 +225,7 @@ TEST_F(HttpdE2E, ModeTwoWithoutFurtherRequestEndsAfterTheKeepAliveWait) {
 
 TEST_F(HttpdE2E, ModeFourPausesBeforeClosing) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_PAUSE_CLOSE)));
     ASSERT_TRUE(c.readReply().ok);
     const auto t0 = Clock::now();
@@ -245,7 +245,7 @@ TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
     } cases[] = {{{10, 20000, block.size()}, 50},
                  {{100, 200, 300, 400, 500, 600, 700, 800, 900, 1000, 1100, 1200, 1300, 1400}, 60}};
     for (const auto& k : cases) {
-        Client c(path_);
+        Client c(m_path);
         size_t from = 0;
         for (size_t end : k.ends) {
             c.rawBytes(block.data() + from, end - from);
@@ -262,7 +262,7 @@ TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
 TEST_F(HttpdE2E, PeerClosingDuringTheRequestBlockEndsTheTask) {
     start();
     {
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 5000));
         ASSERT_TRUE(settles([] { return getConnectionCount() == 1; }, 2000));
     }
@@ -297,7 +297,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
         const Bytes first = ippRequest(kPrintJob, 31);
         const int aborted = handler.aborted.load(), finished = handler.finished.load();
         const uint64_t bytes = handler.dataBytes.load();
-        Client client(path_);
+        Client client(m_path);
         relay_request r = postRequest(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
         r.chunked = c.chunked;
         ASSERT_TRUE(client.rawBytes(recordBytes(r)));
@@ -338,7 +338,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
 // still delivered whole, and the next length word is read where it belongs.
 TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
     start();
-    Client c(path_);
+    Client c(m_path);
     relay_request r = postRequest(0, AHTTPD_CONN_CLOSE);
     r.chunked = true;
     ASSERT_TRUE(c.rawBytes(recordBytes(r)));
@@ -359,7 +359,7 @@ TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
 
 TEST_F(HttpdE2E, KnownLengthBodyCutShortIsAFailureNotAnEnd) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(100000))));
     ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 33)));
     const int32_t announced = 3000;
@@ -383,7 +383,7 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     handler.holdFinish = true;
     start();
     {
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.sendRequest(getRequest()));
         ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
     }  // closed while the handler still builds the page
@@ -391,7 +391,7 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
     TraceCapture trace(2);
     {
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.sendRequest(getRequest()));
         std::vector<unsigned char> record(AHTTPD_RSP_RECORD_SIZE);
         ASSERT_TRUE(c.readExact(record.data(), record.size(), 5000));
@@ -403,7 +403,7 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     EXPECT_EQ(after.sa_handler, SIG_DFL) << "process-wide signal handling left alone";
     // Still serving, and a large body arrives whole.
     handler.htmlBytes = 300000;
-    Client again(path_);
+    Client again(m_path);
     ASSERT_TRUE(again.sendRequest(getRequest()));
     EXPECT_EQ(again.readReply().body, std::string(300000, 'h'));
 }
@@ -414,11 +414,11 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
     TraceCapture trace(0);
     std::vector<std::unique_ptr<Client>> open;
     for (int i = 0; i < AHTTPD_MAX_CONNECTIONS; ++i) {
-        open.emplace_back(new Client(path_));
+        open.emplace_back(new Client(m_path));
         ASSERT_TRUE(open.back()->connected());
     }
     ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS; }, 5000));
-    Client extra(path_);
+    Client extra(m_path);
     ASSERT_TRUE(extra.connected()) << "accepted by the listener";
     EXPECT_TRUE(extra.closedByPeer(3000)) << "and closed at once";
     EXPECT_TRUE(trace.contains(
@@ -427,7 +427,7 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
 
     open.front()->closeNow();
     ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS - 1; }, 5000));
-    Client next(path_);
+    Client next(m_path);
     ASSERT_TRUE(next.sendRequest(getRequest()));
     EXPECT_EQ(next.readReply().body, HttpTestHandler::kPage);
     open.clear();
@@ -437,7 +437,7 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
 // A stale file at the socket path is replaced; a stop without connections returns
 // promptly and removes the socket; the service starts and serves again.
 TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
-    FILE* f = fopen(path_.c_str(), "w");
+    FILE* f = fopen(m_path.c_str(), "w");
     ASSERT_NE(f, nullptr);
     fclose(f);
     for (int round = 0; round < 3; ++round) {
@@ -446,10 +446,10 @@ TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
         EXPECT_TRUE(settles(
             [&] {
                 struct stat st;
-                return stat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+                return stat(m_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
             },
             5000));
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.sendRequest(getRequest()));
         EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage);
         c.closeNow();
@@ -459,7 +459,7 @@ TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
         EXPECT_LT(msSince(t0), 1000);
         EXPECT_EQ(g_pn_httpd_num_ports.load(), 0);
         EXPECT_EQ(g_pn_httpd_shutdown.load(), 0);
-        EXPECT_FALSE(Client(path_, 200).connected());
+        EXPECT_FALSE(Client(m_path, 200).connected());
     }
 }
 
@@ -482,12 +482,12 @@ TEST_F(HttpdE2E, SocketFileModeIgnoresTheUmask) {
         EXPECT_EQ(pn_httpd_set_socket_group(c.group), 0);
         start();
         struct stat st;
-        ASSERT_TRUE(settles([&] { return stat(path_.c_str(), &st) == 0 && (st.st_mode & 0777) == c.mode; }, 5000))
+        ASSERT_TRUE(settles([&] { return stat(m_path.c_str(), &st) == 0 && (st.st_mode & 0777) == c.mode; }, 5000))
             << std::oct << (st.st_mode & 0777);
         if (c.group >= 0) {
             EXPECT_EQ(st.st_gid, static_cast<gid_t>(c.group));
         }
-        Client client(path_);
+        Client client(m_path);
         ASSERT_TRUE(client.sendRequest(getRequest()));
         EXPECT_EQ(client.readReply().body, HttpTestHandler::kPage);
         client.closeNow();
@@ -499,7 +499,7 @@ TEST_F(HttpdE2E, SocketFileModeIgnoresTheUmask) {
 TEST_F(HttpdE2E, StopCutsShortARequestInProgress) {
     handler.holdFinish = true;
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 77), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
     std::atomic<bool> stopped{false};
@@ -508,7 +508,7 @@ TEST_F(HttpdE2E, StopCutsShortARequestInProgress) {
         stopped = true;
     });
     EXPECT_TRUE(settles([&] { return stopped.load(); }, 5000)) << "the request inside the handler is not waited for";
-    EXPECT_NE(access(path_.c_str(), F_OK), 0) << "the listener has gone";
+    EXPECT_NE(access(m_path.c_str(), F_OK), 0) << "the listener has gone";
     handler.holdFinish = false;
     stopper.join();
     EXPECT_FALSE(c.readReply(2000).ok) << "the connection was shut down before its reply";
@@ -557,9 +557,9 @@ TEST(HttpdFacade, TermWithoutListenerReturnsZeroAndInstanceIsShared) {
 TEST_F(HttpdE2E, InitWithNullPrinterStillStartsTheListener) {
     cmp_ipp_manager::get()->unregisterPrinter(&printer.printer);  // ScopedPrinter restores it
     ASSERT_EQ(cmp_ipp_init_wrap(nullptr, &handler), 0);
-    running_ = true;
-    ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
-    Client c(path_);
+    m_running = true;
+    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 9)));
     const Reply r = c.readReply();
     ASSERT_TRUE(r.ok);

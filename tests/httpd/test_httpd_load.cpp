@@ -16,7 +16,7 @@ TEST_F(HttpdLoad, SixteenClientsOnKeepAliveConnections) {
     const auto t0 = Clock::now();
     for (int t = 0; t < clients; ++t) {
         threads.emplace_back([&, t] {
-            Client c(path_);
+            Client c(m_path);
             if (!c.connected()) {
                 bad += perClient;
                 return;

@@ -92,7 +92,7 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
         const int abortedBefore = handler.aborted.load();
         const int finishedBefore = handler.finished.load();
         start();
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.connected());
         k.bringUp(c);
         ASSERT_TRUE(settles(k.ready, 5000));
@@ -114,28 +114,28 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
 // the test, when the call left.
 class BlockingHandler : public HttpTestHandler {
 public:
-    explicit BlockingHandler(std::atomic<int>& clock) : clock_(clock) {}
+    explicit BlockingHandler(std::atomic<int>& clock) : m_clock(clock) {}
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         entered = true;
         while (!release.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         HttpTestHandler::processRequest(ctx, printer);
-        left = ++clock_;
+        left = ++m_clock;
     }
     std::atomic<bool> entered{false};
     std::atomic<bool> release{false};
     std::atomic<int> left{0};
 
 private:
-    std::atomic<int>& clock_;
+    std::atomic<int>& m_clock;
 };
 
 TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsForIt) {
     std::atomic<int> clock{0};
     BlockingHandler* busy = new BlockingHandler(clock);
     ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, busy), 0);
-    running_ = true;
-    ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
-    Client c(path_);
+    m_running = true;
+    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kPrintJob, 41), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return busy->entered.load(); }, 5000));
 
@@ -177,17 +177,17 @@ TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
     for (int round = 0; round < 20; ++round) {
         SCOPED_TRACE(round);
         ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
-        running_ = true;
+        m_running = true;
         if (round % 2 == 0) {
             // Half the rounds stop before the listener has even bound its socket.
-            ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
+            ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
         }
         EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
-        running_ = false;
+        m_running = false;
     }
     start();
     for (int i = 0; i < 5; ++i) {
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.sendRequest(getRequest()));
         EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
     }
