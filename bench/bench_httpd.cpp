@@ -36,20 +36,20 @@ public:
 
 void BM_GetPrinterAttributesOverSocket(benchmark::State& state) {
     // The front end's own relay connection, as cmp-ipp-frontend uses it.
-    cmp_ipp_fe::relay_connection relay(10000, nullptr, 5000);
-    if (relay.connectTo(g_path) != cmp_ipp_fe::relay_connection::outcome::ok) {
+    cmp_ipp_fe::RelayConnection relay(10000, nullptr, 5000);
+    if (relay.connectTo(g_path) != cmp_ipp_fe::RelayConnection::Outcome::Ok) {
         state.SkipWithError("no connection to the server");
         return;
     }
     Ipp m;
     m.header(1, 1, 0x000B, static_cast<uint32_t>(1000 + state.thread_index())).opGroup().tag(3);
-    cmp_ipp_fe::relay_request request;
+    cmp_ipp_fe::RelayRequest request;
     request.method = AHTTPD_METHOD_POST;
     request.connection = AHTTPD_CONN_KEEP_ALIVE;
     request.contentLength = static_cast<int32_t>(m.b.size());
     // Record, one body block with its length word, the end block.
     const size_t requestBytes = AHTTPD_REQ_BLOCK_SIZE + 4 + m.b.size() + 4;
-    cmp_ipp_fe::relay_reply reply;
+    cmp_ipp_fe::RelayReply reply;
     std::vector<double> latencies;
     latencies.reserve(100000);
     int64_t bytes = 0;

@@ -58,18 +58,18 @@ inline int scaled(int n) {
     return v < 1 ? 1 : v;
 }
 
-using cmp_ipp_fe::relay_header;
-using cmp_ipp_fe::relay_request;
+using cmp_ipp_fe::RelayHeader;
+using cmp_ipp_fe::RelayRequest;
 
 // Request records as the front end fills them.
-inline relay_request getRequest(int32_t mode = AHTTPD_CONN_CLOSE) {
-    relay_request r;
+inline RelayRequest getRequest(int32_t mode = AHTTPD_CONN_CLOSE) {
+    RelayRequest r;
     r.method = AHTTPD_METHOD_GET;
     r.connection = mode;
     return r;
 }
-inline relay_request postRequest(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
-    relay_request r;
+inline RelayRequest postRequest(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
+    RelayRequest r;
     r.method = AHTTPD_METHOD_POST;
     r.connection = mode;
     r.contentLength = contentLength;
@@ -77,7 +77,7 @@ inline relay_request postRequest(int32_t contentLength, int32_t mode = AHTTPD_CO
 }
 
 // The record's bytes, for a test that sends them in pieces or cut short.
-inline Bytes recordBytes(const relay_request& r) {
+inline Bytes recordBytes(const RelayRequest& r) {
     Bytes record(AHTTPD_REQ_BLOCK_SIZE);
     cmp_ipp_fe::encodeRequestRecord(r, record.data());
     return record;
@@ -88,7 +88,7 @@ struct Reply {
     int32_t status = 0;
     int32_t connection = 0;
     int32_t contentLength = 0;
-    std::vector<relay_header> headers;
+    std::vector<RelayHeader> headers;
     std::string body;
 };
 
@@ -107,12 +107,12 @@ public:
     int fd() const { return m_relay.fd(); }
     void closeNow() { m_relay.close(); }
 
-    bool sendRequest(const relay_request& r) { return m_relay.sendRequest(r); }
+    bool sendRequest(const RelayRequest& r) { return m_relay.sendRequest(r); }
     bool sendBody(const Bytes& b) { return m_relay.addBody(b.data(), b.size()); }
     bool endBody() { return m_relay.endBody(); }
     Reply readReply(int timeoutMs = 10000) {
         Reply r;
-        cmp_ipp_fe::relay_reply in;
+        cmp_ipp_fe::RelayReply in;
         if (!m_relay.readReply(in, timeoutMs)) return r;
         r.ok = true;
         r.status = in.status;
@@ -169,7 +169,7 @@ public:
         Reply r;
         Bytes record(AHTTPD_RSP_RECORD_SIZE);
         if (!readExact(record.data(), record.size(), timeoutMs)) return r;
-        cmp_ipp_fe::relay_reply in;
+        cmp_ipp_fe::RelayReply in;
         cmp_ipp_fe::decodeReplyRecord(record.data(), in);
         r.status = in.status;
         r.connection = in.connection;
@@ -197,7 +197,7 @@ public:
     }
 
 private:
-    cmp_ipp_fe::relay_connection m_relay;
+    cmp_ipp_fe::RelayConnection m_relay;
 };
 
 // A handler whose answers the tests configure. Called concurrently by connection tasks.

@@ -105,13 +105,13 @@ TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
 // Refusals that end the connection after a record with the code (and its text, if any).
 TEST_F(HttpdE2E, RefusalsCarryTheirCodeAndClose) {
     start();
-    relay_request unsupported = getRequest();
+    RelayRequest unsupported = getRequest();
     unsupported.method = 1;
     const struct {
         const char* what;
         std::function<void()> setUp;
         bool ipp;  // an IPP POST in the block's mode, or the block alone
-        relay_request block;
+        RelayRequest block;
         int32_t status;
         std::string body;
     } cases[] = {
@@ -147,7 +147,7 @@ TEST_F(HttpdE2E, ReplyCodeAndHeadersFromTheHandlerKeepTheConnection) {
     start();
     Client c(m_path);
     const Bytes ipp = ippRequest(kGetJobs, 3);
-    relay_request block = postRequest(static_cast<int32_t>(ipp.size()), 0);
+    RelayRequest block = postRequest(static_cast<int32_t>(ipp.size()), 0);
     block.headers = {{CMP_IPP_IF_HDR_HOST, "localhost"}, {CMP_IPP_IF_HDR_AUTHORIZATION, "Basic dXNlcjpwYXNz"}};
     ASSERT_TRUE(c.sendRequest(block) && c.sendBody(ipp) && c.endBody());
     Reply r = c.readReply();
@@ -298,7 +298,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
         const int aborted = handler.aborted.load(), finished = handler.finished.load();
         const uint64_t bytes = handler.dataBytes.load();
         Client client(m_path);
-        relay_request r = postRequest(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
+        RelayRequest r = postRequest(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
         r.chunked = c.chunked;
         ASSERT_TRUE(client.rawBytes(recordBytes(r)));
         ASSERT_TRUE(client.rawBlock(first));
@@ -339,7 +339,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
 TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
     start();
     Client c(m_path);
-    relay_request r = postRequest(0, AHTTPD_CONN_CLOSE);
+    RelayRequest r = postRequest(0, AHTTPD_CONN_CLOSE);
     r.chunked = true;
     ASSERT_TRUE(c.rawBytes(recordBytes(r)));
     ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 32)));

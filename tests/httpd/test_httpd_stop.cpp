@@ -44,7 +44,7 @@ protected:
 void stalledUpload(Client& c, bool chunked) {
     const Bytes ipp = ippRequest(kPrintJob, 31);
     const Bytes doc(1000, 0x5a);
-    relay_request block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
+    RelayRequest block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
     block.chunked = chunked;
     ASSERT_TRUE(c.rawBytes(recordBytes(block)));
     ASSERT_TRUE(c.rawBlock(ipp));

@@ -751,7 +751,7 @@ TEST(HttpReceive, RequestBlockCutShortReadsAsAFreshBlockBeyondWhatArrived) {
     Pair p;
     unsigned char* block = reinterpret_cast<unsigned char*>(p.req.get());
     std::memset(block, 0xAB, AHTTPD_REQ_BLOCK_SIZE);
-    relay_request r = getRequest(AHTTPD_CONN_KEEP_ALIVE);
+    RelayRequest r = getRequest(AHTTPD_CONN_KEEP_ALIVE);
     r.headers = {{3, "localhost"}};
     const Bytes whole = recordBytes(r);
     ASSERT_TRUE(p.peerSendAll(whole.data(), whole.size()));
