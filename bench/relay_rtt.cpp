@@ -33,9 +33,9 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using cmp_ipp_fe::relay_connection;
-using cmp_ipp_fe::relay_reply;
-using cmp_ipp_fe::relay_request;
+using cmp_ipp_fe::RelayConnection;
+using cmp_ipp_fe::RelayReply;
+using cmp_ipp_fe::RelayRequest;
 
 const int kTimeoutMs = 10000;
 
@@ -83,8 +83,8 @@ std::vector<unsigned char> gpaAll() {
 }
 
 // What the front end sends for a keep-alive POST from a local client.
-relay_request postRecord(size_t bodyLength) {
-    relay_request r;
+RelayRequest postRecord(size_t bodyLength) {
+    RelayRequest r;
     r.method = 2;
     r.connection = 2;
     r.keepAliveLevel = 1;
@@ -106,11 +106,11 @@ struct Result {
 
 // Round trips on one connection until the time is up; false on any failure.
 bool roundTrips(const std::string& path, double seconds, bool checkIpp, long pid, Result* out, std::string* why) {
-    relay_connection c(kTimeoutMs, nullptr);
-    if (c.connectTo(path) != relay_connection::outcome::ok) return *why = "cannot connect to " + path, false;
+    RelayConnection c(kTimeoutMs, nullptr);
+    if (c.connectTo(path) != RelayConnection::Outcome::Ok) return *why = "cannot connect to " + path, false;
     std::vector<unsigned char> body = gpaAll();
-    const relay_request rec = postRecord(body.size());
-    relay_reply reply;
+    const RelayRequest rec = postRecord(body.size());
+    RelayReply reply;
     uint32_t id = 1;
     auto once = [&]() -> bool {
         body[4] = static_cast<unsigned char>(id >> 24);

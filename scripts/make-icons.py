@@ -103,15 +103,15 @@ namespace {{
 
 {small}
 {large}
-const icon_file kIcons[] = {{
+const IconFile kIcons[] = {{
     {{"/icon-sm.png", kIconSmall, sizeof kIconSmall, 48}},
     {{"/icon.png", kIconLarge, sizeof kIconLarge, 128}},
 }};
 
 }}  // namespace
 
-const icon_file* iconFor(const char* path) {{
-    for (const icon_file& icon : kIcons)
+const IconFile* iconFor(const char* path) {{
+    for (const IconFile& icon : kIcons)
         if (std::strcmp(path, icon.path) == 0) return &icon;
     return nullptr;
 }}

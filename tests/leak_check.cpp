@@ -11,19 +11,19 @@
 namespace {
 
 class BlockLeakCheck : public ::testing::EmptyTestEventListener {
-    void OnTestStart(const ::testing::TestInfo&) override { before_ = emwOSWTestOutstandingBlocks(); }
+    void OnTestStart(const ::testing::TestInfo&) override { m_before = emwOSWTestOutstandingBlocks(); }
 
     void OnTestEnd(const ::testing::TestInfo&) override {
         int32_t now = emwOSWTestOutstandingBlocks();
-        for (int i = 0; i < 400 && now > before_; ++i) {
+        for (int i = 0; i < 400 && now > m_before; ++i) {
             const struct timespec pause = {0, 5 * 1000 * 1000};
             nanosleep(&pause, nullptr);
             now = emwOSWTestOutstandingBlocks();
         }
-        EXPECT_LE(now, before_) << "library blocks left allocated by this test: " << now - before_;
+        EXPECT_LE(now, m_before) << "library blocks left allocated by this test: " << now - m_before;
     }
 
-    int32_t before_ = 0;
+    int32_t m_before = 0;
 };
 
 const bool registered = [] {

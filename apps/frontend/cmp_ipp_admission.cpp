@@ -41,19 +41,19 @@ std::string addressText(const struct sockaddr* sa, socklen_t length) {
 
 }  // namespace
 
-// ---- admission_table ---------------------------------------------------------------
+// ---- AdmissionTable ---------------------------------------------------------------
 
-admission_table::entry* admission_table::find(uint64_t id) {
-    for (entry& e : entries_)
+AdmissionTable::Entry* AdmissionTable::find(uint64_t id) {
+    for (Entry& e : m_entries)
         if (e.id == id) return &e;
     return nullptr;
 }
 
-admission_table::entry* admission_table::longestWaiting(const std::string* address, int64_t now,
-                                                        const spare_fn& spare) {
-    entry* best = nullptr;
-    for (entry& e : entries_) {
-        if (!e.counted || e.waitingSince < 0 || now - e.waitingSince < limits_.crowdedGraceMs) continue;
+AdmissionTable::Entry* AdmissionTable::longestWaiting(const std::string* address, int64_t now,
+                                                        const SpareFn& spare) {
+    Entry* best = nullptr;
+    for (Entry& e : m_entries) {
+        if (!e.counted || e.waitingSince < 0 || now - e.waitingSince < m_limits.crowdedGraceMs) continue;
         if (address != nullptr && e.address != *address) continue;
         if (best != nullptr && e.waitingSince >= best->waitingSince) continue;
         if (spare && spare(e.id)) continue;
@@ -62,14 +62,14 @@ admission_table::entry* admission_table::longestWaiting(const std::string* addre
     return best;
 }
 
-uint64_t admission_table::admit(const std::string& address, int64_t now, uint64_t* evicted, const spare_fn& spare) {
+uint64_t AdmissionTable::admit(const std::string& address, int64_t now, uint64_t* evicted, const SpareFn& spare) {
     *evicted = 0;
-    entry* victim = nullptr;
-    if (limits_.perAddressLimit != 0 && countedFrom(address) >= limits_.perAddressLimit) {
+    Entry* victim = nullptr;
+    if (m_limits.perAddressLimit != 0 && countedFrom(address) >= m_limits.perAddressLimit) {
         // Over its share: only one of the client's own connections can give way.
         victim = longestWaiting(&address, now, spare);
         if (victim == nullptr) return 0;
-    } else if (counted() >= limits_.connectionLimit) {
+    } else if (counted() >= m_limits.connectionLimit) {
         victim = longestWaiting(nullptr, now, spare);
         if (victim == nullptr) return 0;
     }
@@ -77,27 +77,27 @@ uint64_t admission_table::admit(const std::string& address, int64_t now, uint64_
         victim->counted = false;
         *evicted = victim->id;
     }
-    entries_.push_back(entry{nextId_++, address, now, true});
-    return entries_.back().id;
+    m_entries.push_back(Entry{m_nextId++, address, now, true});
+    return m_entries.back().id;
 }
 
-void admission_table::remove(uint64_t id) {
-    entries_.erase(std::remove_if(entries_.begin(), entries_.end(), [id](const entry& e) { return e.id == id; }),
-                   entries_.end());
+void AdmissionTable::remove(uint64_t id) {
+    m_entries.erase(std::remove_if(m_entries.begin(), m_entries.end(), [id](const Entry& e) { return e.id == id; }),
+                   m_entries.end());
 }
 
-void admission_table::headersComplete(uint64_t id) {
-    if (entry* e = find(id)) e->waitingSince = -1;
+void AdmissionTable::headersComplete(uint64_t id) {
+    if (Entry* e = find(id)) e->waitingSince = -1;
 }
 
-void admission_table::waitForRequest(uint64_t id, int64_t now) {
-    if (entry* e = find(id)) e->waitingSince = now;
+void AdmissionTable::waitForRequest(uint64_t id, int64_t now) {
+    if (Entry* e = find(id)) e->waitingSince = now;
 }
 
-std::vector<uint64_t> admission_table::expire(int64_t now) {
+std::vector<uint64_t> AdmissionTable::expire(int64_t now) {
     std::vector<uint64_t> out;
-    for (entry& e : entries_) {
-        if (e.counted && e.waitingSince >= 0 && now - e.waitingSince >= limits_.headerTimeoutMs) {
+    for (Entry& e : m_entries) {
+        if (e.counted && e.waitingSince >= 0 && now - e.waitingSince >= m_limits.headerTimeoutMs) {
             e.counted = false;
             out.push_back(e.id);
         }
@@ -105,46 +105,46 @@ std::vector<uint64_t> admission_table::expire(int64_t now) {
     return out;
 }
 
-std::vector<uint64_t> admission_table::countedIds() const {
+std::vector<uint64_t> AdmissionTable::countedIds() const {
     std::vector<uint64_t> out;
-    for (const entry& e : entries_)
+    for (const Entry& e : m_entries)
         if (e.counted) out.push_back(e.id);
     return out;
 }
 
-void admission_table::discount(uint64_t id) {
-    if (entry* e = find(id)) e->counted = false;
+void AdmissionTable::discount(uint64_t id) {
+    if (Entry* e = find(id)) e->counted = false;
 }
 
-int64_t admission_table::nextDeadline() const {
+int64_t AdmissionTable::nextDeadline() const {
     int64_t next = INT64_MAX;
-    for (const entry& e : entries_)
-        if (e.counted && e.waitingSince >= 0) next = std::min(next, e.waitingSince + limits_.headerTimeoutMs);
+    for (const Entry& e : m_entries)
+        if (e.counted && e.waitingSince >= 0) next = std::min(next, e.waitingSince + m_limits.headerTimeoutMs);
     return next;
 }
 
-size_t admission_table::counted() const {
-    return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(), [](const entry& e) { return e.counted; }));
+size_t AdmissionTable::counted() const {
+    return static_cast<size_t>(std::count_if(m_entries.begin(), m_entries.end(), [](const Entry& e) { return e.counted; }));
 }
 
-size_t admission_table::countedFrom(const std::string& address) const {
-    return static_cast<size_t>(std::count_if(entries_.begin(), entries_.end(), [&address](const entry& e) {
+size_t AdmissionTable::countedFrom(const std::string& address) const {
+    return static_cast<size_t>(std::count_if(m_entries.begin(), m_entries.end(), [&address](const Entry& e) {
         return e.counted && e.address == address;
     }));
 }
 
-// ---- connection_gate -----------------------------------------------------------------
+// ---- ConnectionGate -----------------------------------------------------------------
 
-connection_gate::connection_gate(const admission_limits& limits, unsigned retryAfterSeconds)
-    : limits_(limits), retryAfterSeconds_(retryAfterSeconds), table_(limits) {}
+ConnectionGate::ConnectionGate(const AdmissionLimits& limits, unsigned retryAfterSeconds)
+    : m_limits(limits), m_retryAfterSeconds(retryAfterSeconds), m_table(limits) {}
 
-connection_gate::~connection_gate() {
+ConnectionGate::~ConnectionGate() {
     stopAccepting();
     release();
 }
 
-bool connection_gate::open(const std::string& address, uint16_t port, std::string* error) {
-    if (listenFd_ >= 0) return true;
+bool ConnectionGate::open(const std::string& address, uint16_t port, std::string* error) {
+    if (m_listenFd >= 0) return true;
     struct sockaddr_storage addr;
     std::memset(&addr, 0, sizeof addr);
     socklen_t length = 0;
@@ -179,150 +179,150 @@ bool connection_gate::open(const std::string& address, uint16_t port, std::strin
     struct sockaddr_storage bound;
     socklen_t boundLength = sizeof bound;
     if (getsockname(fd, reinterpret_cast<struct sockaddr*>(&bound), &boundLength) == 0) {
-        port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<struct sockaddr_in6*>(&bound)->sin6_port
+        m_port = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<struct sockaddr_in6*>(&bound)->sin6_port
                                                   : reinterpret_cast<struct sockaddr_in*>(&bound)->sin_port);
     }
-    listenFd_ = fd;
+    m_listenFd = fd;
     return true;
 }
 
-bool connection_gate::start(hand_over handOver, std::string* error) {
+bool ConnectionGate::start(HandOver handOver, std::string* error) {
     return start(std::move(handOver), nullptr, error);
 }
 
-bool connection_gate::start(hand_over plain, hand_over tls, std::string* error) {
-    if (listenFd_ < 0) {
+bool ConnectionGate::start(HandOver plain, HandOver tls, std::string* error) {
+    if (m_listenFd < 0) {
         if (error != nullptr) *error = "not bound";
         return false;
     }
-    if (thread_.joinable()) return true;
+    if (m_thread.joinable()) return true;
     if (!plain && !tls) {
         if (error != nullptr) *error = "nowhere to hand connections over";
         return false;
     }
-    if (pipe2(wake_, O_CLOEXEC | O_NONBLOCK) != 0) {
+    if (pipe2(m_wake, O_CLOEXEC | O_NONBLOCK) != 0) {
         if (error != nullptr) *error = std::string("cannot create a pipe: ") + strerror(errno);
         return false;
     }
-    if (listen(listenFd_, kBacklog) != 0) {
+    if (listen(m_listenFd, kBacklog) != 0) {
         if (error != nullptr) *error = std::string("cannot listen: ") + strerror(errno);
-        ::close(wake_[0]);
-        ::close(wake_[1]);
-        wake_[0] = wake_[1] = -1;
+        ::close(m_wake[0]);
+        ::close(m_wake[1]);
+        m_wake[0] = m_wake[1] = -1;
         return false;
     }
-    sniff_ = static_cast<bool>(tls);
-    handOver_ = std::move(plain);
-    tlsHandOver_ = std::move(tls);
-    stopping_ = false;
-    thread_ = std::thread([this] { run(); });
+    m_sniff = static_cast<bool>(tls);
+    m_handOver = std::move(plain);
+    m_tlsHandOver = std::move(tls);
+    m_stopping = false;
+    m_thread = std::thread([this] { run(); });
     return true;
 }
 
-void connection_gate::stopAccepting() {
-    if (thread_.joinable()) {
-        stopping_ = true;
+void ConnectionGate::stopAccepting() {
+    if (m_thread.joinable()) {
+        m_stopping = true;
         const char byte = 1;
-        (void)!write(wake_[1], &byte, 1);
-        thread_.join();
+        (void)!write(m_wake[1], &byte, 1);
+        m_thread.join();
     }
-    for (const lingering& l : lingering_) ::close(l.fd);
-    lingering_.clear();
-    for (const undecided& u : undecided_) dropAdmitted(u.fd, u.id);
-    undecided_.clear();
-    for (int& fd : wake_) {
+    for (const Lingering& l : m_lingering) ::close(l.fd);
+    m_lingering.clear();
+    for (const Undecided& u : m_undecided) dropAdmitted(u.fd, u.id);
+    m_undecided.clear();
+    for (int& fd : m_wake) {
         if (fd >= 0) ::close(fd);
         fd = -1;
     }
-    if (listenFd_ >= 0) ::close(listenFd_);
-    listenFd_ = -1;
-    port_ = 0;
+    if (m_listenFd >= 0) ::close(m_listenFd);
+    m_listenFd = -1;
+    m_port = 0;
 }
 
-void connection_gate::release() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& w : watch_) ::close(w.second.fd);
-    watch_.clear();
-    pending_.clear();
-    table_ = admission_table(limits_);
+void ConnectionGate::release() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (const auto& w : m_watch) ::close(w.second.fd);
+    m_watch.clear();
+    m_pending.clear();
+    m_table = AdmissionTable(m_limits);
 }
 
-uint64_t connection_gate::attach(int fd) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = pending_.find(fd);
-    if (it == pending_.end()) return 0;
+uint64_t ConnectionGate::attach(int fd) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_pending.find(fd);
+    if (it == m_pending.end()) return 0;
     const uint64_t id = it->second;
-    pending_.erase(it);
-    auto w = watch_.find(id);
-    if (w != watch_.end()) w->second.attached = true;
+    m_pending.erase(it);
+    auto w = m_watch.find(id);
+    if (w != m_watch.end()) w->second.attached = true;
     return id;
 }
 
-void connection_gate::headersComplete(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    table_.headersComplete(id);
+void ConnectionGate::headersComplete(uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_table.headersComplete(id);
 }
 
-void connection_gate::requestDone(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    table_.waitForRequest(id, nowMs());
+void ConnectionGate::requestDone(uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_table.waitForRequest(id, nowMs());
 }
 
-void connection_gate::closed(uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    table_.remove(id);
-    auto w = watch_.find(id);
-    if (w != watch_.end()) {
+void ConnectionGate::closed(uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_table.remove(id);
+    auto w = m_watch.find(id);
+    if (w != m_watch.end()) {
         ::close(w->second.fd);
-        watch_.erase(w);
+        m_watch.erase(w);
     }
 }
 
-void connection_gate::cutLocked(uint64_t id) {
-    auto w = watch_.find(id);
-    if (w != watch_.end()) (void)shutdown(w->second.fd, SHUT_RDWR);
+void ConnectionGate::cutLocked(uint64_t id) {
+    auto w = m_watch.find(id);
+    if (w != m_watch.end()) (void)shutdown(w->second.fd, SHUT_RDWR);
 }
 
-void connection_gate::refuse(int fd, int64_t now) {
+void ConnectionGate::refuse(int fd, int64_t now) {
     static const char kText[] = "Too many connections; try again later.\n";
     char head[256];
     const int n = snprintf(head, sizeof head,
                            "HTTP/1.1 503 Service Unavailable\r\nContent-Type: text/plain\r\nContent-Length: %zu\r\n"
                            "Retry-After: %u\r\nConnection: close\r\n\r\n%s",
-                           sizeof kText - 1, retryAfterSeconds_, kText);
+                           sizeof kText - 1, m_retryAfterSeconds, kText);
     answerAndLinger(fd, head, static_cast<size_t>(n), now);
 }
 
-void connection_gate::answerAndLinger(int fd, const char* answer, size_t length, int64_t now) {
+void ConnectionGate::answerAndLinger(int fd, const char* answer, size_t length, int64_t now) {
     // A fresh socket has an empty send buffer: the whole answer fits at once.
     (void)send(fd, answer, length, MSG_NOSIGNAL | MSG_DONTWAIT);
     (void)shutdown(fd, SHUT_WR);
     // Closing with the client's request unread would reset the connection and
     // could destroy the answer before the client reads it: read and drop what
     // comes until the client closes, for a short while.
-    if (lingering_.size() >= kMaxLingering) {
-        ::close(lingering_.front().fd);
-        lingering_.erase(lingering_.begin());
+    if (m_lingering.size() >= kMaxLingering) {
+        ::close(m_lingering.front().fd);
+        m_lingering.erase(m_lingering.begin());
     }
-    lingering_.push_back(lingering{fd, now + kLingerMs});
+    m_lingering.push_back(Lingering{fd, now + kLingerMs});
 }
 
-uint64_t connection_gate::admitLocked(const std::string& address, int64_t now) {
+uint64_t ConnectionGate::admitLocked(const std::string& address, int64_t now) {
     // Bytes waiting unread: the client has sent (maybe its whole request) and
     // the HTTP server has not come round to it yet.
-    const admission_table::spare_fn unread = [this](uint64_t id) {
-        auto it = watch_.find(id);
+    const AdmissionTable::SpareFn unread = [this](uint64_t id) {
+        auto it = m_watch.find(id);
         int waiting = 0;
-        return it != watch_.end() && ioctl(it->second.fd, FIONREAD, &waiting) == 0 && waiting > 0;
+        return it != m_watch.end() && ioctl(it->second.fd, FIONREAD, &waiting) == 0 && waiting > 0;
     };
     uint64_t evicted = 0;
-    uint64_t id = table_.admit(address, now, &evicted, unread);
+    uint64_t id = m_table.admit(address, now, &evicted, unread);
     if (id == 0) {
-        std::vector<uint64_t> ids = table_.countedIds();
+        std::vector<uint64_t> ids = m_table.countedIds();
         std::vector<struct pollfd> fds;
         for (uint64_t w : ids) {
-            auto it = watch_.find(w);
-            fds.push_back({it != watch_.end() ? it->second.fd : -1, POLLRDHUP, 0});
+            auto it = m_watch.find(w);
+            fds.push_back({it != m_watch.end() ? it->second.fd : -1, POLLRDHUP, 0});
         }
         bool gone = false;
         if (!fds.empty() && poll(fds.data(), fds.size(), 0) > 0) {
@@ -337,22 +337,22 @@ uint64_t connection_gate::admitLocked(const std::string& address, int64_t now) {
                 if ((fds[i].revents & (POLLHUP | POLLERR)) == 0 && ioctl(fds[i].fd, FIONREAD, &unread) == 0 &&
                     unread > 0)
                     continue;
-                table_.discount(ids[i]);
+                m_table.discount(ids[i]);
                 cutLocked(ids[i]);
                 gone = true;
             }
         }
-        if (gone) id = table_.admit(address, now, &evicted, unread);
+        if (gone) id = m_table.admit(address, now, &evicted, unread);
     }
     if (evicted != 0) cutLocked(evicted);
     return id;
 }
 
-void connection_gate::acceptAll(int64_t now) {
+void ConnectionGate::acceptAll(int64_t now) {
     for (int round = 0; round < kBacklog; ++round) {
         struct sockaddr_storage peer;
         socklen_t length = sizeof peer;
-        const int fd = accept4(listenFd_, reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC);
+        const int fd = accept4(m_listenFd, reinterpret_cast<struct sockaddr*>(&peer), &length, SOCK_CLOEXEC);
         if (fd < 0) {
             // Out of descriptors or memory: the pending connection stays, and
             // polling again at once would only spin.
@@ -362,13 +362,13 @@ void connection_gate::acceptAll(int64_t now) {
         const std::string address = addressText(reinterpret_cast<struct sockaddr*>(&peer), length);
         uint64_t id = 0;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
+            std::lock_guard<std::mutex> lock(m_mutex);
             const int watch = dup(fd);
             if (watch >= 0) id = admitLocked(address, now);
             if (id != 0) {
                 (void)fcntl(watch, F_SETFD, FD_CLOEXEC);
-                watch_[id] = watched{watch, false};
-                pending_[fd] = id;
+                m_watch[id] = Watched{watch, false};
+                m_pending[fd] = id;
             } else if (watch >= 0) {
                 ::close(watch);
             }
@@ -377,50 +377,50 @@ void connection_gate::acceptAll(int64_t now) {
             refuse(fd, now);
             continue;
         }
-        if (sniff_) {
+        if (m_sniff) {
             // Counted from now on, so it is under the header deadline while the
             // client has yet to say which protocol it speaks.
-            undecided u;
+            Undecided u;
             u.fd = fd;
             u.id = id;
             std::memcpy(&u.peer, &peer, sizeof peer);
             u.length = length;
-            undecided_.push_back(u);
+            m_undecided.push_back(u);
             continue;
         }
         handOverAdmitted(fd, id, reinterpret_cast<struct sockaddr*>(&peer), length, false);
     }
 }
 
-void connection_gate::handOverAdmitted(int fd, uint64_t id, const struct sockaddr* peer, socklen_t length, bool tls) {
-    const hand_over& to = tls ? tlsHandOver_ : handOver_;
+void ConnectionGate::handOverAdmitted(int fd, uint64_t id, const struct sockaddr* peer, socklen_t length, bool tls) {
+    const HandOver& to = tls ? m_tlsHandOver : m_handOver;
     if (to(fd, peer, length)) return;
     // The socket is closed already; forget it unless the server reported it.
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto w = watch_.find(id);
-    if (w != watch_.end() && !w->second.attached) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto w = m_watch.find(id);
+    if (w != m_watch.end() && !w->second.attached) {
         ::close(w->second.fd);
-        watch_.erase(w);
-        table_.remove(id);
+        m_watch.erase(w);
+        m_table.remove(id);
     }
-    auto p = pending_.find(fd);
-    if (p != pending_.end() && p->second == id) pending_.erase(p);
+    auto p = m_pending.find(fd);
+    if (p != m_pending.end() && p->second == id) m_pending.erase(p);
 }
 
-void connection_gate::dropAdmitted(int fd, uint64_t id) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto w = watch_.find(id);
-    if (w != watch_.end()) {
+void ConnectionGate::dropAdmitted(int fd, uint64_t id) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto w = m_watch.find(id);
+    if (w != m_watch.end()) {
         ::close(w->second.fd);
-        watch_.erase(w);
+        m_watch.erase(w);
     }
-    table_.remove(id);
-    auto p = pending_.find(fd);
-    if (p != pending_.end() && p->second == id) pending_.erase(p);
+    m_table.remove(id);
+    auto p = m_pending.find(fd);
+    if (p != m_pending.end() && p->second == id) m_pending.erase(p);
     ::close(fd);
 }
 
-void connection_gate::serviceUndecided(const std::vector<struct pollfd>& polled, size_t first, int64_t now) {
+void ConnectionGate::serviceUndecided(const std::vector<struct pollfd>& polled, size_t first, int64_t now) {
     static const char kText[] = "This printer takes HTTPS (ipps://) only; plain HTTP is off.\n";
     char answer[256];
     const int answerLength =
@@ -428,9 +428,9 @@ void connection_gate::serviceUndecided(const std::vector<struct pollfd>& polled,
                  "HTTP/1.1 400 Bad Request\r\nContent-Type: text/plain\r\nContent-Length: %zu\r\n"
                  "Connection: close\r\n\r\n%s",
                  sizeof kText - 1, kText);
-    std::vector<undecided> kept;
-    for (size_t i = 0; i < undecided_.size(); ++i) {
-        const undecided& u = undecided_[i];
+    std::vector<Undecided> kept;
+    for (size_t i = 0; i < m_undecided.size(); ++i) {
+        const Undecided& u = m_undecided[i];
         const short revents = first + i < polled.size() ? polled[first + i].revents : 0;
         if (revents == 0) {
             kept.push_back(u);
@@ -448,72 +448,72 @@ void connection_gate::serviceUndecided(const std::vector<struct pollfd>& polled,
             continue;
         }
         const bool tls = byte == 0x16;
-        if (!tls && !handOver_) {
+        if (!tls && !m_handOver) {
             {
-                std::lock_guard<std::mutex> lock(mutex_);
-                auto w = watch_.find(u.id);
-                if (w != watch_.end()) {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                auto w = m_watch.find(u.id);
+                if (w != m_watch.end()) {
                     ::close(w->second.fd);
-                    watch_.erase(w);
+                    m_watch.erase(w);
                 }
-                table_.remove(u.id);
-                pending_.erase(u.fd);
+                m_table.remove(u.id);
+                m_pending.erase(u.fd);
             }
             answerAndLinger(u.fd, answer, static_cast<size_t>(answerLength), now);
             continue;
         }
         handOverAdmitted(u.fd, u.id, reinterpret_cast<const struct sockaddr*>(&u.peer), u.length, tls);
     }
-    undecided_.swap(kept);
+    m_undecided.swap(kept);
 }
 
-void connection_gate::serviceLingering(const std::vector<struct pollfd>& polled, int64_t now) {
-    // polled[2 + i] is lingering_[i] as it was when polled.
-    std::vector<lingering> kept;
-    for (size_t i = 0; i < lingering_.size(); ++i) {
+void ConnectionGate::serviceLingering(const std::vector<struct pollfd>& polled, int64_t now) {
+    // polled[2 + i] is m_lingering[i] as it was when polled.
+    std::vector<Lingering> kept;
+    for (size_t i = 0; i < m_lingering.size(); ++i) {
         const short revents = i + 2 < polled.size() ? polled[i + 2].revents : 0;
-        bool done = now >= lingering_[i].until;
+        bool done = now >= m_lingering[i].until;
         if (!done && revents != 0) {
             char sink[4096];
-            const ssize_t n = recv(lingering_[i].fd, sink, sizeof sink, MSG_DONTWAIT);
+            const ssize_t n = recv(m_lingering[i].fd, sink, sizeof sink, MSG_DONTWAIT);
             done = n == 0 || (n < 0 && errno != EAGAIN && errno != EINTR);
         }
         if (done) {
-            ::close(lingering_[i].fd);
+            ::close(m_lingering[i].fd);
         } else {
-            kept.push_back(lingering_[i]);
+            kept.push_back(m_lingering[i]);
         }
     }
-    lingering_.swap(kept);
+    m_lingering.swap(kept);
 }
 
-void connection_gate::run() {
+void ConnectionGate::run() {
     std::vector<struct pollfd> polled;
-    while (!stopping_.load()) {
+    while (!m_stopping.load()) {
         int64_t now = nowMs();
         int64_t wakeAt = now + kWatchSliceMs;
         {
-            std::lock_guard<std::mutex> lock(mutex_);
-            wakeAt = std::min(wakeAt, table_.nextDeadline());
+            std::lock_guard<std::mutex> lock(m_mutex);
+            wakeAt = std::min(wakeAt, m_table.nextDeadline());
         }
         polled.clear();
-        polled.push_back({listenFd_, POLLIN, 0});
-        polled.push_back({wake_[0], POLLIN, 0});
-        for (const lingering& l : lingering_) {
+        polled.push_back({m_listenFd, POLLIN, 0});
+        polled.push_back({m_wake[0], POLLIN, 0});
+        for (const Lingering& l : m_lingering) {
             polled.push_back({l.fd, POLLIN, 0});
             wakeAt = std::min(wakeAt, l.until);
         }
         const size_t firstUndecided = polled.size();
-        for (const undecided& u : undecided_) polled.push_back({u.fd, POLLIN, 0});
+        for (const Undecided& u : m_undecided) polled.push_back({u.fd, POLLIN, 0});
         const int timeout = static_cast<int>(std::max<int64_t>(0, wakeAt - now));
         if (poll(polled.data(), polled.size(), timeout) < 0 && errno != EINTR) continue;
-        if (stopping_.load()) break;
+        if (m_stopping.load()) break;
         now = nowMs();
         serviceLingering(polled, now);
         serviceUndecided(polled, firstUndecided, now);
         if ((polled[0].revents & POLLIN) != 0) acceptAll(now);
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (uint64_t id : table_.expire(now)) cutLocked(id);
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (uint64_t id : m_table.expire(now)) cutLocked(id);
     }
 }
 

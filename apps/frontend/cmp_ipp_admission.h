@@ -4,7 +4,7 @@
 // 32 clients sending their headers a byte at a time would otherwise hold every
 // connection the library can serve.
 //
-// The rules, with the defaults of admission_limits:
+// The rules, with the defaults of AdmissionLimits:
 // - at most 32 connections, and at most 16 from one client address;
 // - a request's headers must be complete within 10 s of the connection being
 //   ready for them (accepted, or the previous response sent); a kept
@@ -39,7 +39,7 @@
 
 namespace cmp_ipp_fe {
 
-struct admission_limits {
+struct AdmissionLimits {
     unsigned connectionLimit = 32;
     unsigned perAddressLimit = 16;  // 0: no share per address
     int64_t headerTimeoutMs = 10000;
@@ -47,17 +47,17 @@ struct admission_limits {
 };
 
 // The bookkeeping alone, without sockets or threads; the caller serialises.
-class admission_table {
+class AdmissionTable {
 public:
-    explicit admission_table(const admission_limits& limits) : limits_(limits) {}
+    explicit AdmissionTable(const AdmissionLimits& limits) : m_limits(limits) {}
 
     // Connections that must not be pushed out although they look idle.
-    using spare_fn = std::function<bool(uint64_t id)>;
+    using SpareFn = std::function<bool(uint64_t id)>;
 
     // The id of the admitted connection, or 0 when it is refused. When another
     // connection has to give way, its id goes to *evicted (else 0); it is no
     // longer counted from then on.
-    uint64_t admit(const std::string& address, int64_t now, uint64_t* evicted, const spare_fn& spare = nullptr);
+    uint64_t admit(const std::string& address, int64_t now, uint64_t* evicted, const SpareFn& spare = nullptr);
     void remove(uint64_t id);
     void headersComplete(uint64_t id);
     // The previous response is out: the connection waits for its next request.
@@ -72,49 +72,49 @@ public:
 
     size_t counted() const;
     size_t countedFrom(const std::string& address) const;
-    size_t size() const { return entries_.size(); }
+    size_t size() const { return m_entries.size(); }
 
 private:
-    struct entry {
+    struct Entry {
         uint64_t id;
         std::string address;
         int64_t waitingSince;  // -1: headers complete, a request under way
         bool counted;
     };
-    entry* find(uint64_t id);
+    Entry* find(uint64_t id);
     // The counted connection (of `address`, or of anyone when null) that has
     // waited longest for its headers, at least the grace time; null if none.
-    entry* longestWaiting(const std::string* address, int64_t now, const spare_fn& spare);
+    Entry* longestWaiting(const std::string* address, int64_t now, const SpareFn& spare);
 
-    admission_limits limits_;
-    std::vector<entry> entries_;
-    uint64_t nextId_ = 1;
+    AdmissionLimits m_limits;
+    std::vector<Entry> m_entries;
+    uint64_t m_nextId = 1;
 };
 
 // The listening socket, the accepting thread with its watchdog, and the refusal
 // of connections beyond the limits. Admitted sockets are handed over (to the
 // HTTP server); the HTTP server reports back what happens to them.
-class connection_gate {
+class ConnectionGate {
 public:
     // Takes an admitted socket; false when it could not (the socket is then closed).
-    using hand_over = std::function<bool(int fd, const struct sockaddr* addr, socklen_t length)>;
+    using HandOver = std::function<bool(int fd, const struct sockaddr* addr, socklen_t length)>;
 
-    connection_gate(const admission_limits& limits, unsigned retryAfterSeconds);
-    ~connection_gate();
-    connection_gate(const connection_gate&) = delete;
-    connection_gate& operator=(const connection_gate&) = delete;
+    ConnectionGate(const AdmissionLimits& limits, unsigned retryAfterSeconds);
+    ~ConnectionGate();
+    ConnectionGate(const ConnectionGate&) = delete;
+    ConnectionGate& operator=(const ConnectionGate&) = delete;
 
     // Binds the address and port without listening: connections are refused by
     // the system until start(). False with a reason in *error.
     bool open(const std::string& address, uint16_t port, std::string* error);
-    bool isOpen() const { return listenFd_ >= 0; }
-    uint16_t port() const { return port_; }
+    bool isOpen() const { return m_listenFd >= 0; }
+    uint16_t port() const { return m_port; }
     // Listens and starts accepting; every admitted connection goes to handOver.
-    bool start(hand_over handOver, std::string* error);
+    bool start(HandOver handOver, std::string* error);
     // The same, with TLS beside plain HTTP: the first byte a client sends
     // decides (0x16, a TLS handshake record, goes to tls). With plain null, a
     // client that does not start with TLS gets a short refusal.
-    bool start(hand_over plain, hand_over tls, std::string* error);
+    bool start(HandOver plain, HandOver tls, std::string* error);
     // Stops accepting and closes the listening socket; admitted connections stay.
     void stopAccepting();
     // Forgets every admitted connection (after the HTTP server has closed them).
@@ -127,12 +127,12 @@ public:
     void closed(uint64_t id);
 
 private:
-    struct lingering {
+    struct Lingering {
         int fd;
         int64_t until;
     };
     // Admitted, waiting for its first byte to say plain or TLS.
-    struct undecided {
+    struct Undecided {
         int fd;
         uint64_t id;
         struct sockaddr_storage peer;
@@ -148,7 +148,7 @@ private:
     // until it closes, for a short while (the answer must not be reset away).
     void answerAndLinger(int fd, const char* answer, size_t length, int64_t now);
     void serviceLingering(const std::vector<struct pollfd>& polled, int64_t now);
-    // polled[first + i] is undecided_[i].
+    // polled[first + i] is m_undecided[i].
     void serviceUndecided(const std::vector<struct pollfd>& polled, size_t first, int64_t now);
     // Hands an admitted socket over, or forgets it when that fails.
     void handOverAdmitted(int fd, uint64_t id, const struct sockaddr* peer, socklen_t length, bool tls);
@@ -157,30 +157,30 @@ private:
     // Ends a connection that has to go: its reads and writes fail at once.
     void cutLocked(uint64_t id);
 
-    admission_limits limits_;
-    unsigned retryAfterSeconds_;
-    int listenFd_ = -1;
-    uint16_t port_ = 0;
-    int wake_[2] = {-1, -1};
-    std::thread thread_;
-    std::atomic<bool> stopping_{false};
-    hand_over handOver_;
-    hand_over tlsHandOver_;
-    bool sniff_ = false;                // plain and TLS share the port
-    std::vector<lingering> lingering_;  // accepting thread only
-    std::vector<undecided> undecided_;  // accepting thread only
+    AdmissionLimits m_limits;
+    unsigned m_retryAfterSeconds;
+    int m_listenFd = -1;
+    uint16_t m_port = 0;
+    int m_wake[2] = {-1, -1};
+    std::thread m_thread;
+    std::atomic<bool> m_stopping{false};
+    HandOver m_handOver;
+    HandOver m_tlsHandOver;
+    bool m_sniff = false;                // plain and TLS share the port
+    std::vector<Lingering> m_lingering;  // accepting thread only
+    std::vector<Undecided> m_undecided;  // accepting thread only
 
-    mutable std::mutex mutex_;  // guards what follows
-    admission_table table_;
+    mutable std::mutex m_mutex;  // guards what follows
+    AdmissionTable m_table;
     // A duplicate of each admitted socket: lets the watchdog cut a connection
     // without ever touching a descriptor number the HTTP server has closed and
     // the system has given to a new connection.
-    struct watched {
+    struct Watched {
         int fd;
         bool attached;  // the HTTP server reported the connection's start
     };
-    std::map<uint64_t, watched> watch_;
-    std::map<int, uint64_t> pending_;  // socket handed over -> id, until attached
+    std::map<uint64_t, Watched> m_watch;
+    std::map<int, uint64_t> m_pending;  // socket handed over -> id, until attached
 };
 
 }  // namespace cmp_ipp_fe

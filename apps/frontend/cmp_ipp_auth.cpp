@@ -113,14 +113,14 @@ bool parseBasicCredentials(const char* header, std::string* user, std::string* p
     return validName(*user) && password->size() <= kMaxCredential;
 }
 
-basic_auth::basic_auth() {
-    if (gnutls_rnd(GNUTLS_RND_KEY, key_, sizeof key_) < 0) {
+BasicAuth::BasicAuth() {
+    if (gnutls_rnd(GNUTLS_RND_KEY, m_key, sizeof m_key) < 0) {
         // Without a random key the digests are still unusable outside this process.
-        for (size_t i = 0; i < sizeof key_; ++i) key_[i] = static_cast<unsigned char>(nowMs() >> (i % 8));
+        for (size_t i = 0; i < sizeof m_key; ++i) m_key[i] = static_cast<unsigned char>(nowMs() >> (i % 8));
     }
 }
 
-std::shared_ptr<basic_auth> basic_auth::load(const std::string& path, std::string* error) {
+std::shared_ptr<BasicAuth> BasicAuth::load(const std::string& path, std::string* error) {
     FILE* f = fopen(path.c_str(), "re");
     if (f == nullptr) {
         if (error != nullptr) *error = "cannot read " + path + ": " + strerror(errno);
@@ -132,13 +132,13 @@ std::shared_ptr<basic_auth> basic_auth::load(const std::string& path, std::strin
     while ((n = fread(buf, 1, sizeof buf, f)) > 0 && text.size() < (1u << 22)) text.append(buf, n);
     fclose(f);
     std::string why;
-    std::shared_ptr<basic_auth> a = fromText(text, &why);
+    std::shared_ptr<BasicAuth> a = fromText(text, &why);
     if (!a && error != nullptr) *error = path + ": " + why;
     return a;
 }
 
-std::shared_ptr<basic_auth> basic_auth::fromText(const std::string& text, std::string* error) {
-    std::shared_ptr<basic_auth> a(new basic_auth());
+std::shared_ptr<BasicAuth> BasicAuth::fromText(const std::string& text, std::string* error) {
+    std::shared_ptr<BasicAuth> a(new BasicAuth());
     size_t at = 0;
     int lineNo = 0;
     while (at < text.size()) {
@@ -157,53 +157,53 @@ std::shared_ptr<basic_auth> basic_auth::fromText(const std::string& text, std::s
             if (error != nullptr) *error = "line " + std::to_string(lineNo) + " is not \"name:hash\"";
             return nullptr;
         }
-        if (!a->hashes_.emplace(name, hash).second) {
+        if (!a->m_hashes.emplace(name, hash).second) {
             if (error != nullptr) *error = "line " + std::to_string(lineNo) + " names " + name + " again";
             return nullptr;
         }
     }
-    if (a->hashes_.empty()) {
+    if (a->m_hashes.empty()) {
         if (error != nullptr) *error = "no users";
         return nullptr;
     }
     // In the system's preferred method: a name that is not there costs about
     // what a real user's check does.
     std::string why;
-    a->dummyHash_ = hashPassword("no user has this password", &why);
+    a->m_dummyHash = hashPassword("no user has this password", &why);
     return a;
 }
 
-bool basic_auth::remembered(const unsigned char* tag, int64_t now) const {
-    std::lock_guard<std::mutex> g(lock_);
-    for (const cached& c : cache_)
+bool BasicAuth::remembered(const unsigned char* tag, int64_t now) const {
+    std::lock_guard<std::mutex> g(m_lock);
+    for (const Cached& c : m_cache)
         if (c.until > now && std::memcmp(c.tag, tag, sizeof c.tag) == 0) return true;
     return false;
 }
 
-void basic_auth::remember(const unsigned char* tag, int64_t now) const {
-    std::lock_guard<std::mutex> g(lock_);
-    cache_.erase(std::remove_if(cache_.begin(), cache_.end(), [now](const cached& c) { return c.until <= now; }),
-                 cache_.end());
-    if (cache_.size() >= kRememberedPairs) cache_.erase(cache_.begin());
-    cached c;
+void BasicAuth::remember(const unsigned char* tag, int64_t now) const {
+    std::lock_guard<std::mutex> g(m_lock);
+    m_cache.erase(std::remove_if(m_cache.begin(), m_cache.end(), [now](const Cached& c) { return c.until <= now; }),
+                 m_cache.end());
+    if (m_cache.size() >= kRememberedPairs) m_cache.erase(m_cache.begin());
+    Cached c;
     std::memcpy(c.tag, tag, sizeof c.tag);
     c.until = now + kRememberMs;
-    cache_.push_back(c);
+    m_cache.push_back(c);
 }
 
-bool basic_auth::check(const std::string& user, const std::string& password) const {
+bool BasicAuth::check(const std::string& user, const std::string& password) const {
     if (!validName(user) || password.size() > kMaxCredential) return false;
     // The digest of the pair stands for it in memory.
     std::string pair = user;
     pair += '\0';
     pair += password;
     unsigned char tag[32];
-    const bool tagged = gnutls_hmac_fast(GNUTLS_MAC_SHA256, key_, sizeof key_, pair.data(), pair.size(), tag) == 0;
+    const bool tagged = gnutls_hmac_fast(GNUTLS_MAC_SHA256, m_key, sizeof m_key, pair.data(), pair.size(), tag) == 0;
     std::fill(pair.begin(), pair.end(), '\0');
     const int64_t now = nowMs();
-    auto it = hashes_.find(user);
-    if (it == hashes_.end()) {
-        if (!dummyHash_.empty()) (void)cryptMatches(password, dummyHash_);
+    auto it = m_hashes.find(user);
+    if (it == m_hashes.end()) {
+        if (!m_dummyHash.empty()) (void)cryptMatches(password, m_dummyHash);
         return false;
     }
     if (tagged && remembered(tag, now)) return true;

@@ -20,33 +20,33 @@
 
 namespace cmp_ipp_fe {
 
-class basic_auth {
+class BasicAuth {
 public:
     // Null with the reason (file and line) in *error when the file cannot be
     // read or a line is malformed, or when it names no user.
-    static std::shared_ptr<basic_auth> load(const std::string& path, std::string* error);
-    static std::shared_ptr<basic_auth> fromText(const std::string& text, std::string* error);
+    static std::shared_ptr<BasicAuth> load(const std::string& path, std::string* error);
+    static std::shared_ptr<BasicAuth> fromText(const std::string& text, std::string* error);
 
     // Whether the password is the user's. Hashing is slow by design, so a
     // pair checked good is remembered for a while (as a keyed digest, never in
     // the clear). An unknown user costs as much time as a known one.
     bool check(const std::string& user, const std::string& password) const;
-    size_t users() const { return hashes_.size(); }
+    size_t users() const { return m_hashes.size(); }
 
 private:
-    basic_auth();
+    BasicAuth();
     bool remembered(const unsigned char* tag, int64_t now) const;
     void remember(const unsigned char* tag, int64_t now) const;
 
-    std::map<std::string, std::string> hashes_;
-    std::string dummyHash_;  // checked for unknown users, so they take as long
-    unsigned char key_[32];  // keys the digests of remembered pairs
-    struct cached {
+    std::map<std::string, std::string> m_hashes;
+    std::string m_dummyHash;  // checked for unknown users, so they take as long
+    unsigned char m_key[32];  // keys the digests of remembered pairs
+    struct Cached {
         unsigned char tag[32];
         int64_t until;
     };
-    mutable std::mutex lock_;
-    mutable std::vector<cached> cache_;
+    mutable std::mutex m_lock;
+    mutable std::vector<Cached> m_cache;
 };
 
 // "Basic <base64 of user:password>" (the scheme in any case) into its parts.

@@ -15,14 +15,14 @@ namespace {
 
 const char kLibrary[] = "libcrypt.so.1";
 
-struct crypt_calls {
+struct CryptCalls {
     decltype(&::crypt_rn) hash = nullptr;
     decltype(&::crypt_gensalt_rn) salt = nullptr;
     std::string failure;  // why they are not there
 };
 
-const crypt_calls& calls() {
-    static crypt_calls c;
+const CryptCalls& calls() {
+    static CryptCalls c;
     static std::once_flag once;
     std::call_once(once, [] {
         void* lib = dlopen(kLibrary, RTLD_NOW | RTLD_LOCAL);  // kept open: the calls stay valid
@@ -47,7 +47,7 @@ const crypt_calls& calls() {
 namespace cmp_ipp_fe {
 
 bool passwordHashingAvailable(std::string* why) {
-    const crypt_calls& c = calls();
+    const CryptCalls& c = calls();
     if (c.hash != nullptr) return true;
     if (why != nullptr) *why = c.failure;
     return false;
@@ -58,7 +58,7 @@ bool passwordHashingAvailable(std::string* why) {
 // Without the library nothing matches and nothing is hashed: a failure, as
 // libcrypt itself reports one.
 extern "C" char* crypt_rn(const char* phrase, const char* setting, void* data, int size) {
-    const crypt_calls& c = calls();
+    const CryptCalls& c = calls();
     if (c.hash == nullptr) {
         errno = ENOSYS;
         return nullptr;
@@ -68,7 +68,7 @@ extern "C" char* crypt_rn(const char* phrase, const char* setting, void* data, i
 
 extern "C" char* crypt_gensalt_rn(const char* prefix, unsigned long count, const char* rbytes, int nrbytes,
                                   char* output, int size) {
-    const crypt_calls& c = calls();
+    const CryptCalls& c = calls();
     if (c.salt == nullptr) {
         errno = ENOSYS;
         return nullptr;

@@ -25,10 +25,10 @@ extern "C" const char* __tsan_default_suppressions() { return "deadlock:libdbus-
 
 namespace cmp_ipp_fe {
 
-struct dnssd_publisher::impl {
-    explicit impl(const options& o) : opts(o), name(o.name) {}
+struct DnssdPublisher::Impl {
+    explicit Impl(const Options& o) : opts(o), name(o.name) {}
 
-    options opts;
+    Options opts;
     AvahiThreadedPoll* poll = nullptr;
 
     // ---- poll thread ----
@@ -37,7 +37,7 @@ struct dnssd_publisher::impl {
     AvahiTimeout* retry = nullptr;
     std::string name;
     bool replaceClient = false;  // the client failed; a new one is made from the timer
-    enum class said { nothing, noDaemon, waiting, announced, lost } lastSaid = said::nothing;
+    enum class Said { Nothing, NoDaemon, Waiting, Announced, Lost } lastSaid = Said::Nothing;
 
     // ---- any thread ----
     mutable std::mutex stateLock;
@@ -52,7 +52,7 @@ struct dnssd_publisher::impl {
         }
     }
     // Says what changed, once per change.
-    void tell(said what, const std::string& m) {
+    void tell(Said what, const std::string& m) {
         if (what == lastSaid) return;
         lastSaid = what;
         log(m);
@@ -64,7 +64,7 @@ struct dnssd_publisher::impl {
     }
     std::string typesText() const {
         std::string t;
-        for (const dnssd_service& s : opts.services) t += (t.empty() ? "" : ", ") + s.type;
+        for (const DnssdService& s : opts.services) t += (t.empty() ? "" : ", ") + s.type;
         return t;
     }
     AvahiIfIndex interfaceIndex() const {
@@ -90,17 +90,17 @@ struct dnssd_publisher::impl {
     void createClient() {
         int error = 0;
         replaceClient = false;
-        client = avahi_client_new(avahi_threaded_poll_get(poll), AVAHI_CLIENT_NO_FAIL, &impl::onClient, this, &error);
+        client = avahi_client_new(avahi_threaded_poll_get(poll), AVAHI_CLIENT_NO_FAIL, &Impl::onClient, this, &error);
         if (client == nullptr) {
             // No system bus at all: Avahi cannot even wait for its daemon.
-            tell(said::noDaemon, std::string("DNS-SD: not announced, no Avahi daemon (") + avahi_strerror(error) +
+            tell(Said::NoDaemon, std::string("DNS-SD: not announced, no Avahi daemon (") + avahi_strerror(error) +
                                      "). The printer serves as usual and is announced once avahi-daemon runs.");
             scheduleRetry(opts.retryMs);
         }
     }
 
     void registerServices(AvahiClient* c) {
-        if (group == nullptr) group = avahi_entry_group_new(c, &impl::onGroup, this);
+        if (group == nullptr) group = avahi_entry_group_new(c, &Impl::onGroup, this);
         if (group == nullptr) {
             log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(avahi_client_errno(c)));
             scheduleRetry(opts.retryMs);
@@ -129,7 +129,7 @@ struct dnssd_publisher::impl {
     }
 
     int addAll() {
-        for (const dnssd_service& s : opts.services) {
+        for (const DnssdService& s : opts.services) {
             AvahiStringList* txt = nullptr;
             // Prepended, so built from the last entry back to keep the order.
             for (auto it = s.txt.rbegin(); it != s.txt.rend(); ++it) txt = avahi_string_list_add(txt, it->c_str());
@@ -159,7 +159,7 @@ struct dnssd_publisher::impl {
     }
 
     static void onClient(AvahiClient* c, AvahiClientState state, void* self) {
-        impl* d = static_cast<impl*>(self);
+        Impl* d = static_cast<Impl*>(self);
         switch (state) {
         case AVAHI_CLIENT_S_RUNNING:
             d->registerServices(c);
@@ -173,11 +173,11 @@ struct dnssd_publisher::impl {
         case AVAHI_CLIENT_CONNECTING:
             // Only with a system bus and no daemon on it (yet, or any more).
             d->dropGroup();
-            if (d->lastSaid == said::announced) {
-                d->tell(said::lost, "DNS-SD: the Avahi daemon went away; the printer serves on and is announced "
+            if (d->lastSaid == Said::Announced) {
+                d->tell(Said::Lost, "DNS-SD: the Avahi daemon went away; the printer serves on and is announced "
                                     "again when the daemon returns.");
             } else {
-                d->tell(said::waiting, "DNS-SD: not announced, avahi-daemon is not running. The printer serves as "
+                d->tell(Said::Waiting, "DNS-SD: not announced, avahi-daemon is not running. The printer serves as "
                                        "usual and is announced once avahi-daemon runs.");
             }
             break;
@@ -185,7 +185,7 @@ struct dnssd_publisher::impl {
             // The bus itself went away: this client is done; a new one is made
             // from the timer (not from inside its own callback).
             d->dropGroup();
-            d->tell(said::lost, std::string("DNS-SD: lost the Avahi daemon (") + avahi_strerror(avahi_client_errno(c)) +
+            d->tell(Said::Lost, std::string("DNS-SD: lost the Avahi daemon (") + avahi_strerror(avahi_client_errno(c)) +
                                     "); the printer serves on and is announced again when it returns.");
             d->replaceClient = true;
             d->scheduleRetry(0);
@@ -194,13 +194,13 @@ struct dnssd_publisher::impl {
     }
 
     static void onGroup(AvahiEntryGroup* g, AvahiEntryGroupState state, void* self) {
-        impl* d = static_cast<impl*>(self);
+        Impl* d = static_cast<Impl*>(self);
         if (g != d->group && d->group != nullptr) return;
         switch (state) {
         case AVAHI_ENTRY_GROUP_ESTABLISHED:
             d->publish(d->name, true);
-            d->lastSaid = said::nothing;  // so that a later loss is told
-            d->tell(said::announced, "DNS-SD: announced as \"" + d->name + "\" (" + d->typesText() + ")");
+            d->lastSaid = Said::Nothing;  // so that a later loss is told
+            d->tell(Said::Announced, "DNS-SD: announced as \"" + d->name + "\" (" + d->typesText() + ")");
             break;
         case AVAHI_ENTRY_GROUP_COLLISION:
             // Someone else on the network has the name.
@@ -221,7 +221,7 @@ struct dnssd_publisher::impl {
     }
 
     static void onRetry(AvahiTimeout*, void* self) {
-        impl* d = static_cast<impl*>(self);
+        Impl* d = static_cast<Impl*>(self);
         if (d->replaceClient && d->client != nullptr) {
             d->dropGroup();
             avahi_client_free(d->client);
@@ -239,14 +239,14 @@ struct dnssd_publisher::impl {
     }
 };
 
-dnssd_publisher::dnssd_publisher(const options& opts) : m_impl(new impl(opts)) {
+DnssdPublisher::DnssdPublisher(const Options& opts) : m_impl(new Impl(opts)) {
     m_impl->publicName = opts.name;
 }
 
-dnssd_publisher::~dnssd_publisher() { stop(); }
+DnssdPublisher::~DnssdPublisher() { stop(); }
 
-bool dnssd_publisher::start(std::string* error) {
-    impl& d = *m_impl;
+bool DnssdPublisher::start(std::string* error) {
+    Impl& d = *m_impl;
     if (d.poll != nullptr) return true;
     d.poll = avahi_threaded_poll_new();
     if (d.poll == nullptr) {
@@ -254,7 +254,7 @@ bool dnssd_publisher::start(std::string* error) {
         return false;
     }
     const AvahiPoll* api = avahi_threaded_poll_get(d.poll);
-    d.retry = api->timeout_new(api, nullptr, &impl::onRetry, &d);
+    d.retry = api->timeout_new(api, nullptr, &Impl::onRetry, &d);
     // Before the thread runs, nothing else touches the client.
     d.createClient();
     if (avahi_threaded_poll_start(d.poll) < 0) {
@@ -265,8 +265,8 @@ bool dnssd_publisher::start(std::string* error) {
     return true;
 }
 
-void dnssd_publisher::stop() {
-    impl& d = *m_impl;
+void DnssdPublisher::stop() {
+    Impl& d = *m_impl;
     if (d.poll == nullptr) return;
     // After the stop the thread is gone: the rest is ours alone.
     avahi_threaded_poll_stop(d.poll);
@@ -281,12 +281,12 @@ void dnssd_publisher::stop() {
     d.publish(d.name, false);
 }
 
-std::string dnssd_publisher::name() const {
+std::string DnssdPublisher::name() const {
     std::lock_guard<std::mutex> g(m_impl->stateLock);
     return m_impl->publicName;
 }
 
-bool dnssd_publisher::announced() const {
+bool DnssdPublisher::announced() const {
     std::lock_guard<std::mutex> g(m_impl->stateLock);
     return m_impl->isAnnounced;
 }

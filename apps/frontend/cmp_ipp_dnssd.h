@@ -14,18 +14,18 @@
 
 namespace cmp_ipp_fe {
 
-struct dnssd_service {
+struct DnssdService {
     std::string type;                   // "_ipp._tcp"
     std::vector<std::string> subtypes;  // "_print._sub._ipp._tcp"
     uint16_t port = 0;
     std::vector<std::string> txt;       // "key=value", in this order
 };
 
-class dnssd_publisher {
+class DnssdPublisher {
 public:
-    struct options {
+    struct Options {
         std::string name;  // the service instance name, as people see it
-        std::vector<dnssd_service> services;
+        std::vector<DnssdService> services;
         int interfaceIndex = -1;  // -1: every interface
         int family = 0;           // AF_INET or AF_INET6: over that protocol only; 0: both
         // How often a missing D-Bus or Avahi daemon is looked for again.
@@ -34,10 +34,10 @@ public:
         std::function<void(const std::string&)> log;
     };
 
-    explicit dnssd_publisher(const options& opts);
-    ~dnssd_publisher();  // withdraws the announcement
-    dnssd_publisher(const dnssd_publisher&) = delete;
-    dnssd_publisher& operator=(const dnssd_publisher&) = delete;
+    explicit DnssdPublisher(const Options& opts);
+    ~DnssdPublisher();  // withdraws the announcement
+    DnssdPublisher(const DnssdPublisher&) = delete;
+    DnssdPublisher& operator=(const DnssdPublisher&) = delete;
 
     // Starts announcing from a thread of its own. False only when that thread
     // cannot be started; a missing daemon is reported through the log.
@@ -49,8 +49,8 @@ public:
     bool announced() const;
 
 private:
-    struct impl;
-    std::unique_ptr<impl> m_impl;
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
 };
 
 }  // namespace cmp_ipp_fe

@@ -5,7 +5,7 @@
 // wait would have to be turned into suspend/resume bookkeeping. The thread count
 // is bounded by the connection limit, which matches the library's own limit.
 //
-// Admission: TCP connections are accepted by a connection_gate of our own, which
+// Admission: TCP connections are accepted by a ConnectionGate of our own, which
 // enforces the connection limits and the header deadline and hands admitted
 // sockets to libmicrohttpd (no listening socket of its own). The HTTP server
 // reports back when a request's headers are complete and when a response is out.
@@ -68,11 +68,11 @@ const char kNeedsTls[] =
     "This operation needs a user name and password, which are not taken over plain HTTP from another machine: "
     "use the printer's ipps:// (https://) address.\n";
 
-struct connection_state {
-    connection_state(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs, const relay_trust* trust,
+struct ConnectionState {
+    ConnectionState(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs, const RelayTrust* trust,
                      uint64_t id)
         : relay(timeoutMs, stopping, connectRetryMs, trust), admissionId(id) {}
-    relay_connection relay;
+    RelayConnection relay;
     uint64_t admissionId;
     // The connection's own address, asked for once: it cannot change.
     bool localKnown = false;
@@ -81,7 +81,7 @@ struct connection_state {
     bool local = false;   // the client is on this machine (a loopback address)
 };
 
-struct request_state {
+struct RequestState {
     bool post = false;
     bool keepAlive = false;
     bool inFlight = false;   // record sent, reply not read: the Unix connection is mid-request
@@ -93,7 +93,7 @@ struct request_state {
     std::string held;  // body bytes that came while waiting
     std::string url;
     std::string user;  // authenticated user, for the library
-    relay_reply reply;
+    RelayReply reply;
 };
 
 bool isLoopback(const struct sockaddr* sa) {
@@ -134,7 +134,7 @@ std::string clientZone(const struct sockaddr* sa) {
 
 MHD_Result collectHeader(void* cls, enum MHD_ValueKind, const char* key, const char* value) {
     const int32_t token = requestHeaderToken(key);
-    if (token != 0 && value != nullptr) static_cast<std::vector<relay_header>*>(cls)->push_back({token, value});
+    if (token != 0 && value != nullptr) static_cast<std::vector<RelayHeader>*>(cls)->push_back({token, value});
     return MHD_YES;
 }
 
@@ -183,7 +183,7 @@ std::string challengeFor(const std::string& realm) {
     return out + "\", charset=\"UTF-8\"";
 }
 
-MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
+MHD_Result queueIcon(struct MHD_Connection* c, const IconFile& icon) {
     struct MHD_Response* r =
         MHD_create_response_from_buffer(icon.size, const_cast<unsigned char*>(icon.data), MHD_RESPMEM_PERSISTENT);
     if (r == nullptr) return MHD_NO;
@@ -193,8 +193,8 @@ MHD_Result queueIcon(struct MHD_Connection* c, const icon_file& icon) {
     return rc;
 }
 
-admission_limits limitsOf(const cmp_ipp_frontend::options& o) {
-    admission_limits l;
+AdmissionLimits limitsOf(const cmp_ipp_frontend::Options& o) {
+    AdmissionLimits l;
     l.connectionLimit = o.connectionLimit;
     l.perAddressLimit = o.perAddressLimit;
     l.headerTimeoutMs = o.headerTimeoutMs;
@@ -204,17 +204,17 @@ admission_limits limitsOf(const cmp_ipp_frontend::options& o) {
 
 }  // namespace
 
-struct cmp_ipp_frontend::impl {
-    explicit impl(const options& o) : opts(o), gate(limitsOf(o), o.retryAfterSeconds) {
+struct cmp_ipp_frontend::Impl {
+    explicit Impl(const Options& o) : opts(o), gate(limitsOf(o), o.retryAfterSeconds) {
         socketPath = opts.socketPath.empty() ? defaultSocketPath() : opts.socketPath;
         trust.uids = opts.trustedUids;
         challenge = challengeFor(opts.authRealm);
     }
 
-    options opts;
+    Options opts;
     std::string socketPath;
-    relay_trust trust;
-    connection_gate gate;
+    RelayTrust trust;
+    ConnectionGate gate;
     struct MHD_Daemon* daemon = nullptr;     // plain HTTP
     struct MHD_Daemon* tlsDaemon = nullptr;  // HTTPS: only the gate's thread starts it
     bool tlsTried = false;                   // whether it was started (or failed to)
@@ -233,25 +233,25 @@ struct cmp_ipp_frontend::impl {
     static void onConnection(void* cls, struct MHD_Connection* c, void** socketCtx,
                              enum MHD_ConnectionNotificationCode toe);
 
-    MHD_Result begin(struct MHD_Connection* c, connection_state* conn, request_state* st, const char* url,
+    MHD_Result begin(struct MHD_Connection* c, ConnectionState* conn, RequestState* st, const char* url,
                      const char* method, const char* version);
     // Sends the request record; 0, or the HTTP status to answer with (text in st->failText).
-    unsigned startRelay(struct MHD_Connection* c, connection_state* conn, request_state* st);
+    unsigned startRelay(struct MHD_Connection* c, ConnectionState* conn, RequestState* st);
     // The operation is in (or the body ended before it): challenge, or relay what came.
-    void decideOperation(struct MHD_Connection* c, connection_state* conn, request_state* st);
-    void relayBody(struct MHD_Connection* c, connection_state* conn, request_state* st, const unsigned char* data,
+    void decideOperation(struct MHD_Connection* c, ConnectionState* conn, RequestState* st);
+    void relayBody(struct MHD_Connection* c, ConnectionState* conn, RequestState* st, const unsigned char* data,
                    size_t length);
-    void finish(struct MHD_Connection* c, connection_state* conn, request_state* st);
-    void takeEarlyReply(connection_state* conn, request_state* st);
-    MHD_Result respond(struct MHD_Connection* c, request_state* st);
-    relay_request buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url, bool post,
+    void finish(struct MHD_Connection* c, ConnectionState* conn, RequestState* st);
+    void takeEarlyReply(ConnectionState* conn, RequestState* st);
+    MHD_Result respond(struct MHD_Connection* c, RequestState* st);
+    RelayRequest buildRequest(struct MHD_Connection* c, ConnectionState* conn, const char* url, bool post,
                                bool keepAlive, const std::string& user);
     bool servedPath(const char* url, bool get) const;
     struct MHD_Daemon* startDaemon(bool tls);
     bool handOverTls(int fd, const struct sockaddr* addr, socklen_t length);
 };
 
-void cmp_ipp_frontend::impl::log(const std::string& message) {
+void cmp_ipp_frontend::Impl::log(const std::string& message) {
     if (opts.log) {
         opts.log(message);
     } else {
@@ -260,7 +260,7 @@ void cmp_ipp_frontend::impl::log(const std::string& message) {
 }
 
 // Said once per user, not once per request: a client retrying must not flood the log.
-void cmp_ipp_frontend::impl::reportUntrusted(uid_t uid) {
+void cmp_ipp_frontend::Impl::reportUntrusted(uid_t uid) {
     std::lock_guard<std::mutex> lock(logLock);
     if (uid == lastReportedUid) return;
     lastReportedUid = uid;
@@ -283,15 +283,15 @@ bool numberedUnder(const char* url, const char* prefix, size_t n) {
 // The printer's path, "/", and its job URIs ("<path>/<job-id>"): clients send
 // job operations to the job-uri they were given. Pages only: the full
 // attribute list and a job's page.
-bool cmp_ipp_frontend::impl::servedPath(const char* url, bool get) const {
+bool cmp_ipp_frontend::Impl::servedPath(const char* url, bool get) const {
     if (std::strcmp(url, "/") == 0 || opts.ippPath == url) return true;
     if (numberedUnder(url, opts.ippPath.c_str(), opts.ippPath.size())) return true;
     return get && (std::strcmp(url, "/attributes") == 0 || numberedUnder(url, "/jobs", 5));
 }
 
-relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, connection_state* conn, const char* url,
+RelayRequest cmp_ipp_frontend::Impl::buildRequest(struct MHD_Connection* c, ConnectionState* conn, const char* url,
                                                    bool post, bool keepAlive, const std::string& user) {
-    relay_request req;
+    RelayRequest req;
     req.method = post ? 2 : 0;
     req.connection = keepAlive ? 2 : 1;
     // Level 1, not higher: above 1 the library answers a redirect by waiting on the
@@ -312,12 +312,12 @@ relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, con
         }
     }
 
-    std::vector<relay_header> candidates;
+    std::vector<RelayHeader> candidates;
     MHD_get_connection_values(c, MHD_HEADER_KIND, collectHeader, &candidates);
     if (opts.auth) {
         // Checked here: the password goes no further, the user's name does.
         candidates.erase(std::remove_if(candidates.begin(), candidates.end(),
-                                        [](const relay_header& h) { return h.token == CMP_IPP_IF_HDR_AUTHORIZATION; }),
+                                        [](const RelayHeader& h) { return h.token == CMP_IPP_IF_HDR_AUTHORIZATION; }),
                          candidates.end());
         if (!user.empty()) candidates.push_back({CMP_IPP_IF_HDR_REMOTE_USER, user});
     }
@@ -343,13 +343,13 @@ relay_request cmp_ipp_frontend::impl::buildRequest(struct MHD_Connection* c, con
     return req;
 }
 
-MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_state* conn, request_state* st,
+MHD_Result cmp_ipp_frontend::Impl::begin(struct MHD_Connection* c, ConnectionState* conn, RequestState* st,
                                          const char* url, const char* method, const char* version) {
     const bool get = std::strcmp(method, MHD_HTTP_METHOD_GET) == 0;
     st->post = std::strcmp(method, MHD_HTTP_METHOD_POST) == 0;
     if (!get && !st->post) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n");
     // The icons are static: answered here, the library never sees them.
-    if (const icon_file* icon = iconFor(url))
+    if (const IconFile* icon = iconFor(url))
         return get ? queueIcon(c, *icon) : queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
     if (!servedPath(url, get)) {
         if (servedPath(url, true)) return queueText(c, MHD_HTTP_METHOD_NOT_ALLOWED, "Method Not Allowed\n", "GET");
@@ -381,20 +381,20 @@ MHD_Result cmp_ipp_frontend::impl::begin(struct MHD_Connection* c, connection_st
     return failed == 0 ? MHD_YES : queueText(c, failed, st->failText);
 }
 
-unsigned cmp_ipp_frontend::impl::startRelay(struct MHD_Connection* c, connection_state* conn, request_state* st) {
-    const relay_request req = buildRequest(c, conn, st->url.c_str(), st->post, st->keepAlive, st->user);
-    relay_connection& relay = conn->relay;
+unsigned cmp_ipp_frontend::Impl::startRelay(struct MHD_Connection* c, ConnectionState* conn, RequestState* st) {
+    const RelayRequest req = buildRequest(c, conn, st->url.c_str(), st->post, st->keepAlive, st->user);
+    RelayConnection& relay = conn->relay;
     const bool reused = relay.isOpen() && relay.reusable(opts.relayReuseMs);
     if (!reused) relay.close();
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (!relay.isOpen()) {
-            const relay_connection::outcome o = relay.connectTo(socketPath);
-            if (o == relay_connection::outcome::untrusted) {
+            const RelayConnection::Outcome o = relay.connectTo(socketPath);
+            if (o == RelayConnection::Outcome::Untrusted) {
                 reportUntrusted(relay.untrustedUid());
                 st->failText = "IPP service not trusted\n";
                 return MHD_HTTP_SERVICE_UNAVAILABLE;
             }
-            if (o != relay_connection::outcome::ok) {
+            if (o != RelayConnection::Outcome::Ok) {
                 st->failText = "IPP service not reachable\n";
                 return MHD_HTTP_SERVICE_UNAVAILABLE;
             }
@@ -412,7 +412,7 @@ unsigned cmp_ipp_frontend::impl::startRelay(struct MHD_Connection* c, connection
     return MHD_HTTP_BAD_GATEWAY;
 }
 
-void cmp_ipp_frontend::impl::decideOperation(struct MHD_Connection* c, connection_state* conn, request_state* st) {
+void cmp_ipp_frontend::Impl::decideOperation(struct MHD_Connection* c, ConnectionState* conn, RequestState* st) {
     st->awaitingOperation = false;
     std::string held;
     held.swap(st->held);
@@ -437,7 +437,7 @@ void cmp_ipp_frontend::impl::decideOperation(struct MHD_Connection* c, connectio
     if (!held.empty()) relayBody(c, conn, st, reinterpret_cast<const unsigned char*>(held.data()), held.size());
 }
 
-void cmp_ipp_frontend::impl::takeEarlyReply(connection_state* conn, request_state* st) {
+void cmp_ipp_frontend::Impl::takeEarlyReply(ConnectionState* conn, RequestState* st) {
     if (!conn->relay.readReply(st->reply, kEarlyReplyWaitMs)) st->failStatus = MHD_HTTP_BAD_GATEWAY;
     // The library stopped reading this body: what is left of it must never be
     // taken for the next request.
@@ -446,7 +446,7 @@ void cmp_ipp_frontend::impl::takeEarlyReply(connection_state* conn, request_stat
     st->done = true;
 }
 
-void cmp_ipp_frontend::impl::relayBody(struct MHD_Connection* c, connection_state* conn, request_state* st,
+void cmp_ipp_frontend::Impl::relayBody(struct MHD_Connection* c, ConnectionState* conn, RequestState* st,
                                        const unsigned char* data, size_t length) {
     if (st->done || !st->post) return;  // a GET's body means nothing to the library
     if (st->awaitingOperation) {
@@ -457,10 +457,10 @@ void cmp_ipp_frontend::impl::relayBody(struct MHD_Connection* c, connection_stat
     if (conn->relay.replyWaiting() || !conn->relay.addBody(data, length)) takeEarlyReply(conn, st);
 }
 
-void cmp_ipp_frontend::impl::finish(struct MHD_Connection* c, connection_state* conn, request_state* st) {
+void cmp_ipp_frontend::Impl::finish(struct MHD_Connection* c, ConnectionState* conn, RequestState* st) {
     if (st->awaitingOperation) decideOperation(c, conn, st);
     if (st->done) return;
-    relay_connection& relay = conn->relay;
+    RelayConnection& relay = conn->relay;
     if (st->post && (relay.replyWaiting() || !relay.endBody())) {
         takeEarlyReply(conn, st);
         return;
@@ -476,11 +476,11 @@ void cmp_ipp_frontend::impl::finish(struct MHD_Connection* c, connection_state* 
     if (!st->keepAlive || !libraryKeeps) relay.close();
 }
 
-MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_state* st) {
+MHD_Result cmp_ipp_frontend::Impl::respond(struct MHD_Connection* c, RequestState* st) {
     if (st->failStatus == MHD_HTTP_UNAUTHORIZED || st->failStatus == MHD_HTTP_FORBIDDEN)
         return queueAuthFailure(c, st->failStatus, challenge);
     if (st->failStatus != 0) return queueText(c, st->failStatus, st->failText);
-    const relay_reply& reply = st->reply;
+    const RelayReply& reply = st->reply;
     const unsigned status = httpStatusFor(reply.status);
 
     struct MHD_Response* r = nullptr;
@@ -498,7 +498,7 @@ MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_sta
     if (r == nullptr) return MHD_NO;
 
     bool haveType = false, haveChallenge = false;
-    for (const relay_header& h : reply.headers) {
+    for (const RelayHeader& h : reply.headers) {
         const char* name = replyHeaderName(h.token);
         if (name == nullptr || h.value.empty()) continue;
         if (MHD_add_response_header(r, name, h.value.c_str()) != MHD_YES) continue;
@@ -519,20 +519,20 @@ MHD_Result cmp_ipp_frontend::impl::respond(struct MHD_Connection* c, request_sta
     return rc;
 }
 
-MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c, const char* url,
+MHD_Result cmp_ipp_frontend::Impl::onRequest(void* cls, struct MHD_Connection* c, const char* url,
                                              const char* method, const char* version, const char* upload,
                                              size_t* uploadSize, void** reqCls) {
-    impl* self = static_cast<impl*>(cls);
+    Impl* self = static_cast<Impl*>(cls);
     const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    connection_state* conn = info != nullptr ? static_cast<connection_state*>(info->socket_context) : nullptr;
+    ConnectionState* conn = info != nullptr ? static_cast<ConnectionState*>(info->socket_context) : nullptr;
     if (conn == nullptr) return MHD_NO;
 
-    request_state* st = static_cast<request_state*>(*reqCls);
+    RequestState* st = static_cast<RequestState*>(*reqCls);
     if (st == nullptr) {
         // The first call comes once the headers are complete: the header
         // deadline is met, whatever the request takes from here.
         self->gate.headersComplete(conn->admissionId);
-        st = new request_state();
+        st = new RequestState();
         *reqCls = st;  // released when the request completes, however it ends
         return self->begin(c, conn, st, url, method, version);
     }
@@ -545,13 +545,13 @@ MHD_Result cmp_ipp_frontend::impl::onRequest(void* cls, struct MHD_Connection* c
     return self->respond(c, st);
 }
 
-void cmp_ipp_frontend::impl::onCompleted(void* cls, struct MHD_Connection* c, void** reqCls,
+void cmp_ipp_frontend::Impl::onCompleted(void* cls, struct MHD_Connection* c, void** reqCls,
                                          enum MHD_RequestTerminationCode) {
-    impl* self = static_cast<impl*>(cls);
-    request_state* st = static_cast<request_state*>(*reqCls);
+    Impl* self = static_cast<Impl*>(cls);
+    RequestState* st = static_cast<RequestState*>(*reqCls);
     *reqCls = nullptr;
     const union MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    connection_state* conn = info != nullptr ? static_cast<connection_state*>(info->socket_context) : nullptr;
+    ConnectionState* conn = info != nullptr ? static_cast<ConnectionState*>(info->socket_context) : nullptr;
     // From here the connection waits for its next request's headers.
     if (conn != nullptr) self->gate.requestDone(conn->admissionId);
     if (st == nullptr) return;
@@ -562,13 +562,13 @@ void cmp_ipp_frontend::impl::onCompleted(void* cls, struct MHD_Connection* c, vo
     delete st;
 }
 
-void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection* c, void** socketCtx,
+void cmp_ipp_frontend::Impl::onConnection(void* cls, struct MHD_Connection* c, void** socketCtx,
                                           enum MHD_ConnectionNotificationCode toe) {
-    impl* self = static_cast<impl*>(cls);
+    Impl* self = static_cast<Impl*>(cls);
     if (toe == MHD_CONNECTION_NOTIFY_STARTED) {
         const union MHD_ConnectionInfo* fd = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CONNECTION_FD);
         const uint64_t id = fd != nullptr ? self->gate.attach(fd->connect_fd) : 0;
-        connection_state* conn = new connection_state(self->opts.relayTimeoutMs, &self->stopping,
+        ConnectionState* conn = new ConnectionState(self->opts.relayTimeoutMs, &self->stopping,
                                                       self->opts.connectRetryMs, &self->trust, id);
         const union MHD_ConnectionInfo* di = MHD_get_connection_info(c, MHD_CONNECTION_INFO_DAEMON);
         // Not tlsDaemon: the gate may be starting that one at this moment.
@@ -577,23 +577,23 @@ void cmp_ipp_frontend::impl::onConnection(void* cls, struct MHD_Connection* c, v
         conn->local = ci != nullptr && isLoopback(ci->client_addr);
         *socketCtx = conn;
     } else {
-        connection_state* conn = static_cast<connection_state*>(*socketCtx);
+        ConnectionState* conn = static_cast<ConnectionState*>(*socketCtx);
         if (conn != nullptr) self->gate.closed(conn->admissionId);
         delete conn;
         *socketCtx = nullptr;
     }
 }
 
-cmp_ipp_frontend::cmp_ipp_frontend(const options& opts) : m_impl(new impl(opts)) {}
+cmp_ipp_frontend::cmp_ipp_frontend(const Options& opts) : m_impl(new Impl(opts)) {}
 
 cmp_ipp_frontend::~cmp_ipp_frontend() { stop(); }
 
 bool cmp_ipp_frontend::open(std::string* error) {
-    impl& d = *m_impl;
+    Impl& d = *m_impl;
     return d.gate.open(d.opts.bindAddress, d.opts.port, error);
 }
 
-struct MHD_Daemon* cmp_ipp_frontend::impl::startDaemon(bool tls) {
+struct MHD_Daemon* cmp_ipp_frontend::Impl::startDaemon(bool tls) {
     // No listening socket of its own: the gate accepts and hands admitted
     // sockets over. Its own limit is above ours, so that connections on their
     // way out (cut by the watchdog, not yet cleaned up) never make it refuse one
@@ -602,24 +602,24 @@ struct MHD_Daemon* cmp_ipp_frontend::impl::startDaemon(bool tls) {
                            MHD_USE_ERROR_LOG | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC | (tls ? MHD_USE_TLS : 0);
     const unsigned limit = 2 * opts.connectionLimit + 16;
     if (!tls) {
-        return MHD_start_daemon(flags, 0, nullptr, nullptr, &impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
+        return MHD_start_daemon(flags, 0, nullptr, nullptr, &Impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
                                 MHD_OPTION_CONNECTION_TIMEOUT, opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
-                                &impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, this,
+                                &Impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, this,
                                 MHD_OPTION_END);
     }
-    return MHD_start_daemon(flags, 0, nullptr, nullptr, &impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
+    return MHD_start_daemon(flags, 0, nullptr, nullptr, &Impl::onRequest, this, MHD_OPTION_CONNECTION_LIMIT, limit,
                             MHD_OPTION_CONNECTION_TIMEOUT, opts.stallTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
-                            &impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &impl::onConnection, this,
+                            &Impl::onCompleted, this, MHD_OPTION_NOTIFY_CONNECTION, &Impl::onConnection, this,
                             MHD_OPTION_HTTPS_MEM_KEY, opts.tlsKeyPem.c_str(), MHD_OPTION_HTTPS_MEM_CERT,
                             opts.tlsCertificatePem.c_str(), MHD_OPTION_HTTPS_PRIORITIES, kTlsPriorities,
                             MHD_OPTION_END);
 }
 
-bool cmp_ipp_frontend::impl::handOverTls(int fd, const struct sockaddr* addr, socklen_t length) {
+bool cmp_ipp_frontend::Impl::handOverTls(int fd, const struct sockaddr* addr, socklen_t length) {
     if (!tlsTried) {
         tlsTried = true;
         std::string why;
-        if (!tlsIdentityUsable(tls_identity{opts.tlsCertificatePem, opts.tlsKeyPem}, &why)) {
+        if (!tlsIdentityUsable(TlsIdentity{opts.tlsCertificatePem, opts.tlsKeyPem}, &why)) {
             log("TLS is off: " + why);
         } else if ((tlsDaemon = startDaemon(true)) == nullptr) {
             log("TLS is off: cannot start the HTTPS server");
@@ -633,7 +633,7 @@ bool cmp_ipp_frontend::impl::handOverTls(int fd, const struct sockaddr* addr, so
 }
 
 bool cmp_ipp_frontend::start(std::string* error) {
-    impl& d = *m_impl;
+    Impl& d = *m_impl;
     if (d.started) return true;
     const bool tls = !d.opts.tlsCertificatePem.empty() && !d.opts.tlsKeyPem.empty();
     if (!tls && !d.opts.plainHttp) {
@@ -648,13 +648,13 @@ bool cmp_ipp_frontend::start(std::string* error) {
         stop();
         return false;
     }
-    const auto handOverTo = [](struct MHD_Daemon* daemon) -> connection_gate::hand_over {
+    const auto handOverTo = [](struct MHD_Daemon* daemon) -> ConnectionGate::HandOver {
         if (daemon == nullptr) return nullptr;
         return [daemon](int fd, const struct sockaddr* addr, socklen_t length) {
             return MHD_add_connection(daemon, fd, addr, length) == MHD_YES;
         };
     };
-    impl* self = &d;
+    Impl* self = &d;
     const bool started = tls ? d.gate.start(handOverTo(d.daemon),
                                             [self](int fd, const struct sockaddr* addr, socklen_t length) {
                                                 return self->handOverTls(fd, addr, length);
@@ -670,7 +670,7 @@ bool cmp_ipp_frontend::start(std::string* error) {
 }
 
 void cmp_ipp_frontend::stop() {
-    impl& d = *m_impl;
+    Impl& d = *m_impl;
     d.stopping = true;  // relay waits end within one slice
     d.gate.stopAccepting();
     if (d.daemon != nullptr) MHD_stop_daemon(d.daemon);

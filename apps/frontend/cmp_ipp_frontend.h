@@ -14,12 +14,12 @@
 #include <vector>
 
 namespace cmp_ipp_fe {
-class basic_auth;
+class BasicAuth;
 }
 
 class cmp_ipp_frontend {
 public:
-    struct options {
+    struct Options {
         std::string bindAddress = "127.0.0.1";  // numeric IPv4 or IPv6 address
         uint16_t port = 8631;                    // 0: any free port, see port()
         std::string socketPath;                  // empty: the library's own ($GEN_UNIX_PATH)
@@ -60,11 +60,11 @@ public:
         // library in the REMOTE_USER field, the credentials themselves do not.
         // Credentials travel in the clear over plain HTTP, so there they are
         // taken from clients on this machine only: others get 403 and must use TLS.
-        std::shared_ptr<const cmp_ipp_fe::basic_auth> auth;
+        std::shared_ptr<const cmp_ipp_fe::BasicAuth> auth;
         std::string authRealm = "Printer";
     };
 
-    explicit cmp_ipp_frontend(const options& opts);
+    explicit cmp_ipp_frontend(const Options& opts);
     ~cmp_ipp_frontend();
     cmp_ipp_frontend(const cmp_ipp_frontend&) = delete;
     cmp_ipp_frontend& operator=(const cmp_ipp_frontend&) = delete;
@@ -85,8 +85,8 @@ public:
     const std::string& socketPath() const;
 
 private:
-    struct impl;
-    std::unique_ptr<impl> m_impl;
+    struct Impl;
+    std::unique_ptr<Impl> m_impl;
 };
 
 #endif

@@ -98,15 +98,15 @@ const unsigned char kIconLarge[] = {
     0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82,
 };
 
-const icon_file kIcons[] = {
+const IconFile kIcons[] = {
     {"/icon-sm.png", kIconSmall, sizeof kIconSmall, 48},
     {"/icon.png", kIconLarge, sizeof kIconLarge, 128},
 };
 
 }  // namespace
 
-const icon_file* iconFor(const char* path) {
-    for (const icon_file& icon : kIcons)
+const IconFile* iconFor(const char* path) {
+    for (const IconFile& icon : kIcons)
         if (std::strcmp(path, icon.path) == 0) return &icon;
     return nullptr;
 }

@@ -8,7 +8,7 @@
 
 namespace cmp_ipp_fe {
 
-struct icon_file {
+struct IconFile {
     const char* path;  // URL path, "/icon-sm.png"
     const unsigned char* data;
     size_t size;
@@ -16,7 +16,7 @@ struct icon_file {
 };
 
 // The icon served at this URL path; nullptr for every other path.
-const icon_file* iconFor(const char* path);
+const IconFile* iconFor(const char* path);
 
 }  // namespace cmp_ipp_fe
 

@@ -110,18 +110,18 @@ std::string fileNameFor(const std::string& name) {
     return out;
 }
 
-struct crt_deleter {
+struct CrtDeleter {
     void operator()(gnutls_x509_crt_t c) const { gnutls_x509_crt_deinit(c); }
 };
-using crt_ptr = std::unique_ptr<std::remove_pointer<gnutls_x509_crt_t>::type, crt_deleter>;
+using CrtPtr = std::unique_ptr<std::remove_pointer<gnutls_x509_crt_t>::type, CrtDeleter>;
 
-crt_ptr importCertificate(const std::string& pem) {
+CrtPtr importCertificate(const std::string& pem) {
     gnutls_x509_crt_t crt = nullptr;
-    if (gnutls_x509_crt_init(&crt) < 0) return crt_ptr();
-    crt_ptr owned(crt);
+    if (gnutls_x509_crt_init(&crt) < 0) return CrtPtr();
+    CrtPtr owned(crt);
     const gnutls_datum_t d = {reinterpret_cast<unsigned char*>(const_cast<char*>(pem.data())),
                               static_cast<unsigned>(pem.size())};
-    if (gnutls_x509_crt_import(crt, &d, GNUTLS_X509_FMT_PEM) < 0) return crt_ptr();
+    if (gnutls_x509_crt_import(crt, &d, GNUTLS_X509_FMT_PEM) < 0) return CrtPtr();
     return owned;
 }
 
@@ -134,7 +134,7 @@ std::string datumText(gnutls_datum_t& d) {
 
 }  // namespace
 
-bool tlsIdentityUsable(const tls_identity& id, std::string* error) {
+bool tlsIdentityUsable(const TlsIdentity& id, std::string* error) {
     // Each part on its own first: GnuTLS leaks memory when it meets a
     // certificate it cannot read while loading a pair.
     const gnutls_datum_t certText = {reinterpret_cast<unsigned char*>(const_cast<char*>(id.certificatePem.data())),
@@ -167,9 +167,9 @@ bool tlsIdentityUsable(const tls_identity& id, std::string* error) {
     return true;
 }
 
-bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyPath, tls_identity* out,
+bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyPath, TlsIdentity* out,
                      std::string* error) {
-    tls_identity id;
+    TlsIdentity id;
     if (!readFile(certificatePath, &id.certificatePem, error) || !readFile(keyPath, &id.keyPem, error)) return false;
     // Only the markers here: parsing would keep GnuTLS's certificate and
     // big-number code resident in a printer that may never see a TLS client.
@@ -188,13 +188,13 @@ bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyP
 }
 
 time_t tlsCertificateExpiry(const std::string& certificatePem) {
-    const crt_ptr crt = importCertificate(certificatePem);
+    const CrtPtr crt = importCertificate(certificatePem);
     if (!crt) return 0;
     const time_t t = gnutls_x509_crt_get_expiration_time(crt.get());
     return t == static_cast<time_t>(-1) ? 0 : t;
 }
 
-bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays, tls_identity* out,
+bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays, TlsIdentity* out,
                             std::string* error) {
     if (names.empty() || names[0].empty()) {
         say(error, "a certificate needs a name");
@@ -266,11 +266,11 @@ namespace {
 // writes a new one. The caller holds the lock.
 bool keepOrMakePair(const std::string& certPath, const std::string& keyPath, const std::vector<std::string>& names,
                     bool* created, std::string* error) {
-    tls_identity kept;
+    TlsIdentity kept;
     bool reuse = readFile(certPath, &kept.certificatePem, nullptr) && readFile(keyPath, &kept.keyPem, nullptr) &&
                  tlsIdentityUsable(kept, nullptr);
     if (reuse) {
-        const crt_ptr crt = importCertificate(kept.certificatePem);
+        const CrtPtr crt = importCertificate(kept.certificatePem);
         reuse = crt && gnutls_x509_crt_check_hostname2(crt.get(), names[0].c_str(), 0) != 0 &&
                 tlsCertificateExpiry(kept.certificatePem) > time(nullptr) + kRenewDays * 86400;
     }
@@ -280,7 +280,7 @@ bool keepOrMakePair(const std::string& certPath, const std::string& keyPath, con
         (void)chmod(certPath.c_str(), 0600);
         return true;
     }
-    tls_identity made;
+    TlsIdentity made;
     // The key first: a certificate is never there without its key.
     if (!makeSelfSignedIdentity(names, kSelfSignedDays, &made, error) || !writeFileAtomically(keyPath, made.keyPem, error) ||
         !writeFileAtomically(certPath, made.certificatePem, error))
@@ -336,7 +336,7 @@ bool keepOrMakePairApart(const std::string& certPath, const std::string& keyPath
 
 }  // namespace
 
-bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, tls_identity* out,
+bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, TlsIdentity* out,
                            bool* created, std::string* error) {
     if (created != nullptr) *created = false;
     if (names.empty() || names[0].empty()) {
@@ -358,7 +358,7 @@ bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string
     while (flock(lock, LOCK_EX) != 0 && errno == EINTR) {
     }
     bool made = false;
-    tls_identity id;
+    TlsIdentity id;
     // Read under the lock: the pair the check passed or wrote, not one that
     // another process is replacing.
     const bool ok = keepOrMakePairApart(certPath, keyPath, names, &made, error) &&

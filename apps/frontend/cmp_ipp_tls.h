@@ -11,7 +11,7 @@
 
 namespace cmp_ipp_fe {
 
-struct tls_identity {
+struct TlsIdentity {
     std::string certificatePem;
     std::string keyPem;
 };
@@ -19,16 +19,16 @@ struct tls_identity {
 // Reads both files and checks that they look like a PEM certificate and a PEM
 // private key; whether they parse and belong together is for the first TLS
 // connection to find out (tlsIdentityUsable).
-bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyPath, tls_identity* out,
+bool loadTlsIdentity(const std::string& certificatePath, const std::string& keyPath, TlsIdentity* out,
                      std::string* error);
 
 // True when the key belongs to the certificate (and both parse).
-bool tlsIdentityUsable(const tls_identity& id, std::string* error);
+bool tlsIdentityUsable(const TlsIdentity& id, std::string* error);
 
 // A new self-signed server certificate (ECDSA P-256, SHA-256) for these names:
 // the first is the subject's common name, and every one goes into the
 // subjectAltName (numeric addresses as IP addresses, the rest as DNS names).
-bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays, tls_identity* out,
+bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays, TlsIdentity* out,
                             std::string* error);
 
 // The identity kept in dir for names[0] ("<name>.crt" and "<name>.key", both
@@ -37,7 +37,7 @@ bool makeSelfSignedIdentity(const std::vector<std::string>& names, int validDays
 // expires within 30 days. Several processes starting at once agree on one
 // (a lock file in dir). *created says whether it was made now. The check and
 // the making run in a child process: call it before starting any thread.
-bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, tls_identity* out,
+bool selfSignedTlsIdentity(const std::string& dir, const std::vector<std::string>& names, TlsIdentity* out,
                            bool* created, std::string* error);
 
 // When the certificate stops being valid; 0 when it cannot be read.

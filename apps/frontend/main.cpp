@@ -63,7 +63,7 @@ bool parsePort(const char* text, uint16_t* out) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    cmp_ipp_frontend::options opts;
+    cmp_ipp_frontend::Options opts;
     static const struct option longOpts[] = {
         {"port", required_argument, nullptr, 'p'},
         {"bind", required_argument, nullptr, 'b'},
@@ -126,7 +126,7 @@ int main(int argc, char** argv) {
     }
     std::string error;
     if (!certFile.empty()) {
-        cmp_ipp_fe::tls_identity id;
+        cmp_ipp_fe::TlsIdentity id;
         if (!cmp_ipp_fe::loadTlsIdentity(certFile, keyFile, &id, &error)) {
             fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             return 1;
@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
         opts.tlsKeyPem = id.keyPem;
     }
     if (!authFile.empty()) {
-        if (cmp_ipp_fe::passwordHashingAvailable(&error)) opts.auth = cmp_ipp_fe::basic_auth::load(authFile, &error);
+        if (cmp_ipp_fe::passwordHashingAvailable(&error)) opts.auth = cmp_ipp_fe::BasicAuth::load(authFile, &error);
         if (!opts.auth) {
             fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             return 1;

@@ -206,7 +206,7 @@ int main(int argc, char** argv) {
 
     // TLS and authentication are settled before anything is created, so that
     // a bad certificate or password file stops the start with its reason.
-    cmp_ipp_fe::tls_identity identity;
+    cmp_ipp_fe::TlsIdentity identity;
     bool tls = false;
     if (!o.tlsCert.empty()) {
         std::string error;
@@ -228,10 +228,10 @@ int main(int argc, char** argv) {
         if (!tls) fprintf(stderr, "%s: warning: serving without TLS (no certificate: %s)\n", argv[0], error.c_str());
         if (created) fprintf(stderr, "%s: made a self-signed TLS certificate in %s\n", argv[0], dir.c_str());
     }
-    std::shared_ptr<const cmp_ipp_fe::basic_auth> auth;
+    std::shared_ptr<const cmp_ipp_fe::BasicAuth> auth;
     if (!o.authFile.empty()) {
         std::string error;
-        auth = cmp_ipp_fe::basic_auth::load(o.authFile, &error);
+        auth = cmp_ipp_fe::BasicAuth::load(o.authFile, &error);
         if (!auth) {
             fprintf(stderr, "%s: %s\n", argv[0], error.c_str());
             return 1;
@@ -262,7 +262,7 @@ int main(int argc, char** argv) {
 
     // The port is bound first (with port 0 the printer URI needs the port it
     // got), but clients get in only once the library listens.
-    cmp_ipp_frontend::options fo;
+    cmp_ipp_frontend::Options fo;
     fo.bindAddress = o.bind;
     fo.port = o.port;
     fo.socketPath = socketPath;
@@ -294,7 +294,7 @@ int main(int argc, char** argv) {
     if (plain && tls) config.uris.push_back("ipps://" + authority + "/ipp/print");
     config.uriAuthentication = auth ? "basic" : "none";
     refprinter::Printer printer(config);
-    std::unique_ptr<cmp_ipp_fe::dnssd_publisher> announcer;
+    std::unique_ptr<cmp_ipp_fe::DnssdPublisher> announcer;
 
     int rc = 0;
     if (!printer.serve()) {
@@ -310,13 +310,13 @@ int main(int argc, char** argv) {
         }
     }
     if (rc == 0 && o.dnssd) {
-        cmp_ipp_fe::dnssd_publisher::options po;
+        cmp_ipp_fe::DnssdPublisher::Options po;
         po.name = o.name;
         po.services = printer_net::printerServices(printer.object().m_attrs, frontend.port(), plain, tls);
         printer_net::announceScope(o.bind, &po.interfaceIndex, &po.family);
         const std::string name = argv[0];
         po.log = [name](const std::string& m) { fprintf(stderr, "%s: %s\n", name.c_str(), m.c_str()); };
-        announcer.reset(new cmp_ipp_fe::dnssd_publisher(po));
+        announcer.reset(new cmp_ipp_fe::DnssdPublisher(po));
         std::string error;
         if (!announcer->start(&error)) fprintf(stderr, "%s: DNS-SD: %s\n", argv[0], error.c_str());
     }

@@ -86,7 +86,7 @@ const char* paperMax(int32_t width, int32_t length) {
     return ">isoC-A2";
 }
 
-std::vector<cmp_ipp_fe::dnssd_service> printerServices(const cmp_ipp_attrs& a, uint16_t port, bool plain, bool tls) {
+std::vector<cmp_ipp_fe::DnssdService> printerServices(const cmp_ipp_attrs& a, uint16_t port, bool plain, bool tls) {
     const std::string_view uri = first(a, "printer-uri-supported");
     const size_t scheme = uri.find("//");
     const size_t pathAt = scheme == std::string_view::npos ? std::string_view::npos : uri.find('/', scheme + 2);
@@ -140,9 +140,9 @@ std::vector<cmp_ipp_fe::dnssd_service> printerServices(const cmp_ipp_attrs& a, u
     txt.push_back(pair("printer-type", typeText));
     if (basic) txt.push_back("air=username,password");
 
-    std::vector<cmp_ipp_fe::dnssd_service> out;
+    std::vector<cmp_ipp_fe::DnssdService> out;
     if (plain) {
-        cmp_ipp_fe::dnssd_service s;
+        cmp_ipp_fe::DnssdService s;
         s.type = "_ipp._tcp";
         s.subtypes = {"_print._sub._ipp._tcp"};
         s.port = port;
@@ -150,7 +150,7 @@ std::vector<cmp_ipp_fe::dnssd_service> printerServices(const cmp_ipp_attrs& a, u
         out.push_back(s);
     }
     if (tls) {
-        cmp_ipp_fe::dnssd_service s;
+        cmp_ipp_fe::DnssdService s;
         s.type = "_ipps._tcp";
         s.subtypes = {"_print._sub._ipps._tcp"};
         s.port = port;

@@ -20,7 +20,7 @@ namespace printer_net {
 // txtvers, qtotal, rp, ty, adminurl, note, product, pdl, Color, Duplex, UUID,
 // PaperMax, kind, printer-type, URF (when the printer lists urf-supported), air
 // (when uri-authentication-supported says basic), and TLS on _ipps._tcp.
-std::vector<cmp_ipp_fe::dnssd_service> printerServices(const cmp_ipp_attrs& printer, uint16_t port, bool plain,
+std::vector<cmp_ipp_fe::DnssdService> printerServices(const cmp_ipp_attrs& printer, uint16_t port, bool plain,
                                                        bool tls);
 
 // PaperMax for the largest media (hundredths of millimetres).

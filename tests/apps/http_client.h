@@ -48,11 +48,11 @@ public:
     // From `source` (any 127.x.y.z works on Linux loopback), so that tests can
     // play several client addresses.
     explicit HttpClient(uint16_t port, const char* source = "127.0.0.1") {
-        fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         // The port is chosen at connect(), as for any client: many short
         // connections in a row must not run out of ports held in TIME_WAIT.
         int one = 1;
-        setsockopt(fd_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
+        setsockopt(m_fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
         struct sockaddr_in from;
         std::memset(&from, 0, sizeof from);
         from.sin_family = AF_INET;
@@ -62,35 +62,35 @@ public:
         a.sin_family = AF_INET;
         a.sin_port = htons(port);
         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (bind(fd_, reinterpret_cast<struct sockaddr*>(&from), sizeof from) != 0 ||
-            connect(fd_, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) {
-            close(fd_);
-            fd_ = -1;
+        if (bind(m_fd, reinterpret_cast<struct sockaddr*>(&from), sizeof from) != 0 ||
+            connect(m_fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) {
+            close(m_fd);
+            m_fd = -1;
         }
     }
     ~HttpClient() {
-        if (fd_ >= 0) close(fd_);
+        if (m_fd >= 0) close(m_fd);
     }
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
-    bool connected() const { return fd_ >= 0; }
+    bool connected() const { return m_fd >= 0; }
     // Ends the connection with a TCP reset instead of an orderly close.
     void reset() {
-        if (fd_ < 0) return;
+        if (m_fd < 0) return;
         struct linger l = {1, 0};
-        setsockopt(fd_, SOL_SOCKET, SO_LINGER, &l, sizeof l);
-        close(fd_);
-        fd_ = -1;
+        setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        close(m_fd);
+        m_fd = -1;
     }
     void closeNow() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
     }
 
     bool send(const std::string& s) {
         size_t off = 0;
         while (off < s.size()) {
-            const ssize_t k = ::send(fd_, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+            const ssize_t k = ::send(m_fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
             if (k <= 0) return false;
             off += static_cast<size_t>(k);
         }
@@ -116,26 +116,26 @@ public:
         HttpResponse r;
         const auto start = Clock::now();
         size_t end;
-        while ((end = buf_.find("\r\n\r\n")) == std::string::npos)
+        while ((end = m_buf.find("\r\n\r\n")) == std::string::npos)
             if (!fill(start, timeoutMs)) return r;
-        parseHttpHead(buf_.substr(0, end), r);
-        buf_.erase(0, end + 4);
+        parseHttpHead(m_buf.substr(0, end), r);
+        m_buf.erase(0, end + 4);
         if (r.headers.count("content-length") != 0) {
             const size_t n = std::stoul(r.headers["content-length"]);
-            while (buf_.size() < n)
+            while (m_buf.size() < n)
                 if (!fill(start, timeoutMs)) return r;
-            r.body = buf_.substr(0, n);
-            buf_.erase(0, n);
+            r.body = m_buf.substr(0, n);
+            m_buf.erase(0, n);
         } else if (r.header("transfer-encoding").find("chunked") != std::string::npos) {
             for (;;) {
                 size_t eol;
-                while ((eol = buf_.find("\r\n")) == std::string::npos)
+                while ((eol = m_buf.find("\r\n")) == std::string::npos)
                     if (!fill(start, timeoutMs)) return r;
-                const size_t n = std::stoul(buf_.substr(0, eol), nullptr, 16);
-                while (buf_.size() < eol + 2 + n + 2)
+                const size_t n = std::stoul(m_buf.substr(0, eol), nullptr, 16);
+                while (m_buf.size() < eol + 2 + n + 2)
                     if (!fill(start, timeoutMs)) return r;
-                r.body += buf_.substr(eol + 2, n);
-                buf_.erase(0, eol + 2 + n + 2);
+                r.body += m_buf.substr(eol + 2, n);
+                m_buf.erase(0, eol + 2 + n + 2);
                 if (n == 0) break;
             }
         }
@@ -146,10 +146,10 @@ public:
     bool closedByPeer(int timeoutMs) {
         const auto start = Clock::now();
         while (msSince(start) < timeoutMs) {
-            struct pollfd p = {fd_, POLLIN, 0};
+            struct pollfd p = {m_fd, POLLIN, 0};
             if (poll(&p, 1, 20) <= 0) continue;
             char b;
-            const ssize_t k = recv(fd_, &b, 1, MSG_DONTWAIT);
+            const ssize_t k = recv(m_fd, &b, 1, MSG_DONTWAIT);
             if (k == 0 || (k < 0 && errno != EAGAIN && errno != EINTR)) return true;
         }
         return false;
@@ -159,17 +159,17 @@ private:
     bool fill(Clock::time_point start, int timeoutMs) {
         const int64_t left = timeoutMs - msSince(start);
         if (left <= 0) return false;
-        struct pollfd p = {fd_, POLLIN, 0};
+        struct pollfd p = {m_fd, POLLIN, 0};
         if (poll(&p, 1, static_cast<int>(left)) <= 0) return false;
         char tmp[65536];
-        const ssize_t k = recv(fd_, tmp, sizeof tmp, 0);
+        const ssize_t k = recv(m_fd, tmp, sizeof tmp, 0);
         if (k <= 0) return false;
-        buf_.append(tmp, static_cast<size_t>(k));
+        m_buf.append(tmp, static_cast<size_t>(k));
         return true;
     }
 
-    int fd_ = -1;
-    std::string buf_;
+    int m_fd = -1;
+    std::string m_buf;
 };
 
 inline std::string asString(const Bytes& b) { return std::string(b.begin(), b.end()); }

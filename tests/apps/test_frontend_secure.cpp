@@ -94,8 +94,8 @@ TEST(FrontendAuth, PasswordFileChecksEachUsersOwnPassword) {
     const std::string bob = hashPassword("builder", &error);
     ASSERT_NE(alice, bob);
     EXPECT_NE(hashPassword("wonderland", &error), alice) << "a fresh salt every time";
-    const std::shared_ptr<basic_auth> a =
-        basic_auth::fromText("# printer users\n\nalice:" + alice + "\r\nbob:" + bob + "\nlocked:*\n", &error);
+    const std::shared_ptr<BasicAuth> a =
+        BasicAuth::fromText("# printer users\n\nalice:" + alice + "\r\nbob:" + bob + "\nlocked:*\n", &error);
     ASSERT_TRUE(a) << error;
     EXPECT_EQ(a->users(), 3u);
     struct Case {
@@ -134,11 +134,11 @@ TEST(FrontendAuth, MalformedPasswordFilesAreRefusedWithTheLine) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         std::string error;
-        EXPECT_FALSE(basic_auth::fromText(c.text, &error));
+        EXPECT_FALSE(BasicAuth::fromText(c.text, &error));
         EXPECT_EQ(error, c.error);
     }
     std::string error;
-    EXPECT_FALSE(basic_auth::load("/nonexistent/users", &error));
+    EXPECT_FALSE(BasicAuth::load("/nonexistent/users", &error));
     EXPECT_NE(error.find("/nonexistent/users"), std::string::npos) << error;
 }
 
@@ -181,7 +181,7 @@ bool certificateCovers(const std::string& pem, const char* name) {
 }
 
 TEST(FrontendTls, SelfSignedCertificateCoversItsNamesOnly) {
-    tls_identity id;
+    TlsIdentity id;
     std::string error;
     ASSERT_TRUE(makeSelfSignedIdentity({"printer.example", "localhost", "127.0.0.1", "::1"}, 30, &id, &error)) << error;
     EXPECT_TRUE(tlsIdentityUsable(id, &error)) << error;
@@ -196,13 +196,13 @@ TEST(FrontendTls, SelfSignedCertificateCoversItsNamesOnly) {
     EXPECT_LT(expiry, time(nullptr) + 31 * 86400);
     EXPECT_FALSE(makeSelfSignedIdentity({}, 30, &id, &error));
 
-    tls_identity other;
+    TlsIdentity other;
     ASSERT_TRUE(makeSelfSignedIdentity({"printer.example"}, 30, &other, &error));
-    tls_identity mixed{id.certificatePem, other.keyPem};
+    TlsIdentity mixed{id.certificatePem, other.keyPem};
     EXPECT_FALSE(tlsIdentityUsable(mixed, &error)) << "a key of another certificate";
     const std::string garbled = "-----BEGIN CERTIFICATE-----\nxx\n";
-    for (const tls_identity& bad : {tls_identity{garbled, id.keyPem}, tls_identity{id.certificatePem, garbled},
-                                    tls_identity{"", id.keyPem}, tls_identity{id.certificatePem, ""}}) {
+    for (const TlsIdentity& bad : {TlsIdentity{garbled, id.keyPem}, TlsIdentity{id.certificatePem, garbled},
+                                    TlsIdentity{"", id.keyPem}, TlsIdentity{id.certificatePem, ""}}) {
         EXPECT_FALSE(tlsIdentityUsable(bad, &error));
         EXPECT_FALSE(error.empty());
     }
@@ -212,7 +212,7 @@ TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
     TempDir t;
     const std::string dir = t.path + "/state/nested";  // made, each level 0700
     const std::vector<std::string> names{"localhost", "127.0.0.1"};
-    tls_identity first, again;
+    TlsIdentity first, again;
     bool created = false;
     std::string error;
     ASSERT_TRUE(selfSignedTlsIdentity(dir, names, &first, &created, &error)) << error;
@@ -233,7 +233,7 @@ TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
         const char* what;
         std::function<void()> act;
     };
-    tls_identity stranger;  // for localhost too, but valid for 10 days only
+    TlsIdentity stranger;  // for localhost too, but valid for 10 days only
     ASSERT_TRUE(makeSelfSignedIdentity({"localhost"}, 10, &stranger, &error));
     const Spoil spoils[] = {
         {"key missing", [&] { unlink((dir + "/localhost.key").c_str()); }},
@@ -247,7 +247,7 @@ TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
     for (const Spoil& s : spoils) {
         SCOPED_TRACE(s.what);
         s.act();
-        tls_identity now;
+        TlsIdentity now;
         ASSERT_TRUE(selfSignedTlsIdentity(dir, names, &now, &created, &error)) << error;
         EXPECT_TRUE(created);
         EXPECT_TRUE(tlsIdentityUsable(now, &error)) << error;
@@ -257,7 +257,7 @@ TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
     }
 
     // Another host name: a pair of its own beside the first.
-    tls_identity named;
+    TlsIdentity named;
     ASSERT_TRUE(selfSignedTlsIdentity(dir, {"printer.local"}, &named, &created, &error)) << error;
     EXPECT_TRUE(created);
     EXPECT_TRUE(certificateCovers(named.certificatePem, "printer.local"));
@@ -268,7 +268,7 @@ TEST(FrontendTls, StateDirectoryKeepsOnePrivatePairAndReplacesABadOne) {
 // and matches is found out by the front end at the first TLS connection.
 TEST(FrontendTls, GivenFilesMustBeAPemCertificateAndKey) {
     TempDir t;
-    tls_identity a, loaded;
+    TlsIdentity a, loaded;
     std::string error;
     ASSERT_TRUE(makeSelfSignedIdentity({"localhost"}, 30, &a, &error));
     writeAll(t.path + "/a.crt", a.certificatePem);
@@ -291,7 +291,7 @@ TEST(FrontendTls, GivenFilesMustBeAPemCertificateAndKey) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.cert) + " " + c.key);
-        tls_identity untouched;
+        TlsIdentity untouched;
         error.clear();
         EXPECT_FALSE(loadTlsIdentity(t.path + c.cert, t.path + c.key, &untouched, &error));
         EXPECT_NE(error.find(c.blamed), std::string::npos) << error;

@@ -19,9 +19,9 @@
 
 namespace {
 
-using cmp_ipp_fe::dnssd_service;
+using cmp_ipp_fe::DnssdService;
 
-std::map<std::string, std::string> keysOf(const dnssd_service& s) {
+std::map<std::string, std::string> keysOf(const DnssdService& s) {
     std::map<std::string, std::string> out;
     for (const std::string& kv : s.txt) {
         const size_t eq = kv.find('=');
@@ -45,7 +45,7 @@ std::unique_ptr<refprinter::Printer> printerWith(const std::vector<std::string>&
 
 TEST(PrinterNet, TxtRecordsComeFromThePrintersAttributes) {
     const auto p = printerWith({"ipp://host.local:8631/ipp/print", "ipps://host.local:8631/ipp/print"}, "none");
-    const std::vector<dnssd_service> services = printer_net::printerServices(p->object().m_attrs, 8631, true, true);
+    const std::vector<DnssdService> services = printer_net::printerServices(p->object().m_attrs, 8631, true, true);
     ASSERT_EQ(services.size(), 2u);
     EXPECT_EQ(services[0].type, "_ipp._tcp");
     EXPECT_EQ(services[0].subtypes, std::vector<std::string>{"_print._sub._ipp._tcp"});
@@ -75,7 +75,7 @@ TEST(PrinterNet, TxtRecordsComeFromThePrintersAttributes) {
     secure["adminurl"] = "https://host.local:8631/";
     secure["TLS"] = "1.2";
     EXPECT_EQ(keysOf(services[1]), secure);
-    for (const dnssd_service& s : services) EXPECT_EQ(s.port, 8631);
+    for (const DnssdService& s : services) EXPECT_EQ(s.port, 8631);
 }
 
 TEST(PrinterNet, ServicesFollowWhatIsServed) {
@@ -156,16 +156,16 @@ TEST(PrinterNet, AnnouncerWithoutAvahiSaysSoAndStops) {
     setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/cmp-ipp-test-bus", 1);
     std::mutex lock;
     std::vector<std::string> said;
-    cmp_ipp_fe::dnssd_publisher::options o;
+    cmp_ipp_fe::DnssdPublisher::Options o;
     o.name = "Nowhere Printer";
-    o.services.push_back(dnssd_service{"_ipp._tcp", {"_print._sub._ipp._tcp"}, 631, {"txtvers=1"}});
+    o.services.push_back(DnssdService{"_ipp._tcp", {"_print._sub._ipp._tcp"}, 631, {"txtvers=1"}});
     o.retryMs = 50;
     o.log = [&](const std::string& m) {
         std::lock_guard<std::mutex> g(lock);
         said.push_back(m);
     };
     {
-        cmp_ipp_fe::dnssd_publisher p(o);
+        cmp_ipp_fe::DnssdPublisher p(o);
         std::string error;
         ASSERT_TRUE(p.start(&error)) << error;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // several attempts

@@ -73,9 +73,9 @@ public:
         sockDir = work + "/sock";
     }
     ~Program() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
+        if (m_pid > 0) {
+            kill(m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
         }
         for (const std::string& d : {spool, sockDir}) removeDir(d);
         unlink((work + "/err").c_str());
@@ -87,9 +87,9 @@ public:
         int out[2];
         if (pipe(out) != 0) return false;
         const std::string portText = std::to_string(fixedPort);
-        pid_ = fork();
-        if (pid_ < 0) return false;
-        if (pid_ == 0) {
+        m_pid = fork();
+        if (m_pid < 0) return false;
+        if (m_pid == 0) {
             umask(mask);
             dup2(out[1], 1);
             const int err = open((work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -100,14 +100,14 @@ public:
             _exit(127);
         }
         close(out[1]);
-        out_ = out[0];
+        m_out = out[0];
         if (!wait) return true;
         return announced();
     }
     bool announced() {
-        const std::string text = readText(out_, 60000);
-        close(out_);
-        out_ = -1;
+        const std::string text = readText(m_out, 60000);
+        close(m_out);
+        m_out = -1;
         const size_t at = text.find("Printer URI: ipp://localhost:");
         if (at == std::string::npos) return false;
         port = static_cast<uint16_t>(atoi(text.c_str() + at + std::strlen("Printer URI: ipp://localhost:")));
@@ -116,12 +116,12 @@ public:
     // SIGTERM; the exit status (a sanitizer report makes it nonzero), or -1
     // when the program does not stop.
     int stop() {
-        if (pid_ <= 0) return -1;
-        kill(pid_, SIGTERM);
+        if (m_pid <= 0) return -1;
+        kill(m_pid, SIGTERM);
         int status = 0;
         for (int waited = 0; waited < 30000; waited += 20) {
-            if (waitpid(pid_, &status, WNOHANG) == pid_) {
-                pid_ = -1;
+            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+                m_pid = -1;
                 return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
@@ -143,8 +143,8 @@ public:
     uint16_t port = 0;
 
 private:
-    pid_t pid_ = -1;
-    int out_ = -1;
+    pid_t m_pid = -1;
+    int m_out = -1;
 };
 
 Bytes gpaRequest(uint32_t id) {
@@ -199,13 +199,13 @@ struct Tally {
 class PrinterProgram : public ::testing::Test {
 protected:
     void TearDown() override {
-        if (running_) {
+        if (m_running) {
             EXPECT_EQ(p.stop(), 0) << "clean exit after SIGTERM\n" << p.errors();
         }
     }
     void start(mode_t mask = 022) {
         ASSERT_TRUE(p.start(0, mask)) << p.errors();
-        running_ = true;
+        m_running = true;
     }
     // Every job: id -> (state, reasons joined by ',', message).
     struct JobRow {
@@ -240,7 +240,7 @@ protected:
     }
 
     Program p;
-    bool running_ = false;
+    bool m_running = false;
 };
 
 bool unixListening(const std::string& path) {
@@ -273,7 +273,7 @@ TEST_F(PrinterProgram, NoClientIsTurnedAwayDuringStartUp) {
         }
     });
     const bool started = p.start(port);
-    running_ = started;
+    m_running = started;
     if (started) {
         EXPECT_TRUE(settles([&] { return served.load() >= 3; }, 20000));
     }

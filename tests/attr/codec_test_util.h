@@ -165,12 +165,12 @@ inline std::vector<std::pair<std::string, Bytes>> capturedMessages(const std::st
 // what was written since.
 class TraceCapture {
 public:
-    explicit TraceCapture(int level = 0) : saved_(log().level()) {
+    explicit TraceCapture(int level = 0) : m_saved(log().level()) {
         log().set_level(level);
         log().clear();
     }
     ~TraceCapture() {
-        log().set_level(saved_);
+        log().set_level(m_saved);
         log().clear();
     }
     std::vector<std::string> lines() const { return log().lines(); }
@@ -182,7 +182,7 @@ public:
 
 private:
     static orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instance(); }
-    int saved_;
+    int m_saved;
 };
 
 #endif

@@ -234,13 +234,13 @@ TEST(Buf, ReserveKeepsBytesWrittenPastTheContent) {
 class BufTraceTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        saved_ = orvane::cmp_dbglog_common::get_instance().level();
+        m_saved = orvane::cmp_dbglog_common::get_instance().level();
         orvane::cmp_dbglog_common::get_instance().set_level(2);
         orvane::cmp_dbglog_common::get_instance().clear();
     }
-    void TearDown() override { orvane::cmp_dbglog_common::get_instance().set_level(saved_); }
+    void TearDown() override { orvane::cmp_dbglog_common::get_instance().set_level(m_saved); }
     std::vector<std::string> lines() { return orvane::cmp_dbglog_common::get_instance().lines(); }
-    int saved_ = 0;
+    int m_saved = 0;
 };
 
 TEST_F(BufTraceTest, ResizeAtCapacityTracesAndGrows) {

@@ -1,10 +1,10 @@
-// Shared pieces of the HTTP server tests: a front-end client that speaks the
-// request-block / body-block / reply-record protocol over the Unix-domain socket,
-// a configurable handler, and a fixture that runs the real listener on a socket
-// path of its own.
+// Shared pieces of the HTTP server tests: a front-end client (the front end's
+// relay connection, with a raw path for malformed input), a configurable
+// handler, and a fixture that runs the real listener on a socket path of its own.
 #ifndef TESTS_HTTPD_HTTPD_FIXTURE_H
 #define TESTS_HTTPD_HTTPD_FIXTURE_H
 
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -15,6 +15,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -22,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "cmp_ipp_relay.h"
 #include "msg/msg_fixture.h"
 #include "httpd/cmp_ipp_httpd.h"
 #include "platform/emw_osw_test.h"
@@ -56,101 +58,94 @@ inline int scaled(int n) {
     return v < 1 ? 1 : v;
 }
 
-// A request block as the front end sends it.
-struct RequestBlock {
-    int32_t method = AHTTPD_METHOD_GET;
-    int32_t keepAliveLevel = 0;
-    int32_t connection = AHTTPD_CONN_CLOSE;
-    int32_t contentLength = 0;
-    int32_t chunked = 0;
-    std::vector<std::pair<int32_t, std::string>> headers;
+using cmp_ipp_fe::RelayHeader;
+using cmp_ipp_fe::RelayRequest;
 
-    static RequestBlock get(int32_t mode = AHTTPD_CONN_CLOSE) {
-        RequestBlock r;
-        r.connection = mode;
-        return r;
-    }
-    static RequestBlock post(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
-        RequestBlock r;
-        r.method = AHTTPD_METHOD_POST;
-        r.connection = mode;
-        r.contentLength = contentLength;
-        return r;
-    }
+// Request records as the front end fills them.
+inline RelayRequest getRequest(int32_t mode = AHTTPD_CONN_CLOSE) {
+    RelayRequest r;
+    r.method = AHTTPD_METHOD_GET;
+    r.connection = mode;
+    return r;
+}
+inline RelayRequest postRequest(int32_t contentLength, int32_t mode = AHTTPD_CONN_CLOSE) {
+    RelayRequest r;
+    r.method = AHTTPD_METHOD_POST;
+    r.connection = mode;
+    r.contentLength = contentLength;
+    return r;
+}
 
-    Bytes bytes() const {
-        std::unique_ptr<ahttpdReqObj> r(new ahttpdReqObj());
-        std::memset(static_cast<void*>(r.get()), 0, sizeof *r);
-        r->method = method;
-        r->keepAliveLevel = keepAliveLevel;
-        r->connection = connection;
-        r->contentLength = contentLength;
-        r->chunked = chunked;
-        r->numHeaders = static_cast<int16_t>(headers.size());
-        for (size_t i = 0; i < headers.size() && i < 15; ++i) {
-            r->headers[i].token = headers[i].first;
-            std::strncpy(r->headers[i].value, headers[i].second.c_str(), AHTTPD_FIELD_TEXT_SIZE - 1);
-        }
-        const unsigned char* p = reinterpret_cast<const unsigned char*>(r.get());
-        return Bytes(p, p + AHTTPD_REQ_BLOCK_SIZE);
-    }
-};
+// The record's bytes, for a test that sends them in pieces or cut short.
+inline Bytes recordBytes(const RelayRequest& r) {
+    Bytes record(AHTTPD_REQ_BLOCK_SIZE);
+    cmp_ipp_fe::encodeRequestRecord(r, record.data());
+    return record;
+}
 
 struct Reply {
     bool ok = false;  // a whole reply record (and its body) arrived
     int32_t status = 0;
     int32_t connection = 0;
     int32_t contentLength = 0;
-    std::vector<std::pair<int32_t, std::string>> headers;
+    std::vector<RelayHeader> headers;
     std::string body;
 };
 
-// One front-end connection. Every wait is bounded, so a broken server fails a
-// test instead of hanging it.
+// One front-end connection. Well-formed requests go through the front end's
+// own relay connection; the raw* calls write on its socket what a front end
+// never sends (records cut short, bad lengths, bodies that stop, blocks cut
+// where a test wants them) and read the reply that follows. Every wait is
+// bounded, so a broken server fails a test instead of hanging it.
 class Client {
 public:
-    explicit Client(const std::string& path, int connectTimeoutMs = 5000) {
-        const auto start = Clock::now();
-        while (msSince(start) < connectTimeoutMs) {
-            fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-            struct sockaddr_un a;
-            std::memset(&a, 0, sizeof a);
-            a.sun_family = AF_UNIX;
-            std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
-            if (connect(fd_, reinterpret_cast<struct sockaddr*>(&a), sizeof a) == 0) return;
-            close(fd_);
-            fd_ = -1;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
-    ~Client() { closeNow(); }
-    Client(const Client&) = delete;
-    Client& operator=(const Client&) = delete;
-
-    bool connected() const { return fd_ >= 0; }
-    int fd() const { return fd_; }
-    void closeNow() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
+    explicit Client(const std::string& path, int connectRetryMs = 5000) : m_relay(10000, nullptr, connectRetryMs) {
+        (void)m_relay.connectTo(path);
     }
 
-    bool sendRaw(const void* data, size_t n) {
+    bool connected() const { return m_relay.isOpen(); }
+    int fd() const { return m_relay.fd(); }
+    void closeNow() { m_relay.close(); }
+
+    bool sendRequest(const RelayRequest& r) { return m_relay.sendRequest(r); }
+    bool sendBody(const Bytes& b) { return m_relay.addBody(b.data(), b.size()); }
+    bool endBody() { return m_relay.endBody(); }
+    Reply readReply(int timeoutMs = 10000) {
+        Reply r;
+        cmp_ipp_fe::RelayReply in;
+        if (!m_relay.readReply(in, timeoutMs)) return r;
+        r.ok = true;
+        r.status = in.status;
+        r.connection = in.connection;
+        r.contentLength = static_cast<int32_t>(in.bodyLength);
+        r.headers = std::move(in.headers);
+        r.body.assign(reinterpret_cast<const char*>(in.body.get()), in.bodyLength);
+        return r;
+    }
+
+    // The socket does not block: a full send buffer is waited out, bounded.
+    bool rawBytes(const void* data, size_t n) {
         const unsigned char* p = static_cast<const unsigned char*>(data);
+        const auto start = Clock::now();
         while (n > 0) {
-            const ssize_t k = send(fd_, p, n, MSG_NOSIGNAL);
-            if (k <= 0) return false;
-            p += k;
-            n -= static_cast<size_t>(k);
+            const ssize_t k = send(fd(), p, n, MSG_NOSIGNAL);
+            if (k > 0) {
+                p += k;
+                n -= static_cast<size_t>(k);
+                continue;
+            }
+            if (k == 0 || (errno != EAGAIN && errno != EINTR) || msSince(start) > 10000) return false;
+            struct pollfd pf = {fd(), POLLOUT, 0};
+            (void)poll(&pf, 1, 20);
         }
         return true;
     }
-    bool sendRaw(const Bytes& b) { return sendRaw(b.data(), b.size()); }
-    bool sendRequest(const RequestBlock& r) { return sendRaw(r.bytes()); }
-    bool sendBlock(const unsigned char* data, int32_t n) {
-        return sendRaw(&n, sizeof n) && (n <= 0 || sendRaw(data, static_cast<size_t>(n)));
+    bool rawBytes(const Bytes& b) { return rawBytes(b.data(), b.size()); }
+    // A body block: its length word, then its bytes; no bytes make the end block.
+    bool rawBlock(const Bytes& b) {
+        const int32_t n = static_cast<int32_t>(b.size());
+        return rawBytes(&n, sizeof n) && rawBytes(b);
     }
-    bool sendBlock(const Bytes& b) { return sendBlock(b.data(), static_cast<int32_t>(b.size())); }
-    bool sendEnd() { return sendBlock(nullptr, 0); }
 
     // Reads exactly n bytes; false on close, error or time-out.
     bool readExact(void* dest, size_t n, int timeoutMs) {
@@ -159,27 +154,27 @@ public:
         while (n > 0) {
             const int64_t left = timeoutMs - msSince(start);
             if (left <= 0) return false;
-            struct pollfd pf = {fd_, POLLIN, 0};
+            struct pollfd pf = {fd(), POLLIN, 0};
             if (poll(&pf, 1, static_cast<int>(left)) <= 0) continue;
-            const ssize_t k = recv(fd_, p, n, 0);
+            const ssize_t k = recv(fd(), p, n, MSG_DONTWAIT);
+            if (k < 0 && (errno == EAGAIN || errno == EINTR)) continue;
             if (k <= 0) return false;
             p += k;
             n -= static_cast<size_t>(k);
         }
         return true;
     }
-
-    Reply readReply(int timeoutMs = 10000) {
+    // The reply to what went raw, read straight off the socket.
+    Reply rawReply(int timeoutMs = 10000) {
         Reply r;
-        std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE);
-        if (!readExact(rec.data(), rec.size(), timeoutMs)) return r;
-        std::unique_ptr<ahttpdRspObj> o(new ahttpdRspObj());
-        std::memcpy(static_cast<void*>(o.get()), rec.data(), rec.size());
-        r.status = o->status;
-        r.connection = o->connection;
-        r.contentLength = o->contentLength;
-        for (int i = 0; i < o->numHeaders && i < 15; ++i)
-            r.headers.emplace_back(o->headers[i].token, std::string(o->headers[i].value));
+        Bytes record(AHTTPD_RSP_RECORD_SIZE);
+        if (!readExact(record.data(), record.size(), timeoutMs)) return r;
+        cmp_ipp_fe::RelayReply in;
+        cmp_ipp_fe::decodeReplyRecord(record.data(), in);
+        r.status = in.status;
+        r.connection = in.connection;
+        std::memcpy(&r.contentLength, record.data() + offsetof(ahttpdRspObj, contentLength), sizeof r.contentLength);
+        r.headers = std::move(in.headers);
         if (r.contentLength > 0) {
             r.body.resize(static_cast<size_t>(r.contentLength));
             if (!readExact(&r.body[0], r.body.size(), timeoutMs)) return r;
@@ -192,17 +187,17 @@ public:
     bool closedByPeer(int timeoutMs) {
         const auto start = Clock::now();
         while (msSince(start) < timeoutMs) {
-            struct pollfd pf = {fd_, POLLIN, 0};
+            struct pollfd pf = {fd(), POLLIN, 0};
             if (poll(&pf, 1, 20) <= 0) continue;
             unsigned char b;
-            const ssize_t k = recv(fd_, &b, 1, MSG_DONTWAIT);
+            const ssize_t k = recv(fd(), &b, 1, MSG_DONTWAIT);
             if (k == 0 || (k < 0 && errno != EAGAIN && errno != EINTR)) return true;
         }
         return false;
     }
 
 private:
-    int fd_ = -1;
+    cmp_ipp_fe::RelayConnection m_relay;
 };
 
 // A handler whose answers the tests configure. Called concurrently by connection tasks.
@@ -282,10 +277,9 @@ inline uint32_t be32At(const std::string& s, size_t at) {
     return v;
 }
 
-// One IPP POST in a single block plus the end block.
+// One IPP POST as the front end relays it: record, one block and the end block.
 inline bool sendIpp(Client& c, const Bytes& ipp, int32_t mode = AHTTPD_CONN_CLOSE) {
-    return c.sendRequest(RequestBlock::post(static_cast<int32_t>(ipp.size()), mode)) && c.sendBlock(ipp) &&
-           c.sendEnd();
+    return c.sendRequest(postRequest(static_cast<int32_t>(ipp.size()), mode)) && c.sendBody(ipp) && c.endBody();
 }
 
 inline void expectIppReply(const Reply& r, uint32_t requestId) {
@@ -304,60 +298,60 @@ protected:
     void SetUp() override {
         char dir[] = "/tmp/cmp_ipp_httpd_XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
-        dir_ = dir;
-        setenv("GEN_UNIX_PATH", (dir_ + "/").c_str(), 1);
-        path_ = dir_ + "/zyn_ipp_server";
+        m_dir = dir;
+        setenv("GEN_UNIX_PATH", (m_dir + "/").c_str(), 1);
+        m_path = m_dir + "/zyn_ipp_server";
         AHTTPD_setReceiveTimeout(5);
         AHTTPD_setKeepAlivePasses(200);
-        savedHandler_ = cmp_ipp_manager::get()->m_handler;
-        baselineBlocks_ = emwOSWTestOutstandingBlocks();
+        m_savedHandler = cmp_ipp_manager::get()->m_handler;
+        m_baselineBlocks = emwOSWTestOutstandingBlocks();
     }
     void TearDown() override {
         stop();
         // The stop returns once the listener or the last connection is gone; tasks
         // cut short by it end moments later.
         EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
-        EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == baselineBlocks_; }, 3000))
-            << "blocks still outstanding: " << emwOSWTestOutstandingBlocks() - baselineBlocks_;
+        EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == m_baselineBlocks; }, 3000))
+            << "blocks still outstanding: " << emwOSWTestOutstandingBlocks() - m_baselineBlocks;
         pn_ipp_stop(0, nullptr);
         // A task cut short by the stop may still be ending: the handler goes away
         // only once the manager no longer calls it.
         cmp_ipp_manager* m = cmp_ipp_manager::get();
         m->unregisterHandler(m->m_handler.load());
-        if (savedHandler_ != nullptr) IPP_Initialize(nullptr, savedHandler_);
+        if (m_savedHandler != nullptr) IPP_Initialize(nullptr, m_savedHandler);
         AHTTPD_setReceiveTimeout(30);
         AHTTPD_setKeepAlivePasses(200);
         unsetenv("GEN_UNIX_PATH");
-        unlink(path_.c_str());
-        rmdir(dir_.c_str());
+        unlink(m_path.c_str());
+        rmdir(m_dir.c_str());
     }
 
     // Starts the whole service and waits until the socket accepts connections.
     void start() {
         ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
-        running_ = true;
-        ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
+        m_running = true;
+        ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
     }
     void stop() {
-        if (!running_) return;
+        if (!m_running) return;
         EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
-        running_ = false;
+        m_running = false;
         // With no connection open the stop need not wait for the listener, which
         // removes its socket file as it leaves.
-        EXPECT_TRUE(settles([&] { return access(path_.c_str(), F_OK) != 0; }, 3000))
+        EXPECT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) != 0; }, 3000))
             << "the stop leaves no socket file behind";
     }
 
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
     HttpTestHandler handler;
-    std::string dir_;
-    std::string path_;
-    bool running_ = false;
+    std::string m_dir;
+    std::string m_path;
+    bool m_running = false;
 
 private:
-    cmp_ipp_handler* savedHandler_ = nullptr;
-    int32_t baselineBlocks_ = 0;
+    cmp_ipp_handler* m_savedHandler = nullptr;
+    int32_t m_baselineBlocks = 0;
 };
 
 #endif

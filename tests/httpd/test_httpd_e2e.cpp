@@ -12,24 +12,24 @@ const int kPrintJob = 0x0002;
 const int kGetJobs = 0x000A;
 const int kGetPrinterAttributes = 0x000B;
 
-using R = RequestBlock;
 using HttpdE2E = HttpdServer;
 
 TEST_F(HttpdE2E, PrintJobWithHundredFullBlocks) {
     handler.expectBlockSize = AHTTPD_SPOOL_SIZE;
     start();
-    Client c(path_);
+    Client c(m_path);
     const Bytes ipp = ippRequest(kPrintJob, 99);
     const int blocks = 100;
-    ASSERT_TRUE(c.sendRequest(R::post(static_cast<int32_t>(ipp.size()) + blocks * AHTTPD_SPOOL_SIZE)));
-    ASSERT_TRUE(c.sendBlock(ipp));
+    // Raw: the request alone in the first block, then full blocks.
+    ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(static_cast<int32_t>(ipp.size()) + blocks * AHTTPD_SPOOL_SIZE))));
+    ASSERT_TRUE(c.rawBlock(ipp));
     Bytes doc(AHTTPD_SPOOL_SIZE);
     for (int i = 0; i < blocks; ++i) {
         for (size_t k = 0; k < doc.size(); k += 512) doc[k] = static_cast<unsigned char>(i);
-        ASSERT_TRUE(c.sendBlock(doc)) << i;
+        ASSERT_TRUE(c.rawBlock(doc)) << i;
     }
-    ASSERT_TRUE(c.sendEnd());
-    expectIppReply(c.readReply(20000), 99);
+    ASSERT_TRUE(c.rawBlock({}));
+    expectIppReply(c.rawReply(20000), 99);
     EXPECT_EQ(handler.dataCalls.load(), blocks);
     EXPECT_EQ(handler.dataBytes.load(), static_cast<uint64_t>(blocks) * AHTTPD_SPOOL_SIZE);
     EXPECT_EQ(handler.oddBlocks.load(), 0) << "every call carries one whole block";
@@ -39,11 +39,11 @@ TEST_F(HttpdE2E, PrintJobWithHundredFullBlocks) {
 TEST_F(HttpdE2E, OversizedBlockIsASocketFailureAndCloses) {
     start();
     TraceCapture trace(0);
-    Client c(path_);
-    ASSERT_TRUE(c.sendRequest(R::post(40000)));
+    Client c(m_path);
+    ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(40000))));
     const int32_t tooLong = 40000;
-    ASSERT_TRUE(c.sendRaw(&tooLong, sizeof tooLong));
-    const Reply r = c.readReply();
+    ASSERT_TRUE(c.rawBytes(&tooLong, sizeof tooLong));
+    const Reply r = c.rawReply();
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
     EXPECT_EQ(r.contentLength, 0);
@@ -55,13 +55,14 @@ TEST_F(HttpdE2E, OversizedBlockIsASocketFailureAndCloses) {
 TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
     handler.refuseFromCall = 2;
     start();
-    Client c(path_);
-    ASSERT_TRUE(c.sendRequest(R::post(0)));
-    ASSERT_TRUE(c.sendBlock(ippRequest(kPrintJob, 5)));
+    Client c(m_path);
+    // Raw: one block a call, so that the refusal falls between blocks.
+    ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(0))));
+    ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 5)));
     const Bytes doc(1000, 0x55);
-    for (int i = 0; i < 5; ++i) ASSERT_TRUE(c.sendBlock(doc));
-    ASSERT_TRUE(c.sendEnd());
-    const Reply r = c.readReply();
+    for (int i = 0; i < 5; ++i) ASSERT_TRUE(c.rawBlock(doc));
+    ASSERT_TRUE(c.rawBlock({}));
+    const Reply r = c.rawReply();
     const auto replied = Clock::now();
     expectIppReply(r, 5);
     EXPECT_EQ(r.connection, AHTTPD_CONN_PAUSE_CLOSE) << "switched to pause-then-close";
@@ -78,27 +79,27 @@ TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
 // Refusals that end the connection after a record with the code (and its text, if any).
 TEST_F(HttpdE2E, RefusalsCarryTheirCodeAndClose) {
     start();
-    R unsupported = R::get();
+    RelayRequest unsupported = getRequest();
     unsupported.method = 1;
     const struct {
         const char* what;
         std::function<void()> setUp;
         bool ipp;  // an IPP POST in the block's mode, or the block alone
-        R block;
+        RelayRequest block;
         int32_t status;
         std::string body;
     } cases[] = {
         {"method", [] {}, false, unsupported, PRS_PRT_HTTP_RET_405_INVLD_MET, " 405 Method Not Allowed"},
-        {"empty reply", [&] { handler.emptyReply = true; }, true, R::get(0), PRS_PRT_HTTP_RET_401_ACCESS_DENIED,
+        {"empty reply", [&] { handler.emptyReply = true; }, true, getRequest(0), PRS_PRT_HTTP_RET_401_ACCESS_DENIED,
          " 401 Access Denied"},
-        {"disabled, GET", [] { IPPCGI_EnableIPP(0); }, false, R::get(), PRS_PRT_HTTP_RET_IPP_DISABLED, ""},
-        {"disabled, POST", [] {}, true, R::get(), PRS_PRT_HTTP_RET_IPP_DISABLED, ""},
+        {"disabled, GET", [] { IPPCGI_EnableIPP(0); }, false, getRequest(), PRS_PRT_HTTP_RET_IPP_DISABLED, ""},
+        {"disabled, POST", [] {}, true, getRequest(), PRS_PRT_HTTP_RET_IPP_DISABLED, ""},
     };
     for (const auto& k : cases) {
         SCOPED_TRACE(k.what);
         k.setUp();
         const int prepared = handler.prepared.load();
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(k.ipp ? sendIpp(c, ippRequest(kGetJobs, 2), k.block.connection) : c.sendRequest(k.block));
         const Reply r = c.readReply();
         ASSERT_TRUE(r.ok);
@@ -118,18 +119,18 @@ TEST_F(HttpdE2E, ReplyCodeAndHeadersFromTheHandlerKeepTheConnection) {
     handler.setHeaderToken = CMP_IPP_IF_HDR_WWW_AUTHENTICATE;
     handler.setHeaderText = "Basic realm=\"printer\"";
     start();
-    Client c(path_);
+    Client c(m_path);
     const Bytes ipp = ippRequest(kGetJobs, 3);
-    R block = R::post(static_cast<int32_t>(ipp.size()), 0);
+    RelayRequest block = postRequest(static_cast<int32_t>(ipp.size()), 0);
     block.headers = {{CMP_IPP_IF_HDR_HOST, "localhost"}, {CMP_IPP_IF_HDR_AUTHORIZATION, "Basic dXNlcjpwYXNz"}};
-    ASSERT_TRUE(c.sendRequest(block) && c.sendBlock(ipp) && c.sendEnd());
+    ASSERT_TRUE(c.sendRequest(block) && c.sendBody(ipp) && c.endBody());
     Reply r = c.readReply();
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_401_UNAUTHORIZED);
     EXPECT_EQ(r.body, " 401 Unauthorized Access");
     ASSERT_EQ(r.headers.size(), 1u) << "the handler's reply header goes out with the record";
-    EXPECT_EQ(r.headers[0].first, CMP_IPP_IF_HDR_WWW_AUTHENTICATE);
-    EXPECT_EQ(r.headers[0].second, "Basic realm=\"printer\"");
+    EXPECT_EQ(r.headers[0].token, CMP_IPP_IF_HDR_WWW_AUTHENTICATE);
+    EXPECT_EQ(r.headers[0].value, "Basic realm=\"printer\"");
     {
         std::lock_guard<std::mutex> g(handler.lock);
         EXPECT_EQ(handler.headerSeen, "Basic user:pass") << "credentials reach the handler decoded";
@@ -146,9 +147,9 @@ TEST_F(HttpdE2E, SilentClientGetsTimeoutRecordAndIsClosed) {
     AHTTPD_setReceiveTimeout(1);
     start();
     TraceCapture trace(0);
-    Client c(path_);
+    Client c(m_path);
     const auto t0 = Clock::now();
-    const Reply r = c.readReply(5000);
+    const Reply r = c.rawReply(5000);
     ASSERT_TRUE(r.ok);
     const int64_t waited = msSince(t0);
     EXPECT_EQ(r.status, PRS_PRT_HTTP_RET_408_TIMEOUT);
@@ -168,12 +169,12 @@ TEST(HttpdDefaults, ReceiveTimeoutAndKeepAliveAsDeployed) {
 // Mode 2 waits for the next request, modes other than 1, 2 and 4 read it at once.
 TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 21), AHTTPD_CONN_KEEP_ALIVE));
     expectIppReply(c.readReply(), 21);
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     for (int32_t mode : {int32_t{AHTTPD_CONN_KEEP_ALIVE}, 0, 7, int32_t{AHTTPD_CONN_CLOSE}}) {
-        ASSERT_TRUE(c.sendRequest(R::get(mode)));
+        ASSERT_TRUE(c.sendRequest(getRequest(mode)));
         const Reply page = c.readReply();
         ASSERT_TRUE(page.ok) << mode;
         EXPECT_EQ(page.connection, mode);
@@ -189,8 +190,8 @@ TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
 TEST_F(HttpdE2E, ModeTwoWithoutFurtherRequestEndsAfterTheKeepAliveWait) {
     AHTTPD_setKeepAlivePasses(10);  // about 0.5 s
     start();
-    Client c(path_);
-    ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_KEEP_ALIVE)));
+    Client c(m_path);
+    ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_KEEP_ALIVE)));
     ASSERT_TRUE(c.readReply().ok);
     const auto t0 = Clock::now();
     EXPECT_TRUE(c.closedByPeer(3000));
@@ -199,8 +200,8 @@ TEST_F(HttpdE2E, ModeTwoWithoutFurtherRequestEndsAfterTheKeepAliveWait) {
 
 TEST_F(HttpdE2E, ModeFourPausesBeforeClosing) {
     start();
-    Client c(path_);
-    ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_PAUSE_CLOSE)));
+    Client c(m_path);
+    ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_PAUSE_CLOSE)));
     ASSERT_TRUE(c.readReply().ok);
     const auto t0 = Clock::now();
     EXPECT_FALSE(c.closedByPeer(700)) << "still open during the pause";
@@ -212,21 +213,21 @@ TEST_F(HttpdE2E, ModeFourPausesBeforeClosing) {
 // (the rest of the block is never sent at all, late pieces may meet a closed socket).
 TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
     start();
-    const Bytes block = R::get().bytes();
+    const Bytes block = recordBytes(getRequest());
     const struct {
         std::vector<size_t> ends;
         int gapMs;
     } cases[] = {{{10, 20000, block.size()}, 50},
                  {{100, 200, 300, 400, 500, 600, 700, 800, 900, 1000, 1100, 1200, 1300, 1400}, 60}};
     for (const auto& k : cases) {
-        Client c(path_);
+        Client c(m_path);
         size_t from = 0;
         for (size_t end : k.ends) {
-            c.sendRaw(block.data() + from, end - from);
+            c.rawBytes(block.data() + from, end - from);
             from = end;
             std::this_thread::sleep_for(std::chrono::milliseconds(k.gapMs));
         }
-        const Reply r = c.readReply(3000);
+        const Reply r = c.rawReply(3000);
         ASSERT_TRUE(r.ok) << k.ends.size() << " pieces";
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.body, HttpTestHandler::kPage);
@@ -236,8 +237,8 @@ TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
 TEST_F(HttpdE2E, PeerClosingDuringTheRequestBlockEndsTheTask) {
     start();
     {
-        Client c(path_);
-        ASSERT_TRUE(c.sendRaw(R::get().bytes().data(), 5000));
+        Client c(m_path);
+        ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 5000));
         ASSERT_TRUE(settles([] { return getConnectionCount() == 1; }, 2000));
     }
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
@@ -272,19 +273,19 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
         const Bytes first = ippRequest(kPrintJob, 31);
         const int aborted = handler.aborted.load(), finished = handler.finished.load();
         const uint64_t bytes = handler.dataBytes.load();
-        Client client(path_);
-        R r = R::post(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
-        r.chunked = c.chunked ? 1 : 0;
-        ASSERT_TRUE(client.sendRequest(r));
-        ASSERT_TRUE(client.sendBlock(first));
-        ASSERT_TRUE(client.sendBlock(doc));
+        Client client(m_path);
+        RelayRequest r = postRequest(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
+        r.chunked = c.chunked;
+        ASSERT_TRUE(client.rawBytes(recordBytes(r)));
+        ASSERT_TRUE(client.rawBlock(first));
+        ASSERT_TRUE(client.rawBlock(doc));
         if (c.end == End::HalfCloseInBlock || c.end == End::CloseInBlock) {
             const int32_t announced = 3000;
-            ASSERT_TRUE(client.sendRaw(&announced, sizeof announced));
-            ASSERT_TRUE(client.sendRaw(doc.data(), 1000));
+            ASSERT_TRUE(client.rawBytes(&announced, sizeof announced));
+            ASSERT_TRUE(client.rawBytes(doc.data(), 1000));
         }
         switch (c.end) {
-        case End::EndBlock: ASSERT_TRUE(client.sendEnd()); break;
+        case End::EndBlock: ASSERT_TRUE(client.rawBlock({})); break;
         case End::HalfCloseAtBoundary:
         case End::HalfCloseInBlock: ASSERT_EQ(shutdown(client.fd(), SHUT_WR), 0); break;
         case End::CloseAtBoundary:
@@ -295,11 +296,11 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
             break;
         }
         if (c.end == End::EndBlock) {
-            expectIppReply(client.readReply(), 31);
+            expectIppReply(client.rawReply(), 31);
             EXPECT_EQ(handler.aborted.load(), aborted);
         } else {
             if (client.connected()) {
-                EXPECT_FALSE(client.readReply(3000).ok) << "closed without a reply";
+                EXPECT_FALSE(client.rawReply(3000).ok) << "closed without a reply";
             }
             EXPECT_TRUE(settles([&] { return handler.aborted.load() == aborted + 1; }, 3000)) << "stream aborted";
         }
@@ -313,20 +314,20 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
 // still delivered whole, and the next length word is read where it belongs.
 TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
     start();
-    Client c(path_);
-    R r = R::post(0, AHTTPD_CONN_CLOSE);
-    r.chunked = 1;
-    ASSERT_TRUE(c.sendRequest(r));
-    ASSERT_TRUE(c.sendBlock(ippRequest(kPrintJob, 32)));
+    Client c(m_path);
+    RelayRequest r = postRequest(0, AHTTPD_CONN_CLOSE);
+    r.chunked = true;
+    ASSERT_TRUE(c.rawBytes(recordBytes(r)));
+    ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 32)));
     const int32_t announced = 24 * 500;
-    ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
+    ASSERT_TRUE(c.rawBytes(&announced, sizeof announced));
     for (int i = 0; i < 24; ++i) {
-        ASSERT_TRUE(c.sendRaw(Bytes(500, static_cast<unsigned char>(i)).data(), 500));
+        ASSERT_TRUE(c.rawBytes(Bytes(500, static_cast<unsigned char>(i))));
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_TRUE(c.sendBlock(Bytes(100, 0x22)));
-    ASSERT_TRUE(c.sendEnd());
-    expectIppReply(c.readReply(), 32);
+    ASSERT_TRUE(c.rawBlock(Bytes(100, 0x22)));
+    ASSERT_TRUE(c.rawBlock({}));
+    expectIppReply(c.rawReply(), 32);
     EXPECT_EQ(handler.dataCalls.load(), 2);
     EXPECT_EQ(handler.dataBytes.load(), 24u * 500u + 100u);
     EXPECT_EQ(handler.aborted.load(), 0);
@@ -343,16 +344,16 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     handler.holdFinish = true;
     start();
     {
-        Client c(path_);
-        ASSERT_TRUE(c.sendRequest(R::get()));
+        Client c(m_path);
+        ASSERT_TRUE(c.sendRequest(getRequest()));
         ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
     }  // closed while the handler still builds the page
     handler.holdFinish = false;
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
     TraceCapture trace(2);
     {
-        Client c(path_);
-        ASSERT_TRUE(c.sendRequest(R::get()));
+        Client c(m_path);
+        ASSERT_TRUE(c.sendRequest(getRequest()));
         std::vector<unsigned char> record(AHTTPD_RSP_RECORD_SIZE);
         ASSERT_TRUE(c.readExact(record.data(), record.size(), 5000));
     }  // the 1 MB body is still on its way
@@ -363,8 +364,8 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     EXPECT_EQ(after.sa_handler, SIG_DFL) << "process-wide signal handling left alone";
     // Still serving, and a large body arrives whole.
     handler.htmlBytes = 300000;
-    Client again(path_);
-    ASSERT_TRUE(again.sendRequest(R::get()));
+    Client again(m_path);
+    ASSERT_TRUE(again.sendRequest(getRequest()));
     EXPECT_EQ(again.readReply().body, std::string(300000, 'h'));
 }
 
@@ -374,11 +375,11 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
     TraceCapture trace(0);
     std::vector<std::unique_ptr<Client>> open;
     for (int i = 0; i < AHTTPD_MAX_CONNECTIONS; ++i) {
-        open.emplace_back(new Client(path_));
+        open.emplace_back(new Client(m_path));
         ASSERT_TRUE(open.back()->connected());
     }
     ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS; }, 5000));
-    Client extra(path_);
+    Client extra(m_path);
     ASSERT_TRUE(extra.connected()) << "accepted by the listener";
     EXPECT_TRUE(extra.closedByPeer(3000)) << "and closed at once";
     EXPECT_TRUE(trace.contains(
@@ -387,8 +388,8 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
 
     open.front()->closeNow();
     ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS - 1; }, 5000));
-    Client next(path_);
-    ASSERT_TRUE(next.sendRequest(R::get()));
+    Client next(m_path);
+    ASSERT_TRUE(next.sendRequest(getRequest()));
     EXPECT_EQ(next.readReply().body, HttpTestHandler::kPage);
     open.clear();
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000));
@@ -397,7 +398,7 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
 // A stale file at the socket path is replaced; a stop without connections returns
 // promptly and removes the socket; the service starts and serves again.
 TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
-    FILE* f = fopen(path_.c_str(), "w");
+    FILE* f = fopen(m_path.c_str(), "w");
     ASSERT_NE(f, nullptr);
     fclose(f);
     for (int round = 0; round < 3; ++round) {
@@ -406,11 +407,11 @@ TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
         EXPECT_TRUE(settles(
             [&] {
                 struct stat st;
-                return stat(path_.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
+                return stat(m_path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode);
             },
             5000));
-        Client c(path_);
-        ASSERT_TRUE(c.sendRequest(R::get()));
+        Client c(m_path);
+        ASSERT_TRUE(c.sendRequest(getRequest()));
         EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage);
         c.closeNow();
         ASSERT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
@@ -419,7 +420,7 @@ TEST_F(HttpdE2E, StaleSocketFileStopWithoutConnectionsAndRestart) {
         EXPECT_LT(msSince(t0), 1000);
         EXPECT_EQ(g_pn_httpd_num_ports.load(), 0);
         EXPECT_EQ(g_pn_httpd_shutdown.load(), 0);
-        EXPECT_FALSE(Client(path_, 200).connected());
+        EXPECT_FALSE(Client(m_path, 200).connected());
     }
 }
 
@@ -442,13 +443,13 @@ TEST_F(HttpdE2E, SocketFileModeIgnoresTheUmask) {
         EXPECT_EQ(pn_httpd_set_socket_group(c.group), 0);
         start();
         struct stat st;
-        ASSERT_TRUE(settles([&] { return stat(path_.c_str(), &st) == 0 && (st.st_mode & 0777) == c.mode; }, 5000))
+        ASSERT_TRUE(settles([&] { return stat(m_path.c_str(), &st) == 0 && (st.st_mode & 0777) == c.mode; }, 5000))
             << std::oct << (st.st_mode & 0777);
         if (c.group >= 0) {
             EXPECT_EQ(st.st_gid, static_cast<gid_t>(c.group));
         }
-        Client client(path_);
-        ASSERT_TRUE(client.sendRequest(R::get()));
+        Client client(m_path);
+        ASSERT_TRUE(client.sendRequest(getRequest()));
         EXPECT_EQ(client.readReply().body, HttpTestHandler::kPage);
         client.closeNow();
         ASSERT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
@@ -459,7 +460,7 @@ TEST_F(HttpdE2E, SocketFileModeIgnoresTheUmask) {
 TEST_F(HttpdE2E, StopCutsShortARequestInProgress) {
     handler.holdFinish = true;
     start();
-    Client c(path_);
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 77), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return handler.finished.load() == 1; }, 3000));
     std::atomic<bool> stopped{false};
@@ -468,7 +469,7 @@ TEST_F(HttpdE2E, StopCutsShortARequestInProgress) {
         stopped = true;
     });
     EXPECT_TRUE(settles([&] { return stopped.load(); }, 5000)) << "the request inside the handler is not waited for";
-    EXPECT_NE(access(path_.c_str(), F_OK), 0) << "the listener has gone";
+    EXPECT_NE(access(m_path.c_str(), F_OK), 0) << "the listener has gone";
     handler.holdFinish = false;
     stopper.join();
     EXPECT_FALSE(c.readReply(2000).ok) << "the connection was shut down before its reply";
@@ -517,9 +518,9 @@ TEST(HttpdFacade, TermWithoutListenerReturnsZeroAndInstanceIsShared) {
 TEST_F(HttpdE2E, InitWithNullPrinterStillStartsTheListener) {
     cmp_ipp_manager::get()->unregisterPrinter(&printer.printer);  // ScopedPrinter restores it
     ASSERT_EQ(cmp_ipp_init_wrap(nullptr, &handler), 0);
-    running_ = true;
-    ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
-    Client c(path_);
+    m_running = true;
+    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 9)));
     const Reply r = c.readReply();
     ASSERT_TRUE(r.ok);

@@ -16,7 +16,7 @@ TEST_F(HttpdLoad, SixteenClientsOnKeepAliveConnections) {
     const auto t0 = Clock::now();
     for (int t = 0; t < clients; ++t) {
         threads.emplace_back([&, t] {
-            Client c(path_);
+            Client c(m_path);
             if (!c.connected()) {
                 bad += perClient;
                 return;
@@ -28,7 +28,7 @@ TEST_F(HttpdLoad, SixteenClientsOnKeepAliveConnections) {
                 const uint32_t id = static_cast<uint32_t>(t * 100000 + i + 1);
                 bool ok;
                 if (i % 4 == 3) {
-                    ok = c.sendRequest(RequestBlock::get(mode));
+                    ok = c.sendRequest(getRequest(mode));
                     const Reply reply = c.readReply();
                     ok = ok && reply.ok && reply.status == 0 && reply.body == HttpTestHandler::kPage;
                 } else {

@@ -13,8 +13,6 @@ const int kPrintJob = 0x0002;
 // request (seconds, up to the 30 s receive time-out) misses it.
 const int kStopDeadlineMs = 5000;
 
-using R = RequestBlock;
-
 class HttpdStopConcurrency : public HttpdServer {
 protected:
     void SetUp() override {
@@ -46,15 +44,15 @@ protected:
 void stalledUpload(Client& c, bool chunked) {
     const Bytes ipp = ippRequest(kPrintJob, 31);
     const Bytes doc(1000, 0x5a);
-    R block = R::post(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
-    block.chunked = chunked ? 1 : 0;
-    ASSERT_TRUE(c.sendRequest(block));
-    ASSERT_TRUE(c.sendBlock(ipp));
-    ASSERT_TRUE(c.sendBlock(doc));
+    RelayRequest block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
+    block.chunked = chunked;
+    ASSERT_TRUE(c.rawBytes(recordBytes(block)));
+    ASSERT_TRUE(c.rawBlock(ipp));
+    ASSERT_TRUE(c.rawBlock(doc));
     if (chunked) {
         const int32_t announced = static_cast<int32_t>(doc.size());
-        ASSERT_TRUE(c.sendRaw(&announced, sizeof announced));
-        ASSERT_TRUE(c.sendRaw(doc.data(), 10));
+        ASSERT_TRUE(c.rawBytes(&announced, sizeof announced));
+        ASSERT_TRUE(c.rawBytes(doc.data(), 10));
     }
 }
 
@@ -68,20 +66,19 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
     const Case cases[] = {
         {"idle keep-alive connection",
          [](Client& c) {
-             ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_KEEP_ALIVE)));
+             ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_KEEP_ALIVE)));
              ASSERT_TRUE(c.readReply().ok);
          },
          [] { return true; }, 0},
         {"connection pausing before its close",
          [](Client& c) {
-             ASSERT_TRUE(c.sendRequest(R::get(AHTTPD_CONN_PAUSE_CLOSE)));
+             ASSERT_TRUE(c.sendRequest(getRequest(AHTTPD_CONN_PAUSE_CLOSE)));
              ASSERT_TRUE(c.readReply().ok);
          },
          [] { return true; }, 0},
         {"connection that never sent its request block",
          [](Client& c) {
-             const Bytes part = R::get().bytes();
-             ASSERT_TRUE(c.sendRaw(part.data(), 100));
+             ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100));
          },
          [] { return getConnectionCount() == 1; }, 0},
         {"upload with a length", [](Client& c) { stalledUpload(c, false); },
@@ -95,7 +92,7 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
         const int abortedBefore = handler.aborted.load();
         const int finishedBefore = handler.finished.load();
         start();
-        Client c(path_);
+        Client c(m_path);
         ASSERT_TRUE(c.connected());
         k.bringUp(c);
         ASSERT_TRUE(settles(k.ready, 5000));
@@ -117,28 +114,28 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
 // the test, when the call left.
 class BlockingHandler : public HttpTestHandler {
 public:
-    explicit BlockingHandler(std::atomic<int>& clock) : clock_(clock) {}
+    explicit BlockingHandler(std::atomic<int>& clock) : m_clock(clock) {}
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         entered = true;
         while (!release.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         HttpTestHandler::processRequest(ctx, printer);
-        left = ++clock_;
+        left = ++m_clock;
     }
     std::atomic<bool> entered{false};
     std::atomic<bool> release{false};
     std::atomic<int> left{0};
 
 private:
-    std::atomic<int>& clock_;
+    std::atomic<int>& m_clock;
 };
 
 TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsForIt) {
     std::atomic<int> clock{0};
     BlockingHandler* busy = new BlockingHandler(clock);
     ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, busy), 0);
-    running_ = true;
-    ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
-    Client c(path_);
+    m_running = true;
+    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kPrintJob, 41), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return busy->entered.load(); }, 5000));
 
@@ -180,18 +177,18 @@ TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
     for (int round = 0; round < 20; ++round) {
         SCOPED_TRACE(round);
         ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
-        running_ = true;
+        m_running = true;
         if (round % 2 == 0) {
             // Half the rounds stop before the listener has even bound its socket.
-            ASSERT_TRUE(settles([&] { return access(path_.c_str(), F_OK) == 0; }, 5000));
+            ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
         }
         EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
-        running_ = false;
+        m_running = false;
     }
     start();
     for (int i = 0; i < 5; ++i) {
-        Client c(path_);
-        ASSERT_TRUE(c.sendRequest(R::get()));
+        Client c(m_path);
+        ASSERT_TRUE(c.sendRequest(getRequest()));
         EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
     }
 }

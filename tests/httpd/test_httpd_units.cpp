@@ -688,9 +688,9 @@ TEST(HttpReceive, RequestBlockCutShortReadsAsAFreshBlockBeyondWhatArrived) {
     Pair p;
     unsigned char* block = reinterpret_cast<unsigned char*>(p.req.get());
     std::memset(block, 0xAB, AHTTPD_REQ_BLOCK_SIZE);
-    RequestBlock r = RequestBlock::get(AHTTPD_CONN_KEEP_ALIVE);
+    RelayRequest r = getRequest(AHTTPD_CONN_KEEP_ALIVE);
     r.headers = {{3, "localhost"}};
-    const Bytes whole = r.bytes();
+    const Bytes whole = recordBytes(r);
     ASSERT_TRUE(p.peerSendAll(whole.data(), whole.size()));
     EXPECT_EQ(AHTTPD_requestHandler(p.req.get(), p.rsp.get()), 0);
     EXPECT_TRUE(std::equal(whole.begin(), whole.end(), block));

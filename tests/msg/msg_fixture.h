@@ -126,10 +126,10 @@ public:
         for (int32_t op : ops) o.m_longs.append(op);
         install(v, static_cast<int32_t>(versions.size()), "ipp-versions-supported");
         install(o, static_cast<int32_t>(ops.size()), "operations-supported");
-        saved_ = cmp_ipp_manager::get()->m_printer;
+        m_saved = cmp_ipp_manager::get()->m_printer;
         cmp_ipp_manager::get()->init(&printer);
     }
-    ~ScopedPrinter() { cmp_ipp_manager::get()->init(saved_); }
+    ~ScopedPrinter() { cmp_ipp_manager::get()->init(m_saved); }
 
     cmp_ipp_obj printer;
 
@@ -140,7 +140,7 @@ private:
         if (a.m_nameId == 0) a.setName(name, static_cast<int32_t>(std::strlen(name)));
         printer.m_attrs.cmp_ipp_attrs_set_attr(&a, false);
     }
-    void* saved_;
+    void* m_saved;
 };
 
 #endif

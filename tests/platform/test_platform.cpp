@@ -17,14 +17,14 @@ orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instanc
 class TraceTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        saved_ = log().level();
+        m_saved = log().level();
         log().clear();
     }
     void TearDown() override {
-        log().set_level(saved_);
+        log().set_level(m_saved);
         log().clear();
     }
-    int saved_ = 0;
+    int m_saved = 0;
 };
 
 TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {

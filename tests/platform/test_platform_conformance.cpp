@@ -388,10 +388,10 @@ TEST(PlatformTime, SleepsLastAtLeastTheTimeAsked) {
 class PlatformTrace : public ::testing::Test {
 protected:
     void SetUp() override {
-        saved_ = orvane::cmp_dbglog_common::get_instance().level();
+        m_saved = orvane::cmp_dbglog_common::get_instance().level();
         orvane::cmp_dbglog_common::get_instance().clear();
     }
-    void TearDown() override { orvane::cmp_dbglog_common::get_instance().set_level(saved_); }
+    void TearDown() override { orvane::cmp_dbglog_common::get_instance().set_level(m_saved); }
 
     static std::vector<std::string> lines() { return orvane::cmp_dbglog_common::get_instance().lines(); }
     static bool has(const std::string& line) {
@@ -401,7 +401,7 @@ protected:
     }
 
 private:
-    int saved_ = 0;
+    int m_saved = 0;
 };
 
 // Trace texts are part of what the library shows: each line arrives exactly as

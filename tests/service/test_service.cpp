@@ -19,7 +19,7 @@ class ServiceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         cmp_ipp_manager* m = cmp_ipp_manager::get();
-        savedHandler_ = m->m_handler;
+        m_savedHandler = m->m_handler;
         IPP_Initialize(nullptr, &handler);
         IPPCGI_EnableIPP(1);
     }
@@ -27,7 +27,7 @@ protected:
         // Whichever handler a test left registered: it goes out of scope now.
         cmp_ipp_manager* m = cmp_ipp_manager::get();
         m->unregisterHandler(m->m_handler.load());
-        if (savedHandler_ != nullptr) IPP_Initialize(nullptr, savedHandler_);
+        if (m_savedHandler != nullptr) IPP_Initialize(nullptr, m_savedHandler);
         IPPCGI_EnableIPP(0);
     }
 
@@ -61,7 +61,7 @@ protected:
     cmp_ipp_if_info_s record{};
 
 private:
-    cmp_ipp_handler* savedHandler_ = nullptr;
+    cmp_ipp_handler* m_savedHandler = nullptr;
 };
 
 TEST_F(ServiceTest, GoodRequestRunsPrepareProcessDataFinish) {

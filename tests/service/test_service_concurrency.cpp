@@ -109,7 +109,7 @@ struct Tracker {
 
 class TrackedHandler : public cmp_ipp_handler {
 public:
-    explicit TrackedHandler(Tracker& t) : t_(t) {}
+    explicit TrackedHandler(Tracker& t) : m_tracker(t) {}
     void processRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
     void abortRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
     void prepareRequest(cmp_ipp_streamed_ctx*, void* printer) override { call(printer); }
@@ -126,16 +126,16 @@ public:
 
 private:
     void call(void* printer) {
-        if (t_.gone.load()) ++t_.lateCalls;
-        ++t_.inside;
-        ++t_.calls;
+        if (m_tracker.gone.load()) ++m_tracker.lateCalls;
+        ++m_tracker.inside;
+        ++m_tracker.calls;
         // Read the printer object the way a handler does, and give other threads
         // room to overlap with the unregister.
         if (printer != nullptr) (void)static_cast<cmp_ipp_obj*>(printer)->m_attrs.count();
         std::this_thread::yield();
-        --t_.inside;
+        --m_tracker.inside;
     }
-    Tracker& t_;
+    Tracker& m_tracker;
 };
 
 // Handlers and printers are swapped out while eight threads drive streams and

@@ -32,14 +32,14 @@ int64_t nowMs() {
 // Waits are cut into slices so that a stop is noticed within one of them.
 const int kWaitSliceMs = 100;
 
-struct header_name {
+struct HeaderName {
     const char* name;
     int32_t token;
     bool inRequest;  // relayed from the HTTP request to the library
     bool inReply;    // relayed from the reply record to the HTTP response
 };
 
-const header_name kHeaderNames[] = {
+const HeaderName kHeaderNames[] = {
     {"Host", CMP_IPP_IF_HDR_HOST, true, false},
     {"Content-Type", CMP_IPP_IF_HDR_CONTENT_TYPE, true, true},
     {"Content-Length", CMP_IPP_IF_HDR_CONTENT_LENGTH, true, false},
@@ -105,32 +105,32 @@ int16_t getInt16(const unsigned char* in, size_t at) {
 
 }  // namespace
 
-void free_deleter::operator()(unsigned char* p) const { free(p); }
+void FreeDeleter::operator()(unsigned char* p) const { free(p); }
 
 int32_t requestHeaderToken(const char* name) {
     if (name == nullptr) return 0;
-    for (const header_name& h : kHeaderNames)
+    for (const HeaderName& h : kHeaderNames)
         if (h.inRequest && strcasecmp(h.name, name) == 0) return h.token;
     return 0;
 }
 
 const char* replyHeaderName(int32_t token) {
-    for (const header_name& h : kHeaderNames)
+    for (const HeaderName& h : kHeaderNames)
         if (h.inReply && h.token == token) return h.name;
     return nullptr;
 }
 
-std::vector<relay_header> selectHeaders(const std::vector<relay_header>& candidates) {
-    std::vector<relay_header> kept;
-    for (const relay_header& c : candidates) {
+std::vector<RelayHeader> selectHeaders(const std::vector<RelayHeader>& candidates) {
+    std::vector<RelayHeader> kept;
+    for (const RelayHeader& c : candidates) {
         if (c.token <= 0 || c.token > AHTTPD_MAX_TOKEN) continue;
         // A cut value (credentials above all) would be worse than none.
         if (c.value.size() >= static_cast<size_t>(AHTTPD_FIELD_TEXT_SIZE)) continue;
-        const bool seen = std::any_of(kept.begin(), kept.end(), [&](const relay_header& k) { return k.token == c.token; });
+        const bool seen = std::any_of(kept.begin(), kept.end(), [&](const RelayHeader& k) { return k.token == c.token; });
         if (!seen) kept.push_back(c);
     }
     std::stable_sort(kept.begin(), kept.end(),
-                     [](const relay_header& a, const relay_header& b) { return rankOf(a.token) < rankOf(b.token); });
+                     [](const RelayHeader& a, const RelayHeader& b) { return rankOf(a.token) < rankOf(b.token); });
     if (kept.size() > static_cast<size_t>(AHTTPD_NUM_HEADER_FIELDS)) kept.resize(AHTTPD_NUM_HEADER_FIELDS);
     return kept;
 }
@@ -179,7 +179,7 @@ std::string defaultSocketPath() { return socketPathIn(getenv("GEN_UNIX_PATH")); 
 size_t requestRecordSize() { return AHTTPD_REQ_BLOCK_SIZE; }
 size_t replyRecordSize() { return AHTTPD_RSP_RECORD_SIZE; }
 
-void encodeRequestRecord(const relay_request& req, unsigned char* out) {
+void encodeRequestRecord(const RelayRequest& req, unsigned char* out) {
     std::memset(out, 0, AHTTPD_REQ_BLOCK_SIZE);
     putInt32(out, offsetof(ahttpdReqObj, method), req.method);
     putInt32(out, offsetof(ahttpdReqObj, keepAliveLevel), req.keepAliveLevel);
@@ -187,7 +187,7 @@ void encodeRequestRecord(const relay_request& req, unsigned char* out) {
     putInt32(out, offsetof(ahttpdReqObj, contentLength), req.contentLength);
     putInt32(out, offsetof(ahttpdReqObj, chunked), req.chunked ? 1 : 0);
     int16_t n = 0;
-    for (const relay_header& h : req.headers) {
+    for (const RelayHeader& h : req.headers) {
         if (n == AHTTPD_NUM_HEADER_FIELDS) break;
         const size_t field = offsetof(ahttpdReqObj, headers) + static_cast<size_t>(n) * sizeof(ahttpdHeaderField);
         putInt32(out, field + offsetof(ahttpdHeaderField, token), h.token);
@@ -198,10 +198,10 @@ void encodeRequestRecord(const relay_request& req, unsigned char* out) {
     putInt16(out, offsetof(ahttpdReqObj, numHeaders), n);
 }
 
-void updateRequestRecord(const relay_request& req, unsigned char* out, record_slots& slots) {
+void updateRequestRecord(const RelayRequest& req, unsigned char* out, RecordSlots& slots) {
     if (!slots.primed) {
         std::memset(out, 0, AHTTPD_REQ_BLOCK_SIZE);
-        slots = record_slots();
+        slots = RecordSlots();
         slots.primed = true;
     }
     putInt32(out, offsetof(ahttpdReqObj, method), req.method);
@@ -210,7 +210,7 @@ void updateRequestRecord(const relay_request& req, unsigned char* out, record_sl
     putInt32(out, offsetof(ahttpdReqObj, contentLength), req.contentLength);
     putInt32(out, offsetof(ahttpdReqObj, chunked), req.chunked ? 1 : 0);
     int16_t n = 0;
-    for (const relay_header& h : req.headers) {
+    for (const RelayHeader& h : req.headers) {
         if (n == AHTTPD_NUM_HEADER_FIELDS) break;
         const size_t field = offsetof(ahttpdReqObj, headers) + static_cast<size_t>(n) * sizeof(ahttpdHeaderField);
         putInt32(out, field + offsetof(ahttpdHeaderField, token), h.token);
@@ -232,7 +232,7 @@ void updateRequestRecord(const relay_request& req, unsigned char* out, record_sl
     putInt16(out, offsetof(ahttpdReqObj, numHeaders), n);
 }
 
-void decodeReplyRecord(const unsigned char* in, relay_reply& out) {
+void decodeReplyRecord(const unsigned char* in, RelayReply& out) {
     out.status = getInt32(in, offsetof(ahttpdRspObj, status));
     out.connection = getInt32(in, offsetof(ahttpdRspObj, connection));
     out.headers.clear();
@@ -245,7 +245,7 @@ void decodeReplyRecord(const unsigned char* in, relay_reply& out) {
     }
 }
 
-// ---- relay_connection ------------------------------------------------------------
+// ---- RelayConnection ------------------------------------------------------------
 
 namespace {
 
@@ -263,88 +263,88 @@ void sleepMs(int ms) {
 
 }  // namespace
 
-bool relay_trust::trusts(uid_t uid) const {
+bool RelayTrust::trusts(uid_t uid) const {
     // Root can read our memory anyway; trusting it costs nothing.
     if (uid == geteuid() || uid == 0) return true;
     return std::find(uids.begin(), uids.end(), uid) != uids.end();
 }
 
-relay_connection::relay_connection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs,
-                                   const relay_trust* trust)
-    : timeoutMs_(timeoutMs), stopping_(stopping), connectRetryMs_(connectRetryMs), trust_(trust) {}
+RelayConnection::RelayConnection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs,
+                                   const RelayTrust* trust)
+    : m_timeoutMs(timeoutMs), m_stopping(stopping), m_connectRetryMs(connectRetryMs), m_trust(trust) {}
 
-relay_connection::~relay_connection() { close(); }
+RelayConnection::~RelayConnection() { close(); }
 
-relay_connection::outcome relay_connection::connectTo(const std::string& path) {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-    path_ = path;
+RelayConnection::Outcome RelayConnection::connectTo(const std::string& path) {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+    m_path = path;
     struct sockaddr_un addr;
     std::memset(&addr, 0, sizeof addr);
     addr.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof addr.sun_path) return outcome::unreachable;
+    if (path.empty() || path.size() >= sizeof addr.sun_path) return Outcome::Unreachable;
     std::memcpy(addr.sun_path, path.c_str(), path.size());
-    const int64_t deadline = nowMs() + connectRetryMs_;
+    const int64_t deadline = nowMs() + m_connectRetryMs;
     int backoff = kFirstBackoffMs;
     int fd = -1;
     for (;;) {
         fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) return outcome::failed;
+        if (fd < 0) return Outcome::Failed;
         if (connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) == 0) break;
         const int err = errno;
         ::close(fd);
         // A full backlog gives EAGAIN at once on Linux (nothing is queued); a
         // library starting up has no socket yet or does not listen yet.
-        if (err != EAGAIN && err != ECONNREFUSED && err != ENOENT && err != EINTR) return outcome::unreachable;
-        if ((stopping_ != nullptr && stopping_->load()) || nowMs() + backoff > deadline) return outcome::unreachable;
+        if (err != EAGAIN && err != ECONNREFUSED && err != ENOENT && err != EINTR) return Outcome::Unreachable;
+        if ((m_stopping != nullptr && m_stopping->load()) || nowMs() + backoff > deadline) return Outcome::Unreachable;
         sleepMs(backoff);
         backoff = std::min(backoff * 2, kLongestBackoffMs);
     }
-    if (trust_ != nullptr) {
+    if (m_trust != nullptr) {
         struct ucred cred;
         socklen_t length = sizeof cred;
         const bool known = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &length) == 0;
-        if (!known || !trust_->trusts(cred.uid)) {
-            untrustedUid_ = known ? cred.uid : static_cast<uid_t>(-1);
+        if (!known || !m_trust->trusts(cred.uid)) {
+            m_untrustedUid = known ? cred.uid : static_cast<uid_t>(-1);
             ::close(fd);
-            return outcome::untrusted;
+            return Outcome::Untrusted;
         }
     }
-    fd_ = fd;
-    stray_ = false;
-    lastUseMs_ = nowMs();
-    return outcome::ok;
+    m_fd = fd;
+    m_stray = false;
+    m_lastUseMs = nowMs();
+    return Outcome::Ok;
 }
 
-bool relay_connection::reusable(int64_t idleLimitMs) const {
-    if (fd_ < 0 || stray_ || nowMs() - lastUseMs_ > idleLimitMs) return false;
+bool RelayConnection::reusable(int64_t idleLimitMs) const {
+    if (m_fd < 0 || m_stray || nowMs() - m_lastUseMs > idleLimitMs) return false;
     // Between requests the library sends nothing: anything readable is its close.
-    struct pollfd p = {fd_, POLLIN, 0};
+    struct pollfd p = {m_fd, POLLIN, 0};
     return poll(&p, 1, 0) == 0;
 }
 
-void relay_connection::close() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-    fill_ = 0;
+void RelayConnection::close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+    m_fill = 0;
 }
 
-relay_connection::send_result relay_connection::sendRaw(const struct iovec* parts, int count) {
+RelayConnection::SendResult RelayConnection::sendRaw(const struct iovec* parts, int count) {
     struct iovec iov[4];
-    if (count > 4) return send_result::failed;
+    if (count > 4) return SendResult::Failed;
     std::memcpy(iov, parts, sizeof(struct iovec) * static_cast<size_t>(count));
     int first = 0;
     int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
     for (;;) {
         while (first < count && iov[first].iov_len == 0) ++first;
         if (first == count) break;
-        if (fd_ < 0) return send_result::failed;
+        if (m_fd < 0) return SendResult::Failed;
         struct msghdr m;
         std::memset(&m, 0, sizeof m);
         m.msg_iov = iov + first;
         m.msg_iovlen = static_cast<size_t>(count - first);
         // MSG_NOSIGNAL: a library that went away is an error here, not the end of the process.
-        ssize_t n = sendmsg(fd_, &m, MSG_NOSIGNAL);
+        ssize_t n = sendmsg(m_fd, &m, MSG_NOSIGNAL);
         if (n > 0) {
             for (; n > 0; ++first) {
                 const size_t take = std::min(static_cast<size_t>(n), iov[first].iov_len);
@@ -359,90 +359,90 @@ relay_connection::send_result relay_connection::sendRaw(const struct iovec* part
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             if (lastProgress < 0) lastProgress = nowMs();
-            if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs_)
-                return send_result::failed;
-            struct pollfd pf = {fd_, POLLOUT, 0};
+            if ((m_stopping != nullptr && m_stopping->load()) || nowMs() - lastProgress > m_timeoutMs)
+                return SendResult::Failed;
+            struct pollfd pf = {m_fd, POLLOUT, 0};
             (void)poll(&pf, 1, kWaitSliceMs);
             continue;
         }
-        if (n < 0 && (errno == EPIPE || errno == ECONNRESET) && noReplyWaiting()) return send_result::refused;
-        return send_result::failed;
+        if (n < 0 && (errno == EPIPE || errno == ECONNRESET) && noReplyWaiting()) return SendResult::Refused;
+        return SendResult::Failed;
     }
-    lastUseMs_ = nowMs();
-    lastSentMs_ = lastUseMs_;
-    return send_result::sent;
+    m_lastUseMs = nowMs();
+    m_lastSentMs = m_lastUseMs;
+    return SendResult::Sent;
 }
 
-bool relay_connection::sendParts(const struct iovec* parts, int count) {
+bool RelayConnection::sendParts(const struct iovec* parts, int count) {
     for (;;) {
-        const send_result r = sendRaw(parts, count);
-        if (r == send_result::sent) return true;
-        if (r == send_result::failed || !replayable() || !replay()) return false;
+        const SendResult r = sendRaw(parts, count);
+        if (r == SendResult::Sent) return true;
+        if (r == SendResult::Failed || !replayable() || !replay()) return false;
     }
 }
 
-bool relay_connection::noReplyWaiting() {
+bool RelayConnection::noReplyWaiting() {
     unsigned char b;
-    const ssize_t n = recv(fd_, &b, 1, MSG_PEEK | MSG_DONTWAIT);
+    const ssize_t n = recv(m_fd, &b, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n > 0) return false;
-    if (n < 0 && errno == ECONNRESET) refused_ = true;
+    if (n < 0 && errno == ECONNRESET) m_refused = true;
     // A close without a reset after a failed send still left our bytes unread.
-    if (n == 0) refused_ = true;
+    if (n == 0) m_refused = true;
     return true;
 }
 
-bool relay_connection::replay() {
+bool RelayConnection::replay() {
     // One budget per request, from its first refusal: the library is at its
     // limit only until a connection task or two have ended.
-    if (replayDeadline_ == 0) replayDeadline_ = nowMs() + connectRetryMs_;
+    if (m_replayDeadline == 0) m_replayDeadline = nowMs() + m_connectRetryMs;
     for (;;) {
-        if (stopping_ != nullptr && stopping_->load()) return false;
-        if (replaysThisRequest_ > 0) {
+        if (m_stopping != nullptr && m_stopping->load()) return false;
+        if (m_replaysThisRequest > 0) {
             // The first replay goes at once (a kept connection the library idled
             // out); repeated refusals back off.
-            if (nowMs() + replayBackoffMs_ > replayDeadline_) return false;
-            sleepMs(replayBackoffMs_);
-            replayBackoffMs_ = std::min(replayBackoffMs_ * 2, kLongestBackoffMs);
+            if (nowMs() + m_replayBackoffMs > m_replayDeadline) return false;
+            sleepMs(m_replayBackoffMs);
+            m_replayBackoffMs = std::min(m_replayBackoffMs * 2, kLongestBackoffMs);
         }
-        ++replaysThisRequest_;
-        ++replays_;
-        const std::string path = path_;
-        if (connectTo(path) != outcome::ok) return false;
-        refused_ = false;
+        ++m_replaysThisRequest;
+        ++m_replays;
+        const std::string path = m_path;
+        if (connectTo(path) != Outcome::Ok) return false;
+        m_refused = false;
         // The record had not gone: the parts being sent carry it.
-        if (!recordSent_) return true;
-        int32_t length = lastBlockLength_;
-        struct iovec parts[3] = {{record_.data(), record_.size()}, {&length, sizeof length}, {nullptr, 0}};
+        if (!m_recordSent) return true;
+        int32_t length = m_lastBlockLength;
+        struct iovec parts[3] = {{m_record.data(), m_record.size()}, {&length, sizeof length}, {nullptr, 0}};
         int count = 1;
-        if (blocksSent_ == 1) {
-            parts[2] = {block_.data(), static_cast<size_t>(lastBlockLength_)};
+        if (m_blocksSent == 1) {
+            parts[2] = {m_block.data(), static_cast<size_t>(m_lastBlockLength)};
             count = 3;
         }
-        send_result r = sendRaw(parts, count);
-        if (r == send_result::sent && endSent_) {
+        SendResult r = sendRaw(parts, count);
+        if (r == SendResult::Sent && m_endSent) {
             int32_t end = 0;
             struct iovec e = {&end, sizeof end};
             r = sendRaw(&e, 1);
         }
-        if (r == send_result::sent) return true;
-        if (r == send_result::failed) return false;
+        if (r == SendResult::Sent) return true;
+        if (r == SendResult::Failed) return false;
     }
 }
 
-bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs,
+bool RelayConnection::readAtLeast(struct iovec* parts, int count, size_t minimum, size_t* got, int timeoutMs,
                                    bool waitFirst) {
     *got = 0;
     int first = 0;
     int64_t lastProgress = -1;  // taken when a wait needs it: -1 is "just now"
     while (*got < minimum) {
-        if (fd_ < 0) return false;
+        if (m_fd < 0) return false;
         if (waitFirst) {
             // Nothing can be there yet: wait before the first receive.
             waitFirst = false;
             lastProgress = nowMs();
-            struct pollfd pf = {fd_, POLLIN, 0};
+            struct pollfd pf = {m_fd, POLLIN, 0};
             while (poll(&pf, 1, kWaitSliceMs) == 0) {
-                if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
+                if ((m_stopping != nullptr && m_stopping->load()) || nowMs() - lastProgress > timeoutMs) return false;
             }
         }
         while (first < count && parts[first].iov_len == 0) ++first;
@@ -451,10 +451,10 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
         std::memset(&m, 0, sizeof m);
         m.msg_iov = parts + first;
         m.msg_iovlen = static_cast<size_t>(count - first);
-        ssize_t n = recvmsg(fd_, &m, MSG_DONTWAIT);
+        ssize_t n = recvmsg(m_fd, &m, MSG_DONTWAIT);
         if (n > 0) {
             *got += static_cast<size_t>(n);
-            replyBytes_ += static_cast<size_t>(n);
+            m_replyBytes += static_cast<size_t>(n);
             for (; n > 0; ++first) {
                 const size_t take = std::min(static_cast<size_t>(n), parts[first].iov_len);
                 parts[first].iov_base = static_cast<unsigned char*>(parts[first].iov_base) + take;
@@ -470,8 +470,8 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
             // Closed before a byte of the reply. Taken for a refusal only when our
             // bytes were left unread; a library that read the whole request and
             // then closed has failed, and the request is not sent twice.
-            if (n < 0) refused_ = true;
-            if (refused_ && complete_ && replayable() && replay()) {
+            if (n < 0) m_refused = true;
+            if (m_refused && m_complete && replayable() && replay()) {
                 lastProgress = -1;
                 continue;
             }
@@ -479,112 +479,112 @@ bool relay_connection::readAtLeast(struct iovec* parts, int count, size_t minimu
         }
         if (errno != EAGAIN && errno != EWOULDBLOCK) return false;
         if (lastProgress < 0) lastProgress = nowMs();
-        if ((stopping_ != nullptr && stopping_->load()) || nowMs() - lastProgress > timeoutMs) return false;
-        struct pollfd pf = {fd_, POLLIN, 0};
+        if ((m_stopping != nullptr && m_stopping->load()) || nowMs() - lastProgress > timeoutMs) return false;
+        struct pollfd pf = {m_fd, POLLIN, 0};
         (void)poll(&pf, 1, kWaitSliceMs);
     }
-    lastUseMs_ = nowMs();
+    m_lastUseMs = nowMs();
     return true;
 }
 
-bool relay_connection::sendRequest(const relay_request& req) {
-    if (record_.data() == nullptr) {
+bool RelayConnection::sendRequest(const RelayRequest& req) {
+    if (m_record.data() == nullptr) {
         // Once per connection; fresh pages are known to be zero.
-        if (!record_.allocate(AHTTPD_REQ_BLOCK_SIZE)) return false;
-        slots_ = record_slots();
-        slots_.primed = true;
+        if (!m_record.allocate(AHTTPD_REQ_BLOCK_SIZE)) return false;
+        m_slots = RecordSlots();
+        m_slots.primed = true;
     }
-    updateRequestRecord(req, record_.data(), slots_);
-    fill_ = 0;
-    blocksSent_ = 0;
-    blockIntact_ = false;
-    lastBlockLength_ = 0;
-    endSent_ = false;
-    recordSent_ = false;
+    updateRequestRecord(req, m_record.data(), m_slots);
+    m_fill = 0;
+    m_blocksSent = 0;
+    m_blockIntact = false;
+    m_lastBlockLength = 0;
+    m_endSent = false;
+    m_recordSent = false;
     // Only a POST has a body; any other request is complete with its record.
-    complete_ = req.method != AHTTPD_METHOD_POST;
-    replyBytes_ = 0;
-    refused_ = false;
-    replaysThisRequest_ = 0;
-    replayDeadline_ = 0;
-    replayBackoffMs_ = kFirstBackoffMs;
-    if (!complete_) {
+    m_complete = req.method != AHTTPD_METHOD_POST;
+    m_replyBytes = 0;
+    m_refused = false;
+    m_replaysThisRequest = 0;
+    m_replayDeadline = 0;
+    m_replayBackoffMs = kFirstBackoffMs;
+    if (!m_complete) {
         // The record waits for the body; the part-block rule counts from here.
-        lastSentMs_ = nowMs();
-        return fd_ >= 0;
+        m_lastSentMs = nowMs();
+        return m_fd >= 0;
     }
     return sendPending(false, false);
 }
 
-bool relay_connection::sendPending(bool block, bool end) {
+bool RelayConnection::sendPending(bool block, bool end) {
     struct iovec parts[4];
     int count = 0;
-    if (!recordSent_) parts[count++] = {record_.data(), record_.size()};
-    int32_t length = static_cast<int32_t>(fill_);
-    const bool withBlock = block && fill_ > 0;
+    if (!m_recordSent) parts[count++] = {m_record.data(), m_record.size()};
+    int32_t length = static_cast<int32_t>(m_fill);
+    const bool withBlock = block && m_fill > 0;
     if (withBlock) {
         // Length word and data in one send where the socket takes it.
         parts[count++] = {&length, sizeof length};
-        parts[count++] = {block_.data(), fill_};
+        parts[count++] = {m_block.data(), m_fill};
     }
     int32_t endWord = 0;
     if (end) parts[count++] = {&endWord, sizeof endWord};
     if (count == 0) return true;
     if (!sendParts(parts, count)) return false;
-    recordSent_ = true;
+    m_recordSent = true;
     if (withBlock) {
-        ++blocksSent_;
-        blockIntact_ = true;
-        lastBlockLength_ = length;
-        fill_ = 0;
+        ++m_blocksSent;
+        m_blockIntact = true;
+        m_lastBlockLength = length;
+        m_fill = 0;
     }
     if (end) {
-        endSent_ = true;
-        complete_ = true;
+        m_endSent = true;
+        m_complete = true;
     }
     return true;
 }
 
-bool relay_connection::flushBlock() { return fill_ == 0 || sendPending(true, false); }
+bool RelayConnection::flushBlock() { return m_fill == 0 || sendPending(true, false); }
 
-bool relay_connection::addBody(const unsigned char* data, size_t length) {
-    if (length > 0 && block_.data() == nullptr && !block_.allocate(AHTTPD_SPOOL_SIZE)) return false;
+bool RelayConnection::addBody(const unsigned char* data, size_t length) {
+    if (length > 0 && m_block.data() == nullptr && !m_block.allocate(AHTTPD_SPOOL_SIZE)) return false;
     while (length > 0) {
-        const size_t take = std::min(length, block_.size() - fill_);
-        std::memcpy(block_.data() + fill_, data, take);
-        blockIntact_ = false;  // the last block sent is overwritten
-        fill_ += take;
+        const size_t take = std::min(length, m_block.size() - m_fill);
+        std::memcpy(m_block.data() + m_fill, data, take);
+        m_blockIntact = false;  // the last block sent is overwritten
+        m_fill += take;
         data += take;
         length -= take;
-        if (fill_ == block_.size() && !flushBlock()) return false;
+        if (m_fill == m_block.size() && !flushBlock()) return false;
     }
-    if (fill_ > 0 && nowMs() - lastSentMs_ >= kPartBlockMs) return flushBlock();
+    if (m_fill > 0 && nowMs() - m_lastSentMs >= kPartBlockMs) return flushBlock();
     return true;
 }
 
-bool relay_connection::endBody() { return sendPending(true, true); }
+bool RelayConnection::endBody() { return sendPending(true, true); }
 
-bool relay_connection::replyWaiting() {
+bool RelayConnection::replyWaiting() {
     // Nothing asked yet, nothing to answer: no need to look.
-    if (fd_ < 0 || !recordSent_) return false;
-    struct pollfd p = {fd_, POLLIN, 0};
+    if (m_fd < 0 || !m_recordSent) return false;
+    struct pollfd p = {m_fd, POLLIN, 0};
     if (poll(&p, 1, 0) <= 0) return false;
-    if (replyBytes_ != 0) return true;
+    if (m_replyBytes != 0) return true;
     unsigned char b;
-    const ssize_t n = recv(fd_, &b, 1, MSG_PEEK | MSG_DONTWAIT);
+    const ssize_t n = recv(m_fd, &b, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n > 0) return true;
     if (n < 0 && errno != ECONNRESET) return n < 0 && errno != EAGAIN && errno != EINTR;
     // A reset: the library closed without reading what we sent (a refusal at
     // its connection limit, or a kept connection it idled out).
-    if (n < 0) refused_ = true;
-    if (refused_ && replayable() && replay()) return replyWaiting();
+    if (n < 0) m_refused = true;
+    if (m_refused && replayable() && replay()) return replyWaiting();
     return true;
 }
 
-bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
+bool RelayConnection::readReply(RelayReply& out, int timeoutMs) {
     out.body.reset();
     out.bodyLength = 0;
-    if (!recordSent_) return false;  // the library has not been asked
+    if (!m_recordSent) return false;  // the library has not been asked
     const size_t recordSize = AHTTPD_RSP_RECORD_SIZE;
     // Only for this reply and never cleared (every byte is received into it):
     // an idle connection holds no 30 KB for its next reply.
@@ -592,7 +592,7 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     if (!record) return false;
     // The record and the start of the body (usually all of it) in one receive.
     // +1: a zero-length malloc could legally return null.
-    size_t room = bodyRoom_;
+    size_t room = m_bodyRoom;
     unsigned char* body = static_cast<unsigned char*>(malloc(room + 1));
     if (body == nullptr) return false;
     out.body.reset(body);
@@ -611,7 +611,7 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     // The library sends nothing beyond a reply; anything that came is not ours
     // to read as the next reply.
     if (have > length) {
-        stray_ = true;
+        m_stray = true;
         have = length;
     }
     if (length == 0) {
@@ -640,7 +640,7 @@ bool relay_connection::readReply(relay_reply& out, int timeoutMs) {
     // Room for the next reply on this connection: as much as this one took,
     // and some more. Bounded, so that one long reply does not make every later
     // one allocate a large block; a longer reply grows its block once.
-    bodyRoom_ = std::min<size_t>(std::max<size_t>(length + length / 8 + 512, 4096), 64 * 1024);
+    m_bodyRoom = std::min<size_t>(std::max<size_t>(length + length / 8 + 512, 4096), 64 * 1024);
     return true;
 }
 

@@ -19,32 +19,32 @@
 
 namespace cmp_ipp_fe {
 
-struct relay_header {
+struct RelayHeader {
     int32_t token;
     std::string value;
 };
 
 // What goes into one request record.
-struct relay_request {
+struct RelayRequest {
     int32_t method = 0;          // 0 GET, 2 POST
     int32_t keepAliveLevel = 0;
     int32_t connection = 1;      // 1 close, 2 keep-alive
     int32_t contentLength = 0;
     bool chunked = false;
-    std::vector<relay_header> headers;  // at most 15 are sent
+    std::vector<RelayHeader> headers;  // at most 15 are sent
 };
 
-struct free_deleter {
+struct FreeDeleter {
     void operator()(unsigned char* p) const;
 };
 
 // One reply record and its body. The body is malloc'd so that it can be handed
 // to the HTTP server without a copy.
-struct relay_reply {
+struct RelayReply {
     int32_t status = 0;
     int32_t connection = 0;
-    std::vector<relay_header> headers;
-    std::unique_ptr<unsigned char, free_deleter> body;
+    std::vector<RelayHeader> headers;
+    std::unique_ptr<unsigned char, FreeDeleter> body;
     size_t bodyLength = 0;
 };
 
@@ -56,7 +56,7 @@ int32_t requestHeaderToken(const char* name);
 const char* replyHeaderName(int32_t token);
 // Keeps the fields that matter most when there are more than a record holds,
 // one field per token, values that fit a field.
-std::vector<relay_header> selectHeaders(const std::vector<relay_header>& candidates);
+std::vector<RelayHeader> selectHeaders(const std::vector<RelayHeader>& candidates);
 // HTTP status for a reply record's status (0 is 200).
 unsigned httpStatusFor(int32_t code);
 
@@ -66,10 +66,10 @@ std::string socketPathIn(const char* dir);
 std::string defaultSocketPath();
 
 // Writes the request record (the library's 30444-byte request block).
-void encodeRequestRecord(const relay_request& req, unsigned char* out);
+void encodeRequestRecord(const RelayRequest& req, unsigned char* out);
 // What updateRequestRecord knows about a record it wrote before: how many
 // header fields were used and how many text bytes each one holds.
-struct record_slots {
+struct RecordSlots {
     bool primed = false;  // false: the buffer's content is unknown
     int16_t used = 0;
     uint16_t length[15] = {};
@@ -77,16 +77,16 @@ struct record_slots {
 // Turns the record in `out` (last written through the same `slots`) into the
 // record of `req`: the bytes encodeRequestRecord would write, but only the
 // fixed fields and the header fields are touched, not the whole 30444 bytes.
-void updateRequestRecord(const relay_request& req, unsigned char* out, record_slots& slots);
+void updateRequestRecord(const RelayRequest& req, unsigned char* out, RecordSlots& slots);
 size_t requestRecordSize();
 size_t replyRecordSize();
 // Reads a reply record; headers beyond the record's count are ignored.
-void decodeReplyRecord(const unsigned char* in, relay_reply& out);
+void decodeReplyRecord(const unsigned char* in, RelayReply& out);
 
 // Who may serve the library's socket: the socket's server must run as our own
 // user, as root, or as one of these users. Anyone else could have put a socket
 // of their own at the path and would receive clients' requests and credentials.
-struct relay_trust {
+struct RelayTrust {
     std::vector<uid_t> uids;
     bool trusts(uid_t uid) const;
 };
@@ -109,20 +109,23 @@ struct relay_trust {
 // An upload the HTTP client abandons ends with close() and no end block: the
 // library sees the connection go in the middle of the body and aborts the
 // stream instead of taking the document for complete.
-class relay_connection {
+class RelayConnection {
 public:
-    enum class outcome { ok, unreachable, untrusted, failed };
+    enum class Outcome { Ok, Unreachable, Untrusted, Failed };
 
-    relay_connection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs = 2000,
-                     const relay_trust* trust = nullptr);
-    ~relay_connection();
-    relay_connection(const relay_connection&) = delete;
-    relay_connection& operator=(const relay_connection&) = delete;
+    RelayConnection(int timeoutMs, const std::atomic<bool>* stopping, int connectRetryMs = 2000,
+                     const RelayTrust* trust = nullptr);
+    ~RelayConnection();
+    RelayConnection(const RelayConnection&) = delete;
+    RelayConnection& operator=(const RelayConnection&) = delete;
 
-    outcome connectTo(const std::string& path);
+    Outcome connectTo(const std::string& path);
     // The server's user when connectTo answered untrusted.
-    uid_t untrustedUid() const { return untrustedUid_; }
-    bool isOpen() const { return fd_ >= 0; }
+    uid_t untrustedUid() const { return m_untrustedUid; }
+    bool isOpen() const { return m_fd >= 0; }
+    // The socket (-1 when closed), for a caller that watches it itself; tests
+    // also write on it what a relay never sends.
+    int fd() const { return m_fd; }
     // Usable for another request: open, used within idleLimitMs, and the library
     // has neither closed its end nor sent anything unasked.
     bool reusable(int64_t idleLimitMs) const;
@@ -131,7 +134,7 @@ public:
     // A GET's record goes at once. A POST's record waits for its body and
     // leaves with the first block (or with the end block when the whole body
     // fits one block: record, block and end in one send).
-    bool sendRequest(const relay_request& req);
+    bool sendRequest(const RelayRequest& req);
     // Body bytes are coalesced into full 32768-byte blocks before they go out.
     // When the library has had nothing from us for two seconds, what has come
     // goes out as a part block, so that a slow upload never leaves the library
@@ -141,16 +144,16 @@ public:
     bool endBody();
     // True when the library has already answered (or closed) without waiting for the rest.
     bool replyWaiting();
-    bool readReply(relay_reply& out, int timeoutMs);
+    bool readReply(RelayReply& out, int timeoutMs);
 
     // Requests sent again after the library refused them (for tests and logs).
-    unsigned replays() const { return replays_; }
+    unsigned replays() const { return m_replays; }
 
 private:
-    enum class send_result { sent, refused, failed };
+    enum class SendResult { Sent, Refused, Failed };
     // Sends the parts whole (at most 4); refused: the library closed without
     // taking them and without a reply.
-    send_result sendRaw(const struct iovec* parts, int count);
+    SendResult sendRaw(const struct iovec* parts, int count);
     // As sendRaw, answering a refusal by a replay where possible.
     bool sendParts(const struct iovec* parts, int count);
     // Sends, in one go, the record if it has not gone yet, the block when
@@ -164,40 +167,40 @@ private:
     // Reconnects and sends again what of the current request went out.
     bool replay();
     bool replayable() const {
-        return replyBytes_ == 0 && (blocksSent_ == 0 || (blocksSent_ == 1 && blockIntact_));
+        return m_replyBytes == 0 && (m_blocksSent == 0 || (m_blocksSent == 1 && m_blockIntact));
     }
     // After a failed send: nothing of a reply is waiting, so the library took nothing.
     bool noReplyWaiting();
 
-    int fd_ = -1;
-    int timeoutMs_;
-    const std::atomic<bool>* stopping_;
-    int connectRetryMs_;
-    const relay_trust* trust_;
-    uid_t untrustedUid_ = 0;
-    std::string path_;
-    page_block record_;                  // the current request's record, kept for a replay
-    record_slots slots_;                 // what record_ holds from the request before
-    size_t bodyRoom_ = 8192;             // reply body bytes taken with the record
-    bool stray_ = false;                 // bytes came beyond a reply: not used again
-    page_block block_;  // taken at the first body byte
-    size_t fill_ = 0;
-    // Of the current request: blocks sent, whether block_ still holds the last
+    int m_fd = -1;
+    int m_timeoutMs;
+    const std::atomic<bool>* m_stopping;
+    int m_connectRetryMs;
+    const RelayTrust* m_trust;
+    uid_t m_untrustedUid = 0;
+    std::string m_path;
+    PageBlock m_record;                  // the current request's record, kept for a replay
+    RecordSlots m_slots;                 // what m_record holds from the request before
+    size_t m_bodyRoom = 8192;             // reply body bytes taken with the record
+    bool m_stray = false;                 // bytes came beyond a reply: not used again
+    PageBlock m_block;  // taken at the first body byte
+    size_t m_fill = 0;
+    // Of the current request: blocks sent, whether m_block still holds the last
     // one, whether the end block went, and reply bytes read.
-    unsigned blocksSent_ = 0;
-    bool blockIntact_ = false;
-    int32_t lastBlockLength_ = 0;
-    bool endSent_ = false;
-    bool recordSent_ = false;
-    bool complete_ = false;  // nothing more of the request is to come
-    size_t replyBytes_ = 0;
-    unsigned replaysThisRequest_ = 0;
-    int64_t replayDeadline_ = 0;  // 0: no refusal yet
-    int replayBackoffMs_ = 0;
-    bool refused_ = false;  // the library reset the connection with our data unread
-    unsigned replays_ = 0;
-    int64_t lastUseMs_ = 0;
-    int64_t lastSentMs_ = 0;  // when the library last got bytes from us
+    unsigned m_blocksSent = 0;
+    bool m_blockIntact = false;
+    int32_t m_lastBlockLength = 0;
+    bool m_endSent = false;
+    bool m_recordSent = false;
+    bool m_complete = false;  // nothing more of the request is to come
+    size_t m_replyBytes = 0;
+    unsigned m_replaysThisRequest = 0;
+    int64_t m_replayDeadline = 0;  // 0: no refusal yet
+    int m_replayBackoffMs = 0;
+    bool m_refused = false;  // the library reset the connection with our data unread
+    unsigned m_replays = 0;
+    int64_t m_lastUseMs = 0;
+    int64_t m_lastSentMs = 0;  // when the library last got bytes from us
 };
 
 }  // namespace cmp_ipp_fe

@@ -12,33 +12,33 @@
 
 namespace cmp_ipp_fe {
 
-class page_block {
+class PageBlock {
 public:
-    page_block() = default;
-    page_block(const page_block&) = delete;
-    page_block& operator=(const page_block&) = delete;
-    ~page_block() { release(); }
+    PageBlock() = default;
+    PageBlock(const PageBlock&) = delete;
+    PageBlock& operator=(const PageBlock&) = delete;
+    ~PageBlock() { release(); }
 
     // Zero-filled room for n bytes (n > 0); false when the system has none.
     bool allocate(size_t n) {
         release();
         void* p = mmap(nullptr, n, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (p == MAP_FAILED) return false;
-        data_ = static_cast<unsigned char*>(p);
-        size_ = n;
+        m_data = static_cast<unsigned char*>(p);
+        m_size = n;
         return true;
     }
     void release() {
-        if (data_ != nullptr) munmap(data_, size_);
-        data_ = nullptr;
-        size_ = 0;
+        if (m_data != nullptr) munmap(m_data, m_size);
+        m_data = nullptr;
+        m_size = 0;
     }
-    unsigned char* data() const { return data_; }
-    size_t size() const { return size_; }
+    unsigned char* data() const { return m_data; }
+    size_t size() const { return m_size; }
 
 private:
-    unsigned char* data_ = nullptr;
-    size_t size_ = 0;
+    unsigned char* m_data = nullptr;
+    size_t m_size = 0;
 };
 
 }  // namespace cmp_ipp_fe
