@@ -44,8 +44,8 @@ public:
 
     // Every vector grows by kDefaultGrowBy: nothing in the library asks for
     // another step, and keeping one per vector would cost a word in each of
-    // them. The argument is accepted for source compatibility only.
-    explicit cmp_ipp_vector(int32_t growBy = kDefaultGrowBy) noexcept : m_head(nullptr) { (void)growBy; }
+    // them, so the step is not the user's to set.
+    cmp_ipp_vector() noexcept : m_head(nullptr) {}
 
     cmp_ipp_vector(const cmp_ipp_vector& other) : m_head(nullptr) { *this = other; }
 

@@ -85,7 +85,7 @@ TEST(VectorGrowth, ReserveAndAssignmentFollowTheArrayRules) {
         for (int i = 0; i < 24; ++i) v.appendSlot().v = i;
         EXPECT_EQ(v.capacity(), 28) << "growth goes on in steps of 5 from a reserved size";
 
-        cmp_ipp_vector<Tracked> small(3);
+        cmp_ipp_vector<Tracked> small;
         small.appendSlot().v = 99;
         Tracked::reset();
         small = v;
@@ -113,11 +113,11 @@ TEST(VectorGrowth, ReserveAndAssignmentFollowTheArrayRules) {
 // A group holds its attributes by value and each attribute three vectors, so
 // the vector is one pointer (its counts live in its array) and the attribute
 // packs without gaps: 56 bytes on a 64-bit host, 36 on the 32-bit target.
-TEST(VectorGrowth, OnePointerWhateverTheStepAskedFor) {
+TEST(VectorGrowth, OnePointerGrowingByFive) {
     static_assert(sizeof(cmp_ipp_vector<cmp_ipp_attr>) == sizeof(void*), "a vector is one pointer");
     static_assert(sizeof(cmp_ipp_attr) == (sizeof(void*) == 8 ? 56 : 36), "attribute footprint");
 
-    cmp_ipp_vector<int32_t> v(3);
+    cmp_ipp_vector<int32_t> v;
     EXPECT_EQ(v.growBy(), 5);
     v.clear();
     EXPECT_FALSE(v.hasStorage()) << "emptying a vector that has no array makes none";
