@@ -14,16 +14,13 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include "cmp_ipp_clock.h"
 
 namespace cmp_ipp_fe {
 
 namespace {
 
-int64_t nowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+using cmp_ipp_app::nowMs;
 
 // The watchdog looks at least this often; deadlines are kept to within it.
 const int kWatchSliceMs = 200;

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include "cmp_ipp_clock.h"
 
 namespace cmp_ipp_fe {
 
@@ -21,11 +22,7 @@ const size_t kRememberedPairs = 32;
 // Longer names or passwords are refused without a look (a header is at most a few kB).
 const size_t kMaxCredential = 1024;
 
-int64_t nowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+using cmp_ipp_app::nowMs;
 
 // Equal texts, in a time that does not depend on where they differ.
 bool sameText(const std::string& a, const char* b) {

@@ -18,16 +18,13 @@
 // Only the record layouts and constants are taken from the library's header;
 // the front end does not link the library.
 #include "httpd/cmp_ipp_httpd.h"
+#include "cmp_ipp_clock.h"
 
 namespace cmp_ipp_fe {
 
 namespace {
 
-int64_t nowMs() {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
+using cmp_ipp_app::nowMs;
 
 // Waits are cut into slices so that a stop is noticed within one of them.
 const int kWaitSliceMs = 100;
