@@ -4,17 +4,12 @@
 // announced) is kept apart under a mutex of its own.
 #include "cmp_ipp_dnssd.h"
 
-#include <avahi-client/client.h>
-#include <avahi-client/publish.h>
-#include <avahi-common/alternative.h>
-#include <avahi-common/error.h>
-#include <avahi-common/malloc.h>
-#include <avahi-common/thread-watch.h>
-#include <avahi-common/timeval.h>
 #include <stdio.h>
 #include <sys/socket.h>
 
 #include <mutex>
+
+#include "cmp_ipp_avahi_calls.h"
 
 // Under the thread sanitizer: libdbus takes two of its own locks in one order
 // when Avahi's client connects and in the other when it closes, from one
@@ -24,6 +19,14 @@
 extern "C" const char* __tsan_default_suppressions() { return "deadlock:libdbus-1.so\n"; }
 
 namespace cmp_ipp_fe {
+
+namespace {
+
+// Every call below comes after a start that found the libraries.
+const AvahiCalls& av() { return *avahiCalls(nullptr); }
+
+}  // namespace
+
 
 struct DnssdPublisher::Impl {
     explicit Impl(const Options& o) : opts(o), name(o.name) {}
@@ -78,11 +81,11 @@ struct DnssdPublisher::Impl {
     void scheduleRetry(int ms) {
         if (retry == nullptr) return;
         struct timeval tv;
-        avahi_elapse_time(&tv, static_cast<unsigned>(ms), 0);
-        avahi_threaded_poll_get(poll)->timeout_update(retry, &tv);
+        av().avahi_elapse_time(&tv, static_cast<unsigned>(ms), 0);
+        av().avahi_threaded_poll_get(poll)->timeout_update(retry, &tv);
     }
     void dropGroup() {
-        if (group != nullptr) avahi_entry_group_free(group);
+        if (group != nullptr) av().avahi_entry_group_free(group);
         group = nullptr;
         publish(name, false);
     }
@@ -90,40 +93,40 @@ struct DnssdPublisher::Impl {
     void createClient() {
         int error = 0;
         replaceClient = false;
-        client = avahi_client_new(avahi_threaded_poll_get(poll), AVAHI_CLIENT_NO_FAIL, &Impl::onClient, this, &error);
+        client = av().avahi_client_new(av().avahi_threaded_poll_get(poll), AVAHI_CLIENT_NO_FAIL, &Impl::onClient, this, &error);
         if (client == nullptr) {
             // No system bus at all: Avahi cannot even wait for its daemon.
-            tell(Said::NoDaemon, std::string("DNS-SD: not announced, no Avahi daemon (") + avahi_strerror(error) +
+            tell(Said::NoDaemon, std::string("DNS-SD: not announced, no Avahi daemon (") + av().avahi_strerror(error) +
                                      "). The printer serves as usual and is announced once avahi-daemon runs.");
             scheduleRetry(opts.retryMs);
         }
     }
 
     void registerServices(AvahiClient* c) {
-        if (group == nullptr) group = avahi_entry_group_new(c, &Impl::onGroup, this);
+        if (group == nullptr) group = av().avahi_entry_group_new(c, &Impl::onGroup, this);
         if (group == nullptr) {
-            log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(avahi_client_errno(c)));
+            log(std::string("DNS-SD: cannot announce: ") + av().avahi_strerror(av().avahi_client_errno(c)));
             scheduleRetry(opts.retryMs);
             return;
         }
-        if (!avahi_entry_group_is_empty(group)) return;
+        if (!av().avahi_entry_group_is_empty(group)) return;
         // A name already announced from this machine (another printer) is
         // refused here at once, rather than reported as a collision later.
         for (int attempt = 0; attempt < 20; ++attempt) {
             const int rc = addAll();
             if (rc == AVAHI_OK) break;
             if (rc != AVAHI_ERR_COLLISION) {
-                log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(rc));
-                avahi_entry_group_reset(group);
+                log(std::string("DNS-SD: cannot announce: ") + av().avahi_strerror(rc));
+                av().avahi_entry_group_reset(group);
                 scheduleRetry(opts.retryMs);
                 return;
             }
             rename();
-            avahi_entry_group_reset(group);
+            av().avahi_entry_group_reset(group);
         }
-        const int rc = avahi_entry_group_commit(group);
+        const int rc = av().avahi_entry_group_commit(group);
         if (rc < 0) {
-            log(std::string("DNS-SD: cannot announce: ") + avahi_strerror(rc));
+            log(std::string("DNS-SD: cannot announce: ") + av().avahi_strerror(rc));
             scheduleRetry(opts.retryMs);
         }
     }
@@ -132,14 +135,14 @@ struct DnssdPublisher::Impl {
         for (const DnssdService& s : opts.services) {
             AvahiStringList* txt = nullptr;
             // Prepended, so built from the last entry back to keep the order.
-            for (auto it = s.txt.rbegin(); it != s.txt.rend(); ++it) txt = avahi_string_list_add(txt, it->c_str());
+            for (auto it = s.txt.rbegin(); it != s.txt.rend(); ++it) txt = av().avahi_string_list_add(txt, it->c_str());
             const AvahiPublishFlags none = static_cast<AvahiPublishFlags>(0);
-            int rc = avahi_entry_group_add_service_strlst(group, interfaceIndex(), protocol(), none, name.c_str(),
+            int rc = av().avahi_entry_group_add_service_strlst(group, interfaceIndex(), protocol(), none, name.c_str(),
                                                           s.type.c_str(), nullptr, nullptr, s.port, txt);
-            avahi_string_list_free(txt);
+            av().avahi_string_list_free(txt);
             if (rc < 0) return rc;
             for (const std::string& sub : s.subtypes) {
-                rc = avahi_entry_group_add_service_subtype(group, interfaceIndex(), protocol(), none, name.c_str(),
+                rc = av().avahi_entry_group_add_service_subtype(group, interfaceIndex(), protocol(), none, name.c_str(),
                                                            s.type.c_str(), nullptr, sub.c_str());
                 if (rc < 0) return rc;
             }
@@ -148,11 +151,11 @@ struct DnssdPublisher::Impl {
     }
 
     void rename() {
-        char* next = avahi_alternative_service_name(name.c_str());
+        char* next = av().avahi_alternative_service_name(name.c_str());
         const std::string old = name;
         if (next != nullptr) {
             name = next;
-            avahi_free(next);
+            av().avahi_free(next);
         }
         log("DNS-SD: the name \"" + old + "\" is taken; announcing as \"" + name + "\"");
         publish(name, false);
@@ -167,7 +170,7 @@ struct DnssdPublisher::Impl {
         case AVAHI_CLIENT_S_COLLISION:
         case AVAHI_CLIENT_S_REGISTERING:
             // The host's own name is being settled: announce again once it is.
-            if (d->group != nullptr) avahi_entry_group_reset(d->group);
+            if (d->group != nullptr) av().avahi_entry_group_reset(d->group);
             d->publish(d->name, false);
             break;
         case AVAHI_CLIENT_CONNECTING:
@@ -185,7 +188,7 @@ struct DnssdPublisher::Impl {
             // The bus itself went away: this client is done; a new one is made
             // from the timer (not from inside its own callback).
             d->dropGroup();
-            d->tell(Said::Lost, std::string("DNS-SD: lost the Avahi daemon (") + avahi_strerror(avahi_client_errno(c)) +
+            d->tell(Said::Lost, std::string("DNS-SD: lost the Avahi daemon (") + av().avahi_strerror(av().avahi_client_errno(c)) +
                                     "); the printer serves on and is announced again when it returns.");
             d->replaceClient = true;
             d->scheduleRetry(0);
@@ -205,12 +208,12 @@ struct DnssdPublisher::Impl {
         case AVAHI_ENTRY_GROUP_COLLISION:
             // Someone else on the network has the name.
             d->rename();
-            avahi_entry_group_reset(g);
-            d->registerServices(avahi_entry_group_get_client(g));
+            av().avahi_entry_group_reset(g);
+            d->registerServices(av().avahi_entry_group_get_client(g));
             break;
         case AVAHI_ENTRY_GROUP_FAILURE:
             d->log(std::string("DNS-SD: announcement failed: ") +
-                   avahi_strerror(avahi_client_errno(avahi_entry_group_get_client(g))) + "; trying again");
+                   av().avahi_strerror(av().avahi_client_errno(av().avahi_entry_group_get_client(g))) + "; trying again");
             d->publish(d->name, false);
             d->scheduleRetry(d->opts.retryMs);
             break;
@@ -224,16 +227,16 @@ struct DnssdPublisher::Impl {
         Impl* d = static_cast<Impl*>(self);
         if (d->replaceClient && d->client != nullptr) {
             d->dropGroup();
-            avahi_client_free(d->client);
+            av().avahi_client_free(d->client);
             d->client = nullptr;
         }
         if (d->client == nullptr) {
             d->createClient();
             return;
         }
-        if (avahi_client_get_state(d->client) != AVAHI_CLIENT_S_RUNNING) return;
-        if (d->group != nullptr && avahi_entry_group_get_state(d->group) == AVAHI_ENTRY_GROUP_FAILURE) {
-            avahi_entry_group_reset(d->group);
+        if (av().avahi_client_get_state(d->client) != AVAHI_CLIENT_S_RUNNING) return;
+        if (d->group != nullptr && av().avahi_entry_group_get_state(d->group) == AVAHI_ENTRY_GROUP_FAILURE) {
+            av().avahi_entry_group_reset(d->group);
         }
         d->registerServices(d->client);
     }
@@ -248,16 +251,21 @@ DnssdPublisher::~DnssdPublisher() { stop(); }
 bool DnssdPublisher::start(std::string* error) {
     Impl& d = *m_impl;
     if (d.poll != nullptr) return true;
-    d.poll = avahi_threaded_poll_new();
+    std::string why;
+    if (avahiCalls(&why) == nullptr) {
+        if (error != nullptr) *error = why;
+        return false;
+    }
+    d.poll = av().avahi_threaded_poll_new();
     if (d.poll == nullptr) {
         if (error != nullptr) *error = "cannot start the DNS-SD thread";
         return false;
     }
-    const AvahiPoll* api = avahi_threaded_poll_get(d.poll);
+    const AvahiPoll* api = av().avahi_threaded_poll_get(d.poll);
     d.retry = api->timeout_new(api, nullptr, &Impl::onRetry, &d);
     // Before the thread runs, nothing else touches the client.
     d.createClient();
-    if (avahi_threaded_poll_start(d.poll) < 0) {
+    if (av().avahi_threaded_poll_start(d.poll) < 0) {
         if (error != nullptr) *error = "cannot start the DNS-SD thread";
         stop();
         return false;
@@ -269,14 +277,14 @@ void DnssdPublisher::stop() {
     Impl& d = *m_impl;
     if (d.poll == nullptr) return;
     // After the stop the thread is gone: the rest is ours alone.
-    avahi_threaded_poll_stop(d.poll);
-    if (d.group != nullptr) avahi_entry_group_free(d.group);  // withdraws the services
+    av().avahi_threaded_poll_stop(d.poll);
+    if (d.group != nullptr) av().avahi_entry_group_free(d.group);  // withdraws the services
     d.group = nullptr;
-    if (d.client != nullptr) avahi_client_free(d.client);
+    if (d.client != nullptr) av().avahi_client_free(d.client);
     d.client = nullptr;
-    if (d.retry != nullptr) avahi_threaded_poll_get(d.poll)->timeout_free(d.retry);
+    if (d.retry != nullptr) av().avahi_threaded_poll_get(d.poll)->timeout_free(d.retry);
     d.retry = nullptr;
-    avahi_threaded_poll_free(d.poll);
+    av().avahi_threaded_poll_free(d.poll);
     d.poll = nullptr;
     d.publish(d.name, false);
 }
