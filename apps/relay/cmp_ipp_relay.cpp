@@ -26,6 +26,19 @@ namespace {
 
 using cmp_ipp_app::nowMs;
 
+// Moves past n bytes sent or received: parts done whole are skipped, a part
+// done in part is shortened to what is left of it.
+void consume(struct iovec* parts, int* first, size_t n) {
+    for (; n > 0; ++*first) {
+        struct iovec& p = parts[*first];
+        const size_t take = std::min(n, p.iov_len);
+        p.iov_base = static_cast<unsigned char*>(p.iov_base) + take;
+        p.iov_len -= take;
+        n -= take;
+        if (p.iov_len != 0) break;
+    }
+}
+
 // Waits are cut into slices so that a stop is noticed within one of them.
 const int kWaitSliceMs = 100;
 
@@ -343,13 +356,7 @@ RelayConnection::SendResult RelayConnection::sendRaw(const struct iovec* parts, 
         // MSG_NOSIGNAL: a library that went away is an error here, not the end of the process.
         ssize_t n = sendmsg(m_fd, &m, MSG_NOSIGNAL);
         if (n > 0) {
-            for (; n > 0; ++first) {
-                const size_t take = std::min(static_cast<size_t>(n), iov[first].iov_len);
-                iov[first].iov_base = static_cast<unsigned char*>(iov[first].iov_base) + take;
-                iov[first].iov_len -= take;
-                n -= static_cast<ssize_t>(take);
-                if (iov[first].iov_len != 0) break;
-            }
+            consume(iov, &first, static_cast<size_t>(n));
             lastProgress = -1;
             continue;
         }
@@ -452,13 +459,7 @@ bool RelayConnection::readAtLeast(struct iovec* parts, int count, size_t minimum
         if (n > 0) {
             *got += static_cast<size_t>(n);
             m_replyBytes += static_cast<size_t>(n);
-            for (; n > 0; ++first) {
-                const size_t take = std::min(static_cast<size_t>(n), parts[first].iov_len);
-                parts[first].iov_base = static_cast<unsigned char*>(parts[first].iov_base) + take;
-                parts[first].iov_len -= take;
-                n -= static_cast<ssize_t>(take);
-                if (parts[first].iov_len != 0) break;
-            }
+            consume(parts, &first, static_cast<size_t>(n));
             lastProgress = -1;
             continue;
         }
