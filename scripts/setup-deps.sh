@@ -15,9 +15,8 @@ packages=(
   clang
   libclang-rt-14-dev
   libmicrohttpd-dev       # the HTTP front end (apps/frontend)
-  pkg-config              # finds libmicrohttpd, GnuTLS, Avahi and libcrypt
+  pkg-config              # finds libmicrohttpd, GnuTLS and libcrypt
   libgnutls28-dev         # TLS of the front end: ipps://, its self-signed certificate
-  libavahi-client-dev     # DNS-SD announcement of cmp-ipp-printer
   libcrypt-dev            # password hashes of --auth-file (crypt(3))
   cups-ipp-utils          # ipptool, for the end-to-end tests of cmp-ipp-printer
   curl                    # fetches the printer's web page in those tests

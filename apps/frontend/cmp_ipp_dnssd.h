@@ -53,6 +53,11 @@ private:
     std::unique_ptr<Impl> m_impl;
 };
 
+// The next name to try after a collision, by Avahi's rule: "Name" becomes
+// "Name #2", "Name #2" becomes "Name #3", kept within a 63-byte DNS label
+// (shortened at a character boundary, the number kept).
+std::string alternativeServiceName(const std::string& name);
+
 }  // namespace cmp_ipp_fe
 
 #endif
