@@ -98,11 +98,17 @@ bool listedAsListening(const std::string& path, bool* readable) {
     char line[512];
     bool found = false;
     while (!found && fgets(line, sizeof line, f) != nullptr) {
-        unsigned long flags = 0;
-        char name[sizeof line];
-        // Num RefCount Protocol Flags Type St Inode Path
-        if (sscanf(line, "%*s %*s %*s %lx %*s %*s %*s %511s", &flags, name) == 2)
-            found = (flags & 0x10000UL) != 0 && path == name;
+        // Num RefCount Protocol Flags Type St Inode Path, split by hand: the
+        // scanf family would page in code the program uses nowhere else.
+        const char* field[8] = {};
+        int count = 0;
+        for (char* save = nullptr; count < 8; ++count) {
+            field[count] = strtok_r(count == 0 ? line : nullptr, " \t\n", &save);
+            if (field[count] == nullptr) break;
+        }
+        if (count < 8) continue;
+        const unsigned long flags = strtoul(field[3], nullptr, 16);
+        found = (flags & 0x10000UL) != 0 && path == field[7];
     }
     fclose(f);
     return found;

@@ -1,9 +1,11 @@
 // The reference printer's printer operations: Get-Printer-Attributes (built as
 // attributes, or taken from their wire form) and Identify-Printer.
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <memory>
-#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "cmp_ipp_refprinter_ops.h"
@@ -17,18 +19,22 @@ namespace {
 // Printer attributes that describe job template attributes ("copies-default",
 // "media-col-ready", "media-source-supported", ...): the "job-template" group.
 bool isJobTemplatePrinterAttr(const std::string& name) {
-    static const std::set<std::string> bases{
-        "copies", "finishings", "finishings-col", "job-hold-until", "job-priority", "job-sheets", "media",
-        "media-col", "multiple-document-handling", "number-up", "orientation-requested", "output-bin",
-        "overrides", "page-ranges", "print-color-mode", "print-content-optimize", "print-quality",
-        "print-rendering-intent", "print-scaling", "printer-resolution", "sides", "finishing-template",
-        "media-bottom-margin", "media-left-margin", "media-right-margin", "media-top-margin", "media-size",
-        "media-source", "media-type"};
+    // Sorted, for a binary search: a table in read-only data rather than a set
+    // built on the heap at start-up.
+    static const char* const kBases[] = {
+        "copies", "finishing-template", "finishings", "finishings-col", "job-hold-until", "job-priority",
+        "job-sheets", "media", "media-bottom-margin", "media-col", "media-left-margin", "media-right-margin",
+        "media-size", "media-source", "media-top-margin", "media-type", "multiple-document-handling",
+        "number-up", "orientation-requested", "output-bin", "overrides", "page-ranges", "print-color-mode",
+        "print-content-optimize", "print-quality", "print-rendering-intent", "print-scaling",
+        "printer-resolution", "sides"};
     for (const char* suffix : {"-default", "-supported", "-ready", "-database"}) {
         const size_t n = std::strlen(suffix);
-        if (name.size() > n && name.compare(name.size() - n, n, suffix) == 0 &&
-            bases.count(name.substr(0, name.size() - n)) != 0)
-            return true;
+        if (name.size() <= n || name.compare(name.size() - n, n, suffix) != 0) continue;
+        const std::string_view base(name.data(), name.size() - n);
+        const auto at = std::lower_bound(std::begin(kBases), std::end(kBases), base,
+                                         [](const char* a, std::string_view b) { return a < b; });
+        if (at != std::end(kBases) && base == *at) return true;
     }
     return false;
 }

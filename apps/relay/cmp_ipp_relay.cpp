@@ -139,8 +139,11 @@ std::vector<RelayHeader> selectHeaders(const std::vector<RelayHeader>& candidate
         const bool seen = std::any_of(kept.begin(), kept.end(), [&](const RelayHeader& k) { return k.token == c.token; });
         if (!seen) kept.push_back(c);
     }
-    std::stable_sort(kept.begin(), kept.end(),
-                     [](const RelayHeader& a, const RelayHeader& b) { return rankOf(a.token) < rankOf(b.token); });
+    // A handful of fields: a stable insertion sort by rank, without the buffer
+    // and merge code std::stable_sort brings into every program.
+    for (size_t i = 1; i < kept.size(); ++i)
+        for (size_t j = i; j > 0 && rankOf(kept[j].token) < rankOf(kept[j - 1].token); --j)
+            std::swap(kept[j], kept[j - 1]);
     if (kept.size() > static_cast<size_t>(AHTTPD_NUM_HEADER_FIELDS)) kept.resize(AHTTPD_NUM_HEADER_FIELDS);
     return kept;
 }
