@@ -13,7 +13,7 @@ class RecordingHandler : public cmp_ipp_handler {
 public:
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         record("process", ctx, printer);
-        if (processStatus >= 0) ctx->m_response.setStatusCode(static_cast<uint16_t>(processStatus));
+        if (unregisterInProcess) cmp_ipp_manager::get()->unregisterHandler(this);
     }
     void abortRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override { record("abort", ctx, printer); }
     void prepareRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
@@ -38,8 +38,8 @@ public:
     }
 
     int prepareStatus = -1;
-    int processStatus = -1;
     uint32_t dataResult = 0;
+    bool unregisterInProcess = false;
     std::string reply;
 
 private:
