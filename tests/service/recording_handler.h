@@ -45,8 +45,8 @@ public:
 private:
     void record(const std::string& what, cmp_ipp_streamed_ctx* ctx, void* printer) {
         char suffix[64];
-        std::snprintf(suffix, sizeof suffix, " status=0x%04x printer=%s",
-                      ctx != nullptr ? ctx->m_response.getStatusCode() : 0xFFFF, printer != nullptr ? "set" : "null");
+        std::snprintf(suffix, sizeof suffix, " 0x%04x%s", ctx != nullptr ? ctx->m_response.getStatusCode() : 0xFFFF,
+                      printer != nullptr ? "" : " no printer");
         std::lock_guard<std::mutex> g(lock);
         log.push_back(what + suffix);
     }

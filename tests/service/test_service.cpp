@@ -85,34 +85,27 @@ TEST_F(ServiceTest, StreamsRunTheHandlerCallsTheirStatusAllows) {
         Calls calls;
     } cases[] = {
         {"good request", 0x0002, 4242, -1, 0, "", false, false, false, 0, 0, okReply,
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "data 100 status=0x0000 printer=set", "finish ipp status=0x0000 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "data 100 0x0000", "finish ipp 0x0000"}},
         {"handler's data code and reply block", 0x0002, 4242, -1, 3, "hello", false, false, false, 0, 3, "hello",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "data 100 status=0x0000 printer=set", "finish ipp status=0x0000 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "data 100 0x0000", "finish ipp 0x0000"}},
         {"decoding failure only prepares", 0x000B, 0, -1, 0, "", false, false, false, 0x0400, 6, "",
-         {"prepare status=0x0400 printer=set", "finish ipp status=0x0400 printer=set"}},
+         {"prepare 0x0400", "finish ipp 0x0400"}},
         {"prepare fails: no processing, request id still copied", 0x000B, 99, 0x0400, 0, "", false, false, false,
-         0x0400, 6, std::string("\x01\x01\x04\x00\x00\x00\x00\x63", 8),
-         {"prepare status=0x0000 printer=set", "finish ipp status=0x0400 printer=set"}},
+         0x0400, 6, std::string("\x01\x01\x04\x00\x00\x00\x00\x63", 8), {"prepare 0x0000", "finish ipp 0x0400"}},
         {"aborted Print-Job", 0x0002, 77, -1, 0, "", false, false, true, 0x0405, 6, "",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "abort status=0x0405 printer=set", "finish ipp status=0x0405 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "abort 0x0405", "finish ipp 0x0405"}},
         {"aborted Create-Job", 0x0005, 77, -1, 0, "", false, false, true, 0x0405, 6, "",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "abort status=0x0405 printer=set", "finish ipp status=0x0405 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "abort 0x0405", "finish ipp 0x0405"}},
         {"aborted Send-Document", 0x0006, 77, -1, 0, "", false, false, true, 0x0405, 6, "",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "abort status=0x0405 printer=set", "finish ipp status=0x0405 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "abort 0x0405", "finish ipp 0x0405"}},
         {"aborted query: no abort call", 0x000B, 77, -1, 0, "", false, false, true, 0x0405, 6, "",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set",
-          "finish ipp status=0x0405 printer=set"}},
+         {"prepare 0x0000", "process 0x0000", "finish ipp 0x0405"}},
         {"abort keeps an error already set", 0x0002, 0, -1, 0, "", false, false, true, 0x0400, 6, "",
-         {"prepare status=0x0400 printer=set", "finish ipp status=0x0400 printer=set"}},
+         {"prepare 0x0400", "finish ipp 0x0400"}},
         {"no handler: nothing called through null", 0x0002, 77, -1, 0, "", true, false, true, 0x0502, 6, "", {}},
         // Not waited for (it would never end): the stream goes on without a handler.
         {"handler unregisters itself inside a call", 0x0002, 77, -1, 0, "", false, true, false, 0, 6, "",
-         {"prepare status=0x0000 printer=set", "process status=0x0000 printer=set"}},
+         {"prepare 0x0000", "process 0x0000"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -156,7 +149,7 @@ TEST_F(ServiceTest, NoPrinterGivesServiceUnavailable) {
     EXPECT_EQ(ctx->m_response.getStatusCode(), 0x0502);
     m->init(saved);
     m->streamDestroy(ctx, cmp_ipp_manager::CMP_IPP_REPLY_FMT_IPP);
-    EXPECT_EQ(handler.calls(), (Calls{"prepare status=0x0000 printer=null", "finish ipp status=0x0502 printer=set"}));
+    EXPECT_EQ(handler.calls(), (Calls{"prepare 0x0000 no printer", "finish ipp 0x0502"}));
 }
 
 TEST_F(ServiceTest, DisabledOrWithoutRecordGivesNoStream) {
@@ -204,7 +197,7 @@ TEST_F(ServiceTest, PrinterAttributesPageRequest) {
                                             std::string("printer-uri=") + (withUri ? "ipp://printer/ipp/print" : "")}));
         const Calls calls = inspecting.calls();
         ASSERT_EQ(calls.size(), 3u);
-        EXPECT_EQ(calls.back(), "finish html status=0x0000 printer=set");
+        EXPECT_EQ(calls.back(), "finish html 0x0000");
     }
     IPP_Initialize(nullptr, &handler);
 }
@@ -221,8 +214,6 @@ TEST_F(ServiceTest, StartAndStop) {
     EXPECT_EQ(pn_ipp_stop(0, nullptr), 0);
     EXPECT_EQ(IPPCGI_Enabled(), 0);
     EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
-    EXPECT_EQ(cmp_ipp_manager::get(), m);
-
     m->unregisterPrinter(first);
     EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
     EXPECT_EQ(m->m_printer, &otherPrinter);
@@ -246,17 +237,10 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
     IPP_STREAM_HANDLE h = start(request(0x000B));
     EXPECT_GE(IPP_StreamStatusCode(h), 0x0400) << "without a printer the request fails";
     end(h);
+    EXPECT_EQ(handler.calls(), (Calls{"prepare 0x0500 no printer", "finish ipp 0x0500 no printer"}));
     m->unregisterHandler(&handler);
     EXPECT_EQ(m->m_handler, nullptr);
-    m->init(registeredPrinter);
-    h = start(request(0x000B));
-    EXPECT_EQ(IPP_StreamStatusCode(h), 0x0502) << "without a handler the service is unavailable";
-    EXPECT_EQ(end(h), "");
-    EXPECT_EQ(handler.calls(), (Calls{"prepare status=0x0500 printer=null", "finish ipp status=0x0500 printer=null"}))
-        << "only the stream without a printer reached the handler";
-
     // A later start registers both again.
-    m->unregisterPrinter(registeredPrinter);
     EXPECT_EQ(pn_ipp_start(registeredPrinter, &handler), 1);
     EXPECT_EQ(m->m_printer, registeredPrinter);
     EXPECT_EQ(m->m_handler, &handler);
