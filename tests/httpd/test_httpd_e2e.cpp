@@ -114,13 +114,16 @@ TEST(HttpdDefaults, ReceiveTimeoutAndKeepAliveAsDeployed) {
     EXPECT_EQ(AHTTPD_getKeepAlivePasses(), 200);
 }
 
-// Mode 2 waits for the next request, modes other than 1, 2 and 4 read it at once.
-TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
+// Mode 2 waits for the next request, modes other than 1, 2 and 4 read it at once;
+// mode 1 closes after the reply. Without a next request, mode 2 closes after the
+// keep-alive passes, mode 4 after a pause of about a second.
+TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOrCloseAfterTheirWait) {
+    AHTTPD_setKeepAlivePasses(10);  // about 0.5 s
     start();
     Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 21), AHTTPD_CONN_KEEP_ALIVE));
     expectIppReply(c.readReply(), 21);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a quiet keep-alive pass
     for (int32_t mode : {int32_t{AHTTPD_CONN_KEEP_ALIVE}, 0, 7, int32_t{AHTTPD_CONN_CLOSE}}) {
         ASSERT_TRUE(c.sendRequest(getRequest(mode)));
         const Reply page = c.readReply();
@@ -133,28 +136,21 @@ TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOnTheSameConnection) {
     }
     EXPECT_EQ(handler.lastOperation.load(), kGetPrinterAttributes) << "a GET asks for the printer's attributes";
     EXPECT_TRUE(c.closedByPeer(2000)) << "mode 1 closes after the reply";
-}
-
-// After the reply, mode 2 waits the keep-alive passes for a next request, mode 4
-// pauses about a second; then both close.
-TEST_F(HttpdE2E, ModesTwoAndFourCloseAfterTheirWait) {
-    AHTTPD_setKeepAlivePasses(10);  // about 0.5 s
-    start();
     const struct {
         int32_t mode;
         int openForMs;  // still open this long after the reply
         int closedAfterMs;
-    } cases[] = {{AHTTPD_CONN_KEEP_ALIVE, 0, 400}, {AHTTPD_CONN_PAUSE_CLOSE, 700, 900}};
-    for (const auto& k : cases) {
+    } waits[] = {{AHTTPD_CONN_KEEP_ALIVE, 0, 400}, {AHTTPD_CONN_PAUSE_CLOSE, 700, 900}};
+    for (const auto& k : waits) {
         SCOPED_TRACE(k.mode);
-        Client c(m_path);
-        ASSERT_TRUE(c.sendRequest(getRequest(k.mode)));
-        ASSERT_TRUE(c.readReply().ok);
+        Client idle(m_path);
+        ASSERT_TRUE(idle.sendRequest(getRequest(k.mode)));
+        ASSERT_TRUE(idle.readReply().ok);
         const auto t0 = Clock::now();
         if (k.openForMs > 0) {
-            EXPECT_FALSE(c.closedByPeer(k.openForMs));
+            EXPECT_FALSE(idle.closedByPeer(k.openForMs));
         }
-        EXPECT_TRUE(c.closedByPeer(3000));
+        EXPECT_TRUE(idle.closedByPeer(3000));
         EXPECT_GE(msSince(t0), k.closedAfterMs);
     }
 }

@@ -85,7 +85,7 @@ PN_PIC_TaskParam param(Gate* g, const char* name, int joinable = 0) {
 
 // A long name is cut to 31 characters, a null one left empty; the record leaves the
 // list when the entry returns, and a joinable task can be joined.
-TEST(PicTasks, NamesDetachStateAndTheRecordsLife) {
+TEST(PicTasks, NamesDetachStateTheRecordsLifeAndFailures) {
     PN_PIC_Init();
     const std::string name40(40, 'n');
     const struct {
@@ -115,10 +115,7 @@ TEST(PicTasks, NamesDetachStateAndTheRecordsLife) {
         EXPECT_TRUE(settles([&] { return !findTask(c.listed).found; }, 3000));
         EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == blocks; }, 3000));
     }
-}
-
-TEST(PicTasks, FailuresLeaveNothingBehind) {
-    PN_PIC_Init();
+    // Failures leave nothing behind.
     const int32_t blocks = emwOSWTestOutstandingBlocks();
     Gate g;
     PN_PIC_TaskParam p = param(&g, "t");
