@@ -49,15 +49,6 @@ bool settles(F f, int timeoutMs) {
     return true;
 }
 
-// Scales loop counts down for slow runs (CMP_IPP_TEST_SCALE=0.25 under an emulator).
-inline int scaled(int n) {
-    const char* s = getenv("CMP_IPP_TEST_SCALE");
-    double f = s != nullptr ? atof(s) : 1.0;
-    if (f <= 0.0 || f > 1.0) f = 1.0;
-    const int v = static_cast<int>(n * f);
-    return v < 1 ? 1 : v;
-}
-
 using cmp_ipp_fe::RelayHeader;
 using cmp_ipp_fe::RelayRequest;
 

@@ -85,7 +85,7 @@ PN_PIC_TaskParam param(Gate* g, const char* name, int joinable = 0) {
 
 // A long name is cut to 31 characters, a null one left empty; the record leaves the
 // list when the entry returns, and a joinable task can be joined.
-TEST(PicTasks, NamesDetachStateAndTheRecordsLife) {
+TEST(PicTasks, NamesDetachStateTheRecordsLifeAndFailures) {
     PN_PIC_Init();
     const std::string name40(40, 'n');
     const struct {
@@ -115,10 +115,7 @@ TEST(PicTasks, NamesDetachStateAndTheRecordsLife) {
         EXPECT_TRUE(settles([&] { return !findTask(c.listed).found; }, 3000));
         EXPECT_TRUE(settles([&] { return emwOSWTestOutstandingBlocks() == blocks; }, 3000));
     }
-}
-
-TEST(PicTasks, FailuresLeaveNothingBehind) {
-    PN_PIC_Init();
+    // Failures leave nothing behind.
     const int32_t blocks = emwOSWTestOutstandingBlocks();
     Gate g;
     PN_PIC_TaskParam p = param(&g, "t");
@@ -325,6 +322,24 @@ struct Pair {
         if (peer >= 0) close(peer);
     }
     bool serverOpen() const { return fcntl(server, F_GETFD) != -1; }
+    void closePeer() {
+        close(peer);
+        peer = -1;
+    }
+    // Send and receive buffers far smaller than a reply record.
+    void smallBuffers() {
+        const int small = 4096;
+        setsockopt(server, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        setsockopt(peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    }
+    // A reply body of the library's own, released by the body sender.
+    void ownedBody(int32_t length, unsigned char fill) {
+        rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(static_cast<uint32_t>(length)));
+        std::memset(rsp->body, fill, static_cast<size_t>(length));
+        rsp->bodyLength = length;
+        rsp->bodyOwned = 1;
+        rsp->sendBody = transmit_response_body_frees;
+    }
     ssize_t peerRecv(void* b, size_t n, int timeoutMs = 3000) {
         struct pollfd p = {peer, POLLIN, 0};
         if (poll(&p, 1, timeoutMs) <= 0) return -2;
@@ -386,272 +401,6 @@ TEST(HttpReceive, ZeroByteReceiveIsThePeerGoneEvenWithAStaleErrno) {
     }
 }
 
-TEST(HttpSpool, BadCallsAndABlockInPieces) {
-    Pair p;
-    int32_t got = -1;
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH)
-        << "no spool size yet";
-    ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
-    EXPECT_EQ(p.req->spooling, 1);
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), AHTTPD_SPOOL_SIZE + 1, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
-    EXPECT_EQ(got, 0);
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 0, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
-
-    std::thread writer([&] {
-        for (char c : {'a', 'b', 'c'}) {
-            std::string piece(1000, c);
-            send(p.peer, piece.data(), piece.size(), 0);
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));
-        }
-    });
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 3000, &got, 10), 0);
-    writer.join();
-    EXPECT_EQ(got, 3000);
-    EXPECT_EQ(p.req->messageBody[0], 'a');
-    EXPECT_EQ(p.req->messageBody[2999], 'c');
-    EXPECT_EQ(p.req->messageBody[3000], 0) << "the spool buffer is cleared first";
-
-    AHTTPD_closeSpooling(p.req.get());
-    EXPECT_EQ(p.req->spooling, 0);
-    EXPECT_EQ(p.req->messageBody, nullptr);
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_NOT_SPOOLING);
-}
-
-TEST(HttpSend, BodyGoesOutInPiecesOf2048) {
-    Pair p(SOCK_SEQPACKET);  // keeps the boundaries of every send
-    std::vector<unsigned char> body(5000);
-    for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<unsigned char>(i);
-    p.rsp->body = body.data();
-    p.rsp->bodyLength = 5000;
-    EXPECT_EQ(transmit_response_body(p.rsp.get()), 0);
-    std::vector<size_t> sizes;
-    std::vector<unsigned char> all;
-    unsigned char buf[4096];
-    for (int i = 0; i < 3; ++i) {
-        const ssize_t n = p.peerRecv(buf, sizeof buf);
-        ASSERT_GT(n, 0);
-        sizes.push_back(static_cast<size_t>(n));
-        all.insert(all.end(), buf, buf + n);
-    }
-    EXPECT_EQ(sizes, (std::vector<size_t>{2048, 2048, 904}));
-    EXPECT_EQ(all, body);
-    EXPECT_NE(fcntl(p.server, F_GETFL) & O_NONBLOCK, 0) << "non-blocking from the first body on";
-    p.rsp->body = nullptr;
-}
-
-TEST(HttpSend, PartialAcceptanceOfTheRecordIsCompleted) {
-    Pair p;
-    const int small = 4096;
-    setsockopt(p.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    setsockopt(p.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    int on = 1;
-    ioctl(p.server, FIONBIO, &on);
-    size_t received = 0;
-    std::thread reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        unsigned char buf[1000];
-        while (received < static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE)) {
-            const ssize_t n = p.peerRecv(buf, sizeof buf);
-            if (n <= 0) break;
-            received += static_cast<size_t>(n);
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-    });
-    EXPECT_EQ(ahttpdTransmitHeader(p.rsp.get()), 0);
-    reader.join();
-    EXPECT_EQ(received, static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
-}
-
-// ---- error replies --------------------------------------------------------------------
-
-TEST(HttpErrorReply, TextCloseOrKeepByCode) {
-    const struct {
-        int32_t code;
-        std::string text;  // empty: the record alone
-        bool closes;
-    } cases[] = {
-        {PRS_PRT_HTTP_RET_408_TIMEOUT, " 408 Request Time-Out", true},
-        {PRS_PRT_HTTP_RET_IPP_DISABLED, "", true},
-        {PRS_PRT_HTTP_RET_401_UNAUTHORIZED, " 401 Unauthorized Access", false},
-        {PRS_PRT_HTTP_RET_500_INTERNAL, " 500 Internal Sever Error", true},
-        {PRS_PRT_HTTP_RET_REDIRECT, "", true},  // keepAliveLevel 0
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.code);
-        Pair p;
-        p.req->returnCode = c.code;
-        const auto t0 = Clock::now();
-        ahttpdErrorResponseHandler(p.rsp.get());
-        const int64_t took = msSince(t0);
-        const std::string rec = p.peerRead(AHTTPD_RSP_RECORD_SIZE);
-        ASSERT_EQ(rec.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
-        EXPECT_EQ(wordAt(rec.data(), 0), c.code);
-        ASSERT_EQ(wordAt(rec.data(), 8), static_cast<int32_t>(c.text.size()));
-        EXPECT_EQ(p.peerRead(c.text.size()), c.text);
-        EXPECT_EQ(p.rsp->body, nullptr);
-        if (c.closes) {
-            EXPECT_GE(took, 45) << "a short pause before closing";
-            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
-            EXPECT_EQ(p.req->sock, 0);
-            unsigned char b;
-            EXPECT_EQ(p.peerRecv(&b, 1), 0) << "closed";
-        } else {
-            EXPECT_EQ(p.rsp->returnCode, PRS_PRT_HTTP_RET_401_UNAUTHORIZED);
-            EXPECT_TRUE(p.serverOpen());
-            EXPECT_NE(p.req->sock, 0);
-        }
-    }
-}
-
-TEST(HttpErrorReply, RedirectWithKeepAliveWaitsForTheNextRequest) {
-    Pair p;
-    p.req->returnCode = PRS_PRT_HTTP_RET_REDIRECT;
-    p.req->keepAliveLevel = 2;
-    std::thread next([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        send(p.peer, "x", 1, 0);
-    });
-    ahttpdErrorResponseHandler(p.rsp.get());
-    next.join();
-    EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
-    EXPECT_TRUE(p.serverOpen());
-}
-
-TEST(HttpErrorReply, SocketFailureWithClosedSocketSendsNothing) {
-    Pair p;
-    close(p.server);
-    p.req->sock = 0;
-    p.rsp->sock = 0;
-    p.req->returnCode = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
-    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 1);
-    ahttpdErrorResponseHandler(p.rsp.get());
-    EXPECT_EQ(p.rsp->headerSent, 0);
-    EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
-    unsigned char b;
-    EXPECT_EQ(p.peerRecv(&b, 1, 200), 0) << "nothing but the close";
-    p.req->returnCode = PRS_PRT_HTTP_RET_408_TIMEOUT;
-    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 0);
-}
-
-// ---- the reply in one send, receiving, clearing -----------------------------------------
-
-// Whatever the socket takes at a time (a send buffer far smaller than the reply
-// and a reader that lags), the front end receives the record and then the body,
-// byte for byte, and nothing twice: the body sender that follows only reports.
-TEST(HttpReplySend, RecordAndBodyLeaveTogetherThroughASlowReader) {
-    for (const int32_t length : {1, 2048, 5000, 140000}) {
-        SCOPED_TRACE(length);
-        Pair p;
-        const int small = 4096;
-        setsockopt(p.server, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-        setsockopt(p.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-        const int32_t blocks = emwOSWTestOutstandingBlocks();
-        p.req->returnCode = 0;
-        p.req->connection = AHTTPD_CONN_KEEP_ALIVE;
-        ASSERT_EQ(AHTTPD_setResponseHeader(p.rsp.get(), 5, "application/ipp"), 0);
-        std::vector<unsigned char> body(static_cast<size_t>(length));
-        for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<unsigned char>(i * 7 + i / 256);
-        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(static_cast<uint32_t>(length)));
-        std::memcpy(p.rsp->body, body.data(), body.size());
-        p.rsp->bodyLength = length;
-        p.rsp->bodyOwned = 1;
-        p.rsp->sendBody = transmit_response_body_frees;
-        std::string received;
-        std::thread reader([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            char buf[3000];
-            while (received.size() < static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length)) {
-                const ssize_t n = p.peerRecv(buf, sizeof buf);
-                if (n <= 0) break;
-                received.append(buf, static_cast<size_t>(n));
-                std::this_thread::sleep_for(std::chrono::microseconds(300));
-            }
-        });
-        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
-        EXPECT_EQ(p.rsp->headerSent, 1);
-        EXPECT_EQ(p.rsp->numHeaders, 0);
-        EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), 0);
-        reader.join();
-        EXPECT_EQ(p.rsp->body, nullptr) << "released once sent";
-        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
-        ASSERT_EQ(received.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length));
-        EXPECT_EQ(wordAt(received.data(), 0), 0);
-        EXPECT_EQ(wordAt(received.data(), 4), AHTTPD_CONN_KEEP_ALIVE);
-        EXPECT_EQ(wordAt(received.data(), 8), length);
-        int16_t count;
-        std::memcpy(&count, received.data() + 12, sizeof count);
-        EXPECT_EQ(count, 1) << "the header count as it was when sent";
-        EXPECT_EQ(wordAt(received.data(), 16), 5);
-        EXPECT_EQ(received.compare(AHTTPD_RSP_RECORD_SIZE, std::string::npos,
-                                   std::string(body.begin(), body.end())),
-                  0);
-        unsigned char extra;
-        EXPECT_EQ(p.peerRecv(&extra, 1, 50), -2) << "nothing sent twice";
-        EXPECT_NE(fcntl(p.server, F_GETFL) & O_NONBLOCK, 0);
-    }
-}
-
-// The two steps keep their own failures: a record that could not go is a
-// header failure (the body untouched, no trace); a body cut off by a peer that
-// left after the record gives the body sender's traces and result.
-TEST(HttpReplySend, FailuresOfTheRecordAndOfTheBodyStayApart) {
-    {
-        Pair p;
-        close(p.peer);
-        p.peer = -1;
-        TraceCapture trace(2);
-        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(3000));
-        std::memset(p.rsp->body, 'x', 3000);
-        p.rsp->bodyLength = 3000;
-        p.rsp->bodyOwned = 1;
-        p.rsp->sendBody = transmit_response_body_frees;
-        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
-        EXPECT_EQ(p.rsp->headerSent, 0);
-        EXPECT_NE(p.rsp->body, nullptr) << "left to the error reply";
-        EXPECT_TRUE(trace.lines().empty());
-        cmp_ipp_free(p.rsp->body);
-        p.rsp->body = nullptr;
-    }
-    {
-        Pair p;
-        TraceCapture trace(2);
-        const int32_t length = 1 << 20;
-        p.rsp->body = static_cast<unsigned char*>(cmp_ipp_malloc(static_cast<uint32_t>(length)));
-        std::memset(p.rsp->body, 'y', static_cast<size_t>(length));
-        p.rsp->bodyLength = length;
-        p.rsp->bodyOwned = 1;
-        p.rsp->sendBody = transmit_response_body_frees;
-        std::thread reader([&] {
-            EXPECT_EQ(p.peerRead(AHTTPD_RSP_RECORD_SIZE).size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
-            close(p.peer);
-            p.peer = -1;
-        });
-        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0) << "the record went";
-        reader.join();
-        EXPECT_EQ(p.rsp->headerSent, 1);
-        EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
-        EXPECT_EQ(p.rsp->body, nullptr);
-        const std::vector<std::string> lines = trace.lines();
-        ASSERT_EQ(lines.size(), 2u);
-        EXPECT_EQ(lines[0], "[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n");
-        EXPECT_EQ(lines[1], "[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n");
-    }
-    {
-        // A body that is not one of the body senders' goes on its own: the
-        // record alone, one send (one message on a packet socket).
-        Pair p(SOCK_SEQPACKET);
-        static const unsigned char text[] = "abc";
-        p.rsp->body = const_cast<unsigned char*>(text);
-        p.rsp->bodyLength = 3;
-        p.rsp->sendBody = nullptr;
-        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
-        std::vector<unsigned char> rec(AHTTPD_RSP_RECORD_SIZE + 100);
-        EXPECT_EQ(p.peerRecv(rec.data(), rec.size()), AHTTPD_RSP_RECORD_SIZE);
-        EXPECT_EQ(p.peerRecv(rec.data(), rec.size(), 50), -2);
-        p.rsp->body = nullptr;
-    }
-}
-
 // A request block that stops short (here: the front end gone) reads as a fresh
 // block beyond what arrived: zero, with the connection mode 1, whatever the
 // previous request left in the record.
@@ -668,21 +417,16 @@ TEST(HttpReceive, RequestBlockCutShortReadsAsAFreshBlockBeyondWhatArrived) {
             if (sent > 0) {
                 EXPECT_TRUE(p.peerSendAll(bytes.data(), sent));
             }
-            close(p.peer);
-            p.peer = -1;
+            p.closePeer();
         });
         EXPECT_EQ(AHTTPD_requestHandler(p.req.get(), p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
         writer.join();
-        EXPECT_EQ(std::memcmp(block, bytes.data(), sent), 0);
         std::vector<unsigned char> expected(AHTTPD_REQ_BLOCK_SIZE, 0);
         std::memcpy(expected.data(), bytes.data(), sent);
         const int32_t mode = AHTTPD_CONN_CLOSE;
         for (size_t i = std::max(sent, modeAt); i < modeAt + sizeof mode; ++i)
             expected[i] = reinterpret_cast<const unsigned char*>(&mode)[i - modeAt];
         EXPECT_TRUE(std::equal(expected.begin(), expected.end(), block));
-        if (sent <= modeAt) {
-            EXPECT_EQ(p.req->connection, AHTTPD_CONN_CLOSE);
-        }
     }
     // A block that arrives whole is taken as it is.
     Pair p;
@@ -696,11 +440,14 @@ TEST(HttpReceive, RequestBlockCutShortReadsAsAFreshBlockBeyondWhatArrived) {
     EXPECT_TRUE(std::equal(whole.begin(), whole.end(), block));
 }
 
-// The spool block of a connection stays with it from request to request, and
-// bytes past those received still read as zero: what earlier blocks left is
-// cleared, however they were written.
+// Bad calls are refused; the spool block of a connection stays with it from
+// request to request, and bytes past those received still read as zero: what
+// earlier blocks left is cleared, however they were written.
 TEST(HttpSpool, ConnectionKeepsItsBlockAndBytesPastTheReceivedOnesReadAsZero) {
     Pair p;
+    int32_t got = -1;
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH)
+        << "no spool size yet";
     const int32_t blocks = emwOSWTestOutstandingBlocks();
     ahttpdConnectionBegin(p.req->sock);
     auto allZeroFrom = [&](size_t from) {
@@ -709,14 +456,28 @@ TEST(HttpSpool, ConnectionKeepsItsBlockAndBytesPastTheReceivedOnesReadAsZero) {
         return true;
     };
     ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
+    EXPECT_EQ(p.req->spooling, 1);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), AHTTPD_SPOOL_SIZE + 1, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 0, &got, 10), PRS_PRT_HTTP_RET_BAD_SPOOL_LENGTH);
     unsigned char* const spool = p.req->messageBody;
-    int32_t got = 0;
-    ASSERT_TRUE(p.peerSendAll(std::string(20000, 'x').data(), 20000));
-    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 20000, &got, 10), 0);
-    EXPECT_EQ(got, 20000);
-    EXPECT_TRUE(allZeroFrom(20000)) << "fresh memory is cleared past the block";
+    // A block that comes in three pieces is assembled.
+    std::thread writer([&] {
+        for (char c : {'a', 'b', 'c'}) {
+            EXPECT_TRUE(p.peerSendAll(std::string(1000, c).data(), 1000));
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        }
+    });
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 3000, &got, 10), 0);
+    writer.join();
+    EXPECT_EQ(got, 3000);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(spool), 3000),
+              std::string(1000, 'a') + std::string(1000, 'b') + std::string(1000, 'c'));
+    EXPECT_TRUE(allZeroFrom(3000)) << "fresh memory is cleared past the block";
     AHTTPD_closeSpooling(p.req.get());
+    EXPECT_EQ(p.req->spooling, 0);
     EXPECT_EQ(p.req->messageBody, nullptr);
+    EXPECT_EQ(AHTTPD_getSpooledData(p.req.get(), 10, &got, 10), PRS_PRT_HTTP_RET_NOT_SPOOLING);
     EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + 1) << "kept for the next request";
 
     ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
@@ -745,72 +506,250 @@ TEST(HttpSpool, ConnectionKeepsItsBlockAndBytesPastTheReceivedOnesReadAsZero) {
     EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
 }
 
-// A connection that is busy keeps its spool block through the keep-alive wait;
-// one that stays quiet for a whole pass gives it back.
-TEST(HttpSpool, IdleConnectionGivesItsBlockBack) {
+// The keep-alive wait tells a request from a peer that has gone, however the
+// two come together. A connection that is busy keeps its spool block through
+// the wait; one that stays quiet for a whole pass gives it back.
+TEST(HttpKeepAlive, RequestWaitingOrPeerGoneAndTheSpoolBlockOfAnIdleConnection) {
     const int32_t savedPasses = AHTTPD_getKeepAlivePasses();
     AHTTPD_setKeepAlivePasses(10);
-    for (const int delayMs : {0, 150}) {
-        SCOPED_TRACE(delayMs);
+    const struct {
+        const char* what;
+        int requestAfterMs;  // -1: none
+        int how;             // 0 leave open, 1 shut down its sending side, 2 close
+        bool waits;
+        bool keepsBlock;
+    } cases[] = {
+        {"request waiting", 0, 0, true, true},
+        {"request after a quiet pass", 150, 0, true, false},
+        {"request, then the sending side shut", 0, 1, true, true},
+        {"sending side shut", -1, 1, false, false},
+        {"closed", -1, 2, false, false},
+        {"nothing comes", -1, 0, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
         Pair p;
         const int32_t blocks = emwOSWTestOutstandingBlocks();
         ahttpdConnectionBegin(p.req->sock);
         ASSERT_EQ(AHTTPD_spoolPostedData(p.req.get(), AHTTPD_SPOOL_SIZE), 0);
         AHTTPD_closeSpooling(p.req.get());
         std::thread next([&] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+            if (c.requestAfterMs < 0) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(c.requestAfterMs));
             EXPECT_TRUE(p.peerSendAll("r", 1));
         });
-        if (delayMs == 0) next.join();
+        if (c.requestAfterMs == 0) next.join();
+        if (c.how == 1) shutdown(p.peer, SHUT_WR);
+        if (c.how == 2) p.closePeer();
         ahttpdKeepAliveListener(p.rsp.get());
         if (next.joinable()) next.join();
-        EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
-        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + (delayMs == 0 ? 1 : 0));
+        if (c.waits) {
+            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
+            EXPECT_TRUE(p.serverOpen());
+            EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks + (c.keepsBlock ? 1 : 0));
+        } else {
+            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
+            EXPECT_EQ(p.req->sock, 0);
+            EXPECT_FALSE(p.serverOpen());
+        }
         ahttpdConnectionEnd();
         EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
     }
     AHTTPD_setKeepAlivePasses(savedPasses);
 }
 
-// The keep-alive wait tells a request from a peer that has gone, however the
-// two come together.
-TEST(HttpKeepAlive, RequestWaitingOrPeerGone) {
-    const int32_t savedPasses = AHTTPD_getKeepAlivePasses();
-    AHTTPD_setKeepAlivePasses(4);
+// On a packet socket every send keeps its boundaries: the body sender sends
+// pieces of 2048 bytes (non-blocking from the first body on), and a body that
+// is not one of the body senders' leaves the record to go alone.
+TEST(HttpSend, BodyInPiecesOf2048AndAForeignBodyNotWithTheRecord) {
+    Pair p(SOCK_SEQPACKET);
+    std::vector<unsigned char> body(5000);
+    for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<unsigned char>(i);
+    p.rsp->body = body.data();
+    p.rsp->bodyLength = 5000;
+    EXPECT_EQ(transmit_response_body(p.rsp.get()), 0);
+    std::vector<size_t> sizes;
+    std::vector<unsigned char> all;
+    std::vector<unsigned char> buf(AHTTPD_RSP_RECORD_SIZE + 100);
+    for (int i = 0; i < 3; ++i) {
+        const ssize_t n = p.peerRecv(buf.data(), buf.size());
+        ASSERT_GT(n, 0);
+        sizes.push_back(static_cast<size_t>(n));
+        all.insert(all.end(), buf.begin(), buf.begin() + n);
+    }
+    EXPECT_EQ(sizes, (std::vector<size_t>{2048, 2048, 904}));
+    EXPECT_EQ(all, body);
+    EXPECT_NE(fcntl(p.server, F_GETFL) & O_NONBLOCK, 0);
+
+    p.rsp->sendBody = nullptr;
+    EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
+    EXPECT_EQ(p.peerRecv(buf.data(), buf.size()), AHTTPD_RSP_RECORD_SIZE);
+    EXPECT_EQ(p.peerRecv(buf.data(), buf.size(), 50), -2);
+    p.rsp->body = nullptr;
+}
+
+TEST(HttpSend, PartialAcceptanceOfTheRecordIsCompleted) {
+    Pair p;
+    p.smallBuffers();
+    int on = 1;
+    ioctl(p.server, FIONBIO, &on);
+    std::string received;
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        received = p.peerRead(AHTTPD_RSP_RECORD_SIZE);
+    });
+    EXPECT_EQ(ahttpdTransmitHeader(p.rsp.get()), 0);
+    reader.join();
+    EXPECT_EQ(received.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
+}
+
+// Whatever the socket takes at a time (a send buffer far smaller than the reply
+// and a reader that lags), the front end receives the record and then the body,
+// byte for byte, and nothing twice: the body sender that follows only reports.
+TEST(HttpReplySend, RecordAndBodyLeaveTogetherThroughASlowReader) {
+    for (const int32_t length : {1, 2048, 5000, 140000}) {
+        SCOPED_TRACE(length);
+        Pair p;
+        p.smallBuffers();
+        const int32_t blocks = emwOSWTestOutstandingBlocks();
+        p.req->returnCode = 0;
+        p.req->connection = AHTTPD_CONN_KEEP_ALIVE;
+        ASSERT_EQ(AHTTPD_setResponseHeader(p.rsp.get(), 5, "application/ipp"), 0);
+        p.ownedBody(length, 0);
+        std::string body(static_cast<size_t>(length), '\0');
+        for (size_t i = 0; i < body.size(); ++i) body[i] = static_cast<char>(i * 7 + i / 256);
+        std::memcpy(p.rsp->body, body.data(), body.size());
+        std::string received;
+        std::thread reader([&] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            char buf[3000];
+            while (received.size() < static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length)) {
+                const ssize_t n = p.peerRecv(buf, sizeof buf);
+                if (n <= 0) break;
+                received.append(buf, static_cast<size_t>(n));
+                std::this_thread::sleep_for(std::chrono::microseconds(300));
+            }
+        });
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0);
+        EXPECT_EQ(p.rsp->headerSent, 1);
+        EXPECT_EQ(p.rsp->numHeaders, 0);
+        EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), 0);
+        reader.join();
+        EXPECT_EQ(p.rsp->body, nullptr) << "released once sent";
+        EXPECT_EQ(emwOSWTestOutstandingBlocks(), blocks);
+        ASSERT_EQ(received.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE + length));
+        EXPECT_EQ(wordAt(received.data(), 0), 0);
+        EXPECT_EQ(wordAt(received.data(), 4), AHTTPD_CONN_KEEP_ALIVE);
+        EXPECT_EQ(wordAt(received.data(), 8), length);
+        int16_t count;
+        std::memcpy(&count, received.data() + 12, sizeof count);
+        EXPECT_EQ(count, 1) << "the header count as it was when sent";
+        EXPECT_EQ(wordAt(received.data(), 16), 5);
+        EXPECT_EQ(received.substr(AHTTPD_RSP_RECORD_SIZE), body);
+        unsigned char extra;
+        EXPECT_EQ(p.peerRecv(&extra, 1, 50), -2) << "nothing sent twice";
+    }
+}
+
+// The two steps keep their own failures: a record that could not go is a
+// header failure (the body untouched, no trace); a body cut off by a peer that
+// left after the record gives the body sender's traces and result.
+TEST(HttpReplySend, FailuresOfTheRecordAndOfTheBodyStayApart) {
+    {
+        Pair p;
+        p.closePeer();
+        TraceCapture trace(2);
+        p.ownedBody(3000, 'x');
+        EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+        EXPECT_EQ(p.rsp->headerSent, 0);
+        EXPECT_NE(p.rsp->body, nullptr) << "left to the error reply";
+        EXPECT_TRUE(trace.lines().empty());
+        cmp_ipp_free(p.rsp->body);
+        p.rsp->body = nullptr;
+    }
+    Pair p;
+    TraceCapture trace(2);
+    p.ownedBody(1 << 20, 'y');
+    std::thread reader([&] {
+        EXPECT_EQ(p.peerRead(AHTTPD_RSP_RECORD_SIZE).size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
+        p.closePeer();
+    });
+    EXPECT_EQ(ahttpdTransmitReply(p.rsp.get()), 0) << "the record went";
+    reader.join();
+    EXPECT_EQ(p.rsp->headerSent, 1);
+    EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
+    EXPECT_EQ(p.rsp->body, nullptr);
+    const std::vector<std::string> lines = trace.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n");
+    EXPECT_EQ(lines[1], "[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n");
+}
+
+// ---- error replies --------------------------------------------------------------------
+
+// The record with the code's text, if it has one; then the connection is closed
+// after a short pause, kept (401), or waits for the next request (a redirect
+// with keep-alive).
+TEST(HttpErrorReply, TextThenCloseKeepOrWaitByCode) {
+    enum class After { Closes, Keeps, Waits };
     const struct {
-        const char* what;
-        bool data;
-        int how;  // 0 leave open, 1 shut down its sending side, 2 close
-        bool waits;
+        int32_t code;
+        int32_t keepAliveLevel;
+        std::string text;  // empty: the record alone
+        After after;
     } cases[] = {
-        {"request waiting", true, 0, true},
-        {"request, then the sending side shut", true, 1, true},
-        {"sending side shut", false, 1, false},
-        {"closed", false, 2, false},
-        {"nothing comes", false, 0, false},
+        {PRS_PRT_HTTP_RET_408_TIMEOUT, 0, " 408 Request Time-Out", After::Closes},
+        {PRS_PRT_HTTP_RET_IPP_DISABLED, 0, "", After::Closes},
+        {PRS_PRT_HTTP_RET_401_UNAUTHORIZED, 0, " 401 Unauthorized Access", After::Keeps},
+        {PRS_PRT_HTTP_RET_500_INTERNAL, 0, " 500 Internal Sever Error", After::Closes},
+        {PRS_PRT_HTTP_RET_REDIRECT, 0, "", After::Closes},
+        {PRS_PRT_HTTP_RET_REDIRECT, 2, "", After::Waits},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(testing::Message() << c.code << " keep-alive level " << c.keepAliveLevel);
         Pair p;
-        if (c.data) {
-            ASSERT_TRUE(p.peerSendAll("r", 1));
+        p.req->returnCode = c.code;
+        p.req->keepAliveLevel = c.keepAliveLevel;
+        if (c.after == After::Waits) {
+            ASSERT_TRUE(p.peerSendAll("x", 1));  // the next request
         }
-        if (c.how == 1) shutdown(p.peer, SHUT_WR);
-        if (c.how == 2) {
-            close(p.peer);
-            p.peer = -1;
-        }
-        ahttpdKeepAliveListener(p.rsp.get());
-        if (c.waits) {
-            EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_KEEP_ALIVE);
-            EXPECT_TRUE(p.serverOpen());
-        } else {
+        const auto t0 = Clock::now();
+        ahttpdErrorResponseHandler(p.rsp.get());
+        const int64_t took = msSince(t0);
+        const std::string rec = p.peerRead(AHTTPD_RSP_RECORD_SIZE);
+        ASSERT_EQ(rec.size(), static_cast<size_t>(AHTTPD_RSP_RECORD_SIZE));
+        EXPECT_EQ(wordAt(rec.data(), 0), c.code);
+        ASSERT_EQ(wordAt(rec.data(), 8), static_cast<int32_t>(c.text.size()));
+        EXPECT_EQ(p.peerRead(c.text.size()), c.text);
+        EXPECT_EQ(p.rsp->body, nullptr);
+        if (c.after == After::Closes) {
+            EXPECT_GE(took, 45) << "a short pause before closing";
             EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
             EXPECT_EQ(p.req->sock, 0);
-            EXPECT_FALSE(p.serverOpen());
+            unsigned char b;
+            EXPECT_EQ(p.peerRecv(&b, 1), 0) << "closed";
+        } else {
+            EXPECT_EQ(c.after == After::Keeps ? p.rsp->returnCode : p.req->returnCode,
+                      c.after == After::Keeps ? PRS_PRT_HTTP_RET_401_UNAUTHORIZED : PRS_PRT_HTTP_RET_KEEP_ALIVE);
+            EXPECT_TRUE(p.serverOpen());
         }
     }
-    AHTTPD_setKeepAlivePasses(savedPasses);
+}
+
+TEST(HttpErrorReply, SocketFailureWithClosedSocketSendsNothing) {
+    Pair p;
+    close(p.server);
+    p.req->sock = 0;
+    p.rsp->sock = 0;
+    p.req->returnCode = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
+    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 1);
+    ahttpdErrorResponseHandler(p.rsp.get());
+    EXPECT_EQ(p.rsp->headerSent, 0);
+    EXPECT_EQ(p.req->returnCode, PRS_PRT_HTTP_RET_CONN_CLOSED);
+    unsigned char b;
+    EXPECT_EQ(p.peerRecv(&b, 1, 200), 0) << "nothing but the close";
+    p.req->returnCode = PRS_PRT_HTTP_RET_408_TIMEOUT;
+    EXPECT_EQ(ahttpdCheckCloseConnection(p.req.get()), 0);
 }
 
 }  // namespace

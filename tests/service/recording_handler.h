@@ -13,7 +13,7 @@ class RecordingHandler : public cmp_ipp_handler {
 public:
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         record("process", ctx, printer);
-        if (processStatus >= 0) ctx->m_response.setStatusCode(static_cast<uint16_t>(processStatus));
+        if (unregisterInProcess) cmp_ipp_manager::get()->unregisterHandler(this);
     }
     void abortRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override { record("abort", ctx, printer); }
     void prepareRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
@@ -38,15 +38,15 @@ public:
     }
 
     int prepareStatus = -1;
-    int processStatus = -1;
     uint32_t dataResult = 0;
+    bool unregisterInProcess = false;
     std::string reply;
 
 private:
     void record(const std::string& what, cmp_ipp_streamed_ctx* ctx, void* printer) {
         char suffix[64];
-        std::snprintf(suffix, sizeof suffix, " status=0x%04x printer=%s",
-                      ctx != nullptr ? ctx->m_response.getStatusCode() : 0xFFFF, printer != nullptr ? "set" : "null");
+        std::snprintf(suffix, sizeof suffix, " 0x%04x%s", ctx != nullptr ? ctx->m_response.getStatusCode() : 0xFFFF,
+                      printer != nullptr ? "" : " no printer");
         std::lock_guard<std::mutex> g(lock);
         log.push_back(what + suffix);
     }

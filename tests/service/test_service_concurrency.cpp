@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "httpd/httpd_fixture.h"  // settles: bounded waits, so a broken library fails instead of hanging
 #include "msg/msg_fixture.h"
 #include "containers/cmp_ipp_malloc.h"
 #include "service/cmp_ipp_handler.h"
@@ -84,18 +85,6 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     EXPECT_EQ(handler.finished.load(), kThreads * kStreams) << "every stream ended exactly once";
     EXPECT_EQ(handler.aborted.load(), kThreads * kStreams / 10);
     EXPECT_EQ(handler.bytes.load(), uint64_t{kThreads} * kStreams * 3 * 512 - uint64_t{0});
-}
-
-// Polls f until it holds or the time is up; a broken library fails the test
-// instead of hanging it.
-template <class F>
-bool settles(F f, int timeoutMs) {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!f()) {
-        if (std::chrono::steady_clock::now() > until) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 // What a handler saw, kept outside it so that it can be read after the handler
