@@ -52,9 +52,7 @@ public:
             kill(m_child.pid, SIGKILL);
             exitStatus(m_child);
         }
-        for (const std::string& d : {spool, sockDir}) removeDir(d);
-        unlink((work + "/err").c_str());
-        rmdir(work.c_str());
+        removeDir(work);
     }
 
     // Starts the program; returns once it has announced its URI.
