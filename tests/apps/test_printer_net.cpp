@@ -1,13 +1,16 @@
 // How cmp-ipp-printer presents itself: the DNS-SD services and TXT records made
 // from the printer's attributes, where they are announced, the names of its
-// certificate. (An announcer that finds no Avahi daemon: printer_e2e.sh's
-// no-avahi mode.)
+// certificate, and an announcer that finds no Avahi daemon.
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
+#include <mutex>
+#include <thread>
 
 #include "cmp_ipp_dictionary.h"
 #include "cmp_ipp_dnssd.h"
@@ -140,6 +143,43 @@ TEST(PrinterNet, CertificateNamesLeadWithTheUriHost) {
     const auto local = printer_net::certificateNames("localhost", "0.0.0.0");
     EXPECT_EQ(std::count(local.begin(), local.end(), "localhost"), 1) << "each name once";
     EXPECT_EQ(std::count(local.begin(), local.end(), "0.0.0.0"), 0) << "a wildcard is nobody's name";
+}
+
+// No system bus to reach Avahi through: the announcer says so, keeps looking,
+// and stops cleanly. (The printer around it serves on: see printer_e2e.sh.)
+TEST(PrinterNet, AnnouncerWithoutAvahiSaysSoAndStops) {
+    const char* saved = getenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string bus = saved != nullptr ? saved : "";
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/cmp-ipp-test-bus", 1);
+    std::mutex lock;
+    std::vector<std::string> said;
+    cmp_ipp_fe::DnssdPublisher::Options o;
+    o.name = "Nowhere Printer";
+    o.services.push_back(DnssdService{"_ipp._tcp", {"_print._sub._ipp._tcp"}, 631, {"txtvers=1"}});
+    o.retryMs = 50;
+    o.log = [&](const std::string& m) {
+        std::lock_guard<std::mutex> g(lock);
+        said.push_back(m);
+    };
+    {
+        cmp_ipp_fe::DnssdPublisher p(o);
+        std::string error;
+        ASSERT_TRUE(p.start(&error)) << error;
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // several attempts
+        EXPECT_FALSE(p.announced());
+        EXPECT_EQ(p.name(), "Nowhere Printer");
+        p.stop();
+        p.stop();  // twice is harmless
+    }
+    if (saved != nullptr) {
+        setenv("DBUS_SYSTEM_BUS_ADDRESS", bus.c_str(), 1);
+    } else {
+        unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    }
+    std::lock_guard<std::mutex> g(lock);
+    ASSERT_EQ(said.size(), 1u) << "told once, not at every attempt";
+    EXPECT_NE(said[0].find("not announced, no Avahi daemon"), std::string::npos) << said[0];
+    EXPECT_NE(said[0].find("serves as usual"), std::string::npos) << said[0];
 }
 
 }  // namespace
