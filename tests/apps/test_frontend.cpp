@@ -238,15 +238,9 @@ public:
     std::vector<std::string> requests;  // as received, one per answer
 
 private:
-    bool readAll(int c, void* p, size_t n, std::string& into) {
-        unsigned char* d = static_cast<unsigned char*>(p);
-        while (n > 0) {
-            const ssize_t k = recv(c, d, n, 0);
-            if (k <= 0) return false;
-            into.append(reinterpret_cast<char*>(d), static_cast<size_t>(k));
-            d += k;
-            n -= static_cast<size_t>(k);
-        }
+    static bool readAll(int c, void* p, size_t n, std::string& into) {
+        if (recv(c, p, n, MSG_WAITALL) != static_cast<ssize_t>(n)) return false;
+        into.append(static_cast<const char*>(p), n);
         return true;
     }
     void serve() {

@@ -144,7 +144,8 @@ TEST_F(PrinterLimits, DateTimesOfAPrinterRunningIn2040) {
     ASSERT_EQ(job.status, 0);
     const int32_t id = job.integer(2, "job-id");
     clock = 2 * 3600 * 1000;  // long after it completed
-    const Response a = jobRequest(kGetJobAttributes, id, {"date-time-at-creation", "date-time-at-completed", "job-state"});
+    const Response a =
+        jobRequest(kGetJobAttributes, id, {"date-time-at-creation", "date-time-at-completed", "job-state"});
     ASSERT_EQ(a.status, 0);
     EXPECT_EQ(a.integer(2, "job-state"), 9);
     EXPECT_EQ(dateText(a.text(2, "date-time-at-creation")), "2040/6/1 0:1:30:0 +0");

@@ -124,7 +124,8 @@ struct Tally {
     std::string text() {
         std::lock_guard<std::mutex> g(lock);
         return "good " + std::to_string(good.load()) + ", 503: " + std::to_string(status503.load()) +
-               ", other: " + std::to_string(other.load()) + (firstBad.empty() ? "" : "; the first bad one: " + firstBad);
+               ", other: " + std::to_string(other.load()) +
+               (firstBad.empty() ? "" : "; the first bad one: " + firstBad);
     }
     std::mutex lock;
     std::string firstBad;

@@ -113,7 +113,8 @@ TEST_F(StatusPage, ThePathChoosesThePage) {
     for (const char* line : {"<h2>Job 1: report</h2>", "<td id=\"job-state\">Held</td>",
                              "<td id=\"job-state-reasons\">Held until released; Waiting for its document</td>",
                              "<tr><th>Owner</th><td>ann</td></tr>", "<tr><th>Finished</th><td>&mdash;</td></tr>",
-                             "<code>ipp://printer.example:631/ipp/print/1</code>", "<a href=\"/\">&larr; Printer status</a>"})
+                             "<code>ipp://printer.example:631/ipp/print/1</code>",
+                             "<a href=\"/\">&larr; Printer status</a>"})
         EXPECT_TRUE(has(job, line)) << line;
     struct Case {
         const char* path;
