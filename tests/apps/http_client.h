@@ -25,101 +25,33 @@ struct HttpResponse {
     }
 };
 
-// The status line and header fields of a response head (without its blank line).
-inline void parseHttpHead(const std::string& text, HttpResponse& r) {
-    std::istringstream head(text);
-    std::string line, version;
-    std::getline(head, line);
-    std::istringstream(line) >> version >> r.status;
-    while (std::getline(head, line)) {
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        std::string name = line.substr(0, colon);
-        for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-        std::string value = line.substr(colon + 1);
-        value.erase(0, value.find_first_not_of(' '));
-        if (!value.empty() && value.back() == '\r') value.pop_back();
-        r.headers[name] = value;
-    }
-}
-
-class HttpClient {
+// Responses read off whatever carries them (a plain or a TLS connection).
+class HttpReader {
 public:
-    // From `source` (any 127.x.y.z works on Linux loopback), so that tests can
-    // play several client addresses.
-    explicit HttpClient(uint16_t port, const char* source = "127.0.0.1") {
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        // The port is chosen at connect(), as for any client: many short
-        // connections in a row must not run out of ports held in TIME_WAIT.
-        int one = 1;
-        setsockopt(m_fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
-        struct sockaddr_in from;
-        std::memset(&from, 0, sizeof from);
-        from.sin_family = AF_INET;
-        inet_pton(AF_INET, source, &from.sin_addr);
-        struct sockaddr_in a;
-        std::memset(&a, 0, sizeof a);
-        a.sin_family = AF_INET;
-        a.sin_port = htons(port);
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (bind(m_fd, reinterpret_cast<struct sockaddr*>(&from), sizeof from) != 0 ||
-            connect(m_fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) {
-            close(m_fd);
-            m_fd = -1;
-        }
-    }
-    ~HttpClient() {
-        if (m_fd >= 0) close(m_fd);
-    }
-    HttpClient(const HttpClient&) = delete;
-    HttpClient& operator=(const HttpClient&) = delete;
-    bool connected() const { return m_fd >= 0; }
-    // Ends the connection with a TCP reset instead of an orderly close.
-    void reset() {
-        if (m_fd < 0) return;
-        struct linger l = {1, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
-        close(m_fd);
-        m_fd = -1;
-    }
-    void closeNow() {
-        if (m_fd >= 0) close(m_fd);
-        m_fd = -1;
-    }
+    virtual ~HttpReader() = default;
 
-    bool send(const std::string& s) {
-        size_t off = 0;
-        while (off < s.size()) {
-            const ssize_t k = ::send(m_fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
-            if (k <= 0) return false;
-            off += static_cast<size_t>(k);
-        }
-        return true;
-    }
-    bool sendChunkedPiece(const std::string& piece) {
-        char size[32];
-        snprintf(size, sizeof size, "%zx\r\n", piece.size());
-        return send(size + piece + "\r\n");
-    }
-    // The body as chunks of the given size, then the last chunk.
-    bool sendChunked(const std::string& body, size_t chunk) {
-        for (size_t off = 0; off < body.size(); off += chunk) {
-            const std::string piece = body.substr(off, chunk);
-            char size[32];
-            snprintf(size, sizeof size, "%zx\r\n", piece.size());
-            if (!send(size + piece + "\r\n")) return false;
-        }
-        return send("0\r\n\r\n");
-    }
-
+    // One response, its body framed by Content-Length or chunked.
     HttpResponse read(int timeoutMs = 15000) {
         HttpResponse r;
         const auto start = Clock::now();
         size_t end;
         while ((end = m_buf.find("\r\n\r\n")) == std::string::npos)
             if (!fill(start, timeoutMs)) return r;
-        parseHttpHead(m_buf.substr(0, end), r);
+        std::istringstream head(m_buf.substr(0, end));
         m_buf.erase(0, end + 4);
+        std::string line, version;
+        std::getline(head, line);
+        std::istringstream(line) >> version >> r.status;
+        while (std::getline(head, line)) {
+            const size_t colon = line.find(':');
+            if (colon == std::string::npos) continue;
+            std::string name = line.substr(0, colon);
+            for (char& ch : name) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+            std::string value = line.substr(colon + 1);
+            value.erase(0, value.find_first_not_of(' '));
+            if (!value.empty() && value.back() == '\r') value.pop_back();
+            r.headers[name] = value;
+        }
         if (r.headers.count("content-length") != 0) {
             const size_t n = std::stoul(r.headers["content-length"]);
             while (m_buf.size() < n)
@@ -143,6 +75,83 @@ public:
         return r;
     }
 
+protected:
+    // Appends to m_buf what arrives within leftMs; false on close, error or time-out.
+    virtual bool receive(int leftMs) = 0;
+    std::string m_buf;
+
+private:
+    bool fill(Clock::time_point start, int timeoutMs) {
+        const int64_t left = timeoutMs - msSince(start);
+        return left > 0 && receive(static_cast<int>(left));
+    }
+};
+
+// A TCP connection to a loopback port from `source` (any 127.x.y.z works on
+// Linux loopback, so that tests can play several client addresses); -1 when
+// it cannot be made.
+inline int loopbackConnection(uint16_t port, const char* source = "127.0.0.1") {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // The port is chosen at connect(), as for any client: many short
+    // connections in a row must not run out of ports held in TIME_WAIT.
+    int one = 1;
+    setsockopt(fd, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &one, sizeof one);
+    struct sockaddr_in from;
+    std::memset(&from, 0, sizeof from);
+    from.sin_family = AF_INET;
+    inet_pton(AF_INET, source, &from.sin_addr);
+    struct sockaddr_in a;
+    std::memset(&a, 0, sizeof a);
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(fd, reinterpret_cast<struct sockaddr*>(&from), sizeof from) == 0 &&
+        connect(fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) == 0)
+        return fd;
+    close(fd);
+    return -1;
+}
+
+class HttpClient : public HttpReader {
+public:
+    explicit HttpClient(uint16_t port, const char* source = "127.0.0.1") : m_fd(loopbackConnection(port, source)) {}
+    ~HttpClient() override { closeNow(); }
+    HttpClient(const HttpClient&) = delete;
+    HttpClient& operator=(const HttpClient&) = delete;
+    bool connected() const { return m_fd >= 0; }
+    // Ends the connection with a TCP reset instead of an orderly close.
+    void reset() {
+        if (m_fd < 0) return;
+        struct linger l = {1, 0};
+        setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+        closeNow();
+    }
+    void closeNow() {
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
+    }
+
+    bool send(const std::string& s) {
+        size_t off = 0;
+        while (off < s.size()) {
+            const ssize_t k = ::send(m_fd, s.data() + off, s.size() - off, MSG_NOSIGNAL);
+            if (k <= 0) return false;
+            off += static_cast<size_t>(k);
+        }
+        return true;
+    }
+    bool sendChunkedPiece(const std::string& piece) {
+        char size[32];
+        snprintf(size, sizeof size, "%zx\r\n", piece.size());
+        return send(size + piece + "\r\n");
+    }
+    // The body as chunks of the given size, then the last chunk.
+    bool sendChunked(const std::string& body, size_t chunk) {
+        for (size_t off = 0; off < body.size(); off += chunk)
+            if (!sendChunkedPiece(body.substr(off, chunk))) return false;
+        return send("0\r\n\r\n");
+    }
+
     bool closedByPeer(int timeoutMs) {
         const auto start = Clock::now();
         while (msSince(start) < timeoutMs) {
@@ -156,11 +165,9 @@ public:
     }
 
 private:
-    bool fill(Clock::time_point start, int timeoutMs) {
-        const int64_t left = timeoutMs - msSince(start);
-        if (left <= 0) return false;
+    bool receive(int leftMs) override {
         struct pollfd p = {m_fd, POLLIN, 0};
-        if (poll(&p, 1, static_cast<int>(left)) <= 0) return false;
+        if (poll(&p, 1, leftMs) <= 0) return false;
         char tmp[65536];
         const ssize_t k = recv(m_fd, tmp, sizeof tmp, 0);
         if (k <= 0) return false;
@@ -169,7 +176,6 @@ private:
     }
 
     int m_fd = -1;
-    std::string m_buf;
 };
 
 inline std::string asString(const Bytes& b) { return std::string(b.begin(), b.end()); }

@@ -1,6 +1,5 @@
-// Work directories of the tests: made under /tmp, removed with the files the
-// code under test left in them (one level deep, as spools and socket
-// directories are).
+// Work directories of the tests: made under /tmp, removed with whatever the
+// code under test left in them.
 #ifndef CMP_IPP_TESTS_TEMP_DIR_H
 #define CMP_IPP_TESTS_TEMP_DIR_H
 
@@ -28,10 +27,11 @@ inline std::vector<std::string> filesIn(const std::string& dir) {
     return out;
 }
 
-// Removes the files in dir, then dir.
+// Removes dir with everything in it.
 inline void removeDir(const std::string& dir) {
     if (dir.empty()) return;
-    for (const std::string& f : filesIn(dir)) unlink(f.c_str());
+    for (const std::string& f : filesIn(dir))
+        if (unlink(f.c_str()) != 0) removeDir(f);
     rmdir(dir.c_str());
 }
 

@@ -4,14 +4,12 @@
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <functional>
-#include <string>
-#include <vector>
 
+#include "apps/program.h"
+#include "apps/temp_dir.h"
 #include "cmp_ipp_auth.h"
 #include "cmp_ipp_tls.h"
 
@@ -145,21 +143,9 @@ TEST(FrontendAuth, MalformedPasswordFilesAreRefusedWithTheLine) {
 // ---- TLS identity ------------------------------------------------------------------
 
 struct TempDir {
-    TempDir() {
-        char d[] = "/tmp/cmp-ipp-tls-XXXXXX";
-        if (mkdtemp(d) != nullptr) path = d;
-    }
-    ~TempDir() {
-        const std::string cmd = "rm -rf '" + path + "'";
-        if (!path.empty()) (void)!system(cmd.c_str());
-    }
-    std::string path;
+    ~TempDir() { removeDir(path); }
+    const std::string path = makeTempDir("cmp-ipp-tls");
 };
-
-mode_t modeOf(const std::string& p) {
-    struct stat st;
-    return stat(p.c_str(), &st) == 0 ? (st.st_mode & 0777) : 0;
-}
 
 std::string readAll(const std::string& p) {
     std::ifstream f(p, std::ios::binary);

@@ -3,26 +3,11 @@
 // controller): date-times past January 2038, integers at their bounds, the
 // last job id and job-k-octets of very large jobs. The same tests run on the
 // host and under qemu-arm.
-#include <dirent.h>
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cstdio>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "msg/msg_fixture.h"
-#include "apps/ipp_reply.h"
-#include "apps/temp_dir.h"
+#include "apps/refprinter_fixture.h"
 #include "attr/cmp_ipp_attr.h"
-#include "cmp_ipp_dictionary.h"
-#include "cmp_ipp_refprinter.h"
 #include "cmp_ipp_refprinter_attrs.h"
-#include "containers/cmp_ipp_malloc.h"
-#include "service/cmp_ipp_ippc.h"
 
 namespace {
 
@@ -69,17 +54,25 @@ protected:
     void SetUp() override { cmp_ipp_dictionary_install(); }
 };
 
+const int64_t k2040June1 = 2222121600;  // 2040-06-01 00:00:00 UTC
+
+// Decoded, written back and rendered; and where a UTC time in seconds gives
+// the value, the printer's own dateTime attribute of those seconds renders the same.
 TEST_F(Limits32, DateTimesPastJanuary2038DecodeEncodeAndRender) {
     const struct {
         const char* label;
         const char* value;  // the 11 value bytes
         const char* html;
+        int64_t seconds;  // 0: not a UTC time the printer makes
     } cases[] = {
-        {"the last second of a 32-bit time_t", "07F6 01 13 03 0E 07 00 '+' 00 00", "2038/1/19 3:14:7:0 +0"},
-        {"the second after it", "07F6 01 13 03 0E 08 00 '+' 00 00", "2038/1/19 3:14:8:0 +0"},
-        {"a leap day in 2040, west of UTC", "07F8 02 1D 0C 1E 2D 07 '-' 05 00", "2040/2/29 12:30:45:7 -5"},
-        {"past an unsigned 32-bit time_t", "083A 02 07 06 1C 10 00 '+' 00 00", "2106/2/7 6:28:16:0 +0"},
-        {"the largest year and a leap second", "FFFF 0C 1F 17 3B 3C 09 '+' 0E 00", "65535/12/31 23:59:60:9 +14"},
+        {"the last second of a 32-bit time_t", "07F6 01 13 03 0E 07 00 '+' 00 00", "2038/1/19 3:14:7:0 +0", INT32_MAX},
+        {"the second after it", "07F6 01 13 03 0E 08 00 '+' 00 00", "2038/1/19 3:14:8:0 +0", int64_t{INT32_MAX} + 1},
+        {"the last second of a day in 2040", "07F8 06 01 17 3B 3B 00 '+' 00 00", "2040/6/1 23:59:59:0 +0",
+         k2040June1 + 86399},
+        {"a leap day in 2040, west of UTC", "07F8 02 1D 0C 1E 2D 07 '-' 05 00", "2040/2/29 12:30:45:7 -5", 0},
+        {"past an unsigned 32-bit time_t", "083A 02 07 06 1C 10 00 '+' 00 00", "2106/2/7 6:28:16:0 +0",
+         int64_t{UINT32_MAX} + 1},
+        {"the largest year and a leap second", "FFFF 0C 1F 17 3B 3C 09 '+' 0E 00", "65535/12/31 23:59:60:9 +14", 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
@@ -94,6 +87,10 @@ TEST_F(Limits32, DateTimesPastJanuary2038DecodeEncodeAndRender) {
         EXPECT_EQ(r.attr->m_numValues, 1);
         EXPECT_EQ(hexOf(r.written), hexOf(bytes));
         EXPECT_EQ(r.html, htmlLine("printer-current-time", "dateTime", c.html));
+        if (c.seconds != 0) {
+            const cmp_ipp_attr a = refprinter::attrs::dateTime("printer-current-time", static_cast<time_t>(c.seconds));
+            EXPECT_EQ(text(a.toHTML(false)), r.html);
+        }
     }
 }
 
@@ -124,72 +121,21 @@ TEST_F(Limits32, IntegersAtTheirBoundsDecodeEncodeAndRender) {
 
 // ---- the reference printer ---------------------------------------------------
 
-const int64_t k2040June1 = 2222121600;  // 2040-06-01 00:00:00 UTC
-
-class PrinterLimits : public ::testing::Test {
+class PrinterLimits : public PrinterFixture {
 protected:
-    void SetUp() override {
-        cmp_ipp_dictionary_install();
-        spool = makeTempDir("limits");
-        ASSERT_FALSE(spool.empty());
-    }
-    void TearDown() override {
-        printer.reset();
-        removeDir(spool);
-    }
     void start(int64_t wallClockS, int32_t firstJobId) {
-        refprinter::Config c;
-        c.name = "Limits";
-        c.spoolDir = spool;
-        c.processingMs = 1000;
-        c.clockMs = [this] { return clock.load(); };
-        c.wallClockS = [wallClockS] { return wallClockS; };
-        c.firstJobId = firstJobId;
-        printer.reset(new refprinter::Printer(c));
-        ASSERT_TRUE(printer->start());
+        PrinterFixture::start([&](refprinter::Config& c) {
+            c.wallClockS = [wallClockS] { return wallClockS; };
+            c.firstJobId = firstJobId;
+        });
     }
-    Response send(const Bytes& first, const std::string& document = "") {
-        IPP_STREAM_HANDLE h = IPP_StreamDataStart(first.data(), static_cast<uint32_t>(first.size()), &record);
-        if (!document.empty())
-            IPP_StreamData(h, reinterpret_cast<const unsigned char*>(document.data()),
-                           static_cast<uint32_t>(document.size()));
-        int length = 0;
-        unsigned char* reply = IPP_StreamDataEnd(h, 0, &length);
-        const std::string bytes(reinterpret_cast<char*>(reply), reply != nullptr ? static_cast<size_t>(length) : 0);
-        cmp_ipp_free(reply);
-        return parse(bytes);
-    }
-    static Ipp request(uint16_t op) {
-        Ipp m;
-        m.header(2, 0, op, 1).opGroup();
-        return m;
-    }
-    Response printJob() {
-        Ipp m = request(2);
-        m.text(0x42, "requesting-user-name", "dana").text(0x49, "document-format", "text/plain").tag(3);
-        return send(m.b, "one line\n");
-    }
-    Response jobAttrs(int32_t id, const std::vector<std::string>& names) {
-        Ipp m = request(9);
-        m.integer(0x21, "job-id", id);
-        for (size_t i = 0; i < names.size(); ++i) m.text(0x44, i == 0 ? "requested-attributes" : "", names[i]);
-        return send(m.tag(3).b);
-    }
-    Response printerAttrs(const std::vector<std::string>& names) {
-        Ipp m = request(11);
-        for (size_t i = 0; i < names.size(); ++i) m.text(0x44, i == 0 ? "requested-attributes" : "", names[i]);
-        return send(m.tag(3).b);
-    }
-    std::atomic<int64_t> clock{0};
-    std::string spool;
-    std::unique_ptr<refprinter::Printer> printer;
-    cmp_ipp_if_info_s record{};
+    Response printJob() { return PrinterFixture::printJob("dana", "one line\n"); }
 };
 
 TEST_F(PrinterLimits, DateTimesOfAPrinterRunningIn2040) {
     start(k2040June1, 1);
     clock = 90 * 1000 + 400;  // 1 min 30.4 s later
-    const Response p = printerAttrs({"printer-current-time", "printer-config-change-date-time"});
+    const Response p = printerRequest({"printer-current-time", "printer-config-change-date-time"});
     ASSERT_EQ(p.status, 0);
     EXPECT_EQ(dateText(p.text(4, "printer-current-time")), "2040/6/1 0:1:30:0 +0");
     EXPECT_EQ(dateText(p.text(4, "printer-config-change-date-time")), "2040/6/1 0:0:0:0 +0");
@@ -198,7 +144,8 @@ TEST_F(PrinterLimits, DateTimesOfAPrinterRunningIn2040) {
     ASSERT_EQ(job.status, 0);
     const int32_t id = job.integer(2, "job-id");
     clock = 2 * 3600 * 1000;  // long after it completed
-    const Response a = jobAttrs(id, {"date-time-at-creation", "date-time-at-completed", "job-state"});
+    const Response a =
+        jobRequest(kGetJobAttributes, id, {"date-time-at-creation", "date-time-at-completed", "job-state"});
     ASSERT_EQ(a.status, 0);
     EXPECT_EQ(a.integer(2, "job-state"), 9);
     EXPECT_EQ(dateText(a.text(2, "date-time-at-creation")), "2040/6/1 0:1:30:0 +0");
@@ -209,33 +156,17 @@ TEST_F(PrinterLimits, DateTimesOfAPrinterRunningIn2040) {
               std::string::npos);
 }
 
-TEST_F(PrinterLimits, DateTimeValuesAcrossTheEndOfA32BitClock) {
-    const struct {
-        int64_t seconds;
-        const char* text;
-    } cases[] = {
-        {INT32_MAX, "2038/1/19 3:14:7:0 +0"},
-        {static_cast<int64_t>(INT32_MAX) + 1, "2038/1/19 3:14:8:0 +0"},
-        {k2040June1 + 86399, "2040/6/1 23:59:59:0 +0"},
-        {static_cast<int64_t>(UINT32_MAX) + 1, "2106/2/7 6:28:16:0 +0"},
-    };
-    for (const auto& c : cases) {
-        const cmp_ipp_attr a = refprinter::attrs::dateTime("printer-current-time", static_cast<time_t>(c.seconds));
-        EXPECT_EQ(text(a.toHTML(false)), htmlLine("printer-current-time", "dateTime", c.text)) << c.seconds;
-    }
-}
-
 TEST_F(PrinterLimits, JobIdsEndAtTheLargestInteger) {
     start(k2040June1, INT32_MAX - 1);
     const Response first = printJob();
     ASSERT_EQ(first.status, 0);
     EXPECT_EQ(first.integer(2, "job-id"), INT32_MAX - 1);
-    const Response last = send(request(5).text(0x42, "requesting-user-name", "dana").tag(3).b);
+    const Response last = createJob("dana");
     ASSERT_EQ(last.status, 0);
     EXPECT_EQ(last.integer(2, "job-id"), INT32_MAX);
     EXPECT_EQ(last.text(2, "job-uri"), "ipp://localhost:631/ipp/print/2147483647");
 
-    const Response a = jobAttrs(INT32_MAX, {"job-id", "job-state"});
+    const Response a = jobRequest(kGetJobAttributes, INT32_MAX, {"job-id", "job-state"});
     EXPECT_EQ(a.status, 0);
     EXPECT_EQ(a.integer(2, "job-id"), INT32_MAX);
     EXPECT_EQ(a.integer(2, "job-state"), 3);  // pending: waiting for its document
@@ -247,14 +178,11 @@ TEST_F(PrinterLimits, JobIdsEndAtTheLargestInteger) {
     EXPECT_EQ(none.text(1, "status-message"), "The printer has no job ids left.");
     EXPECT_EQ(printer->jobs().size(), 2u);
     EXPECT_EQ(send(request(4).text(0x49, "document-format", "text/plain").tag(3).b).status, 0);
-}
 
-TEST_F(PrinterLimits, FirstJobIdBelowOneStartsAtOne) {
+    // A first id below 1 starts at 1.
     for (int32_t first : {0, -5, INT32_MIN}) {
         start(k2040June1, first);
-        const Response r = printJob();
-        EXPECT_EQ(r.integer(2, "job-id"), 1) << first;
-        printer.reset();
+        EXPECT_EQ(printJob().integer(2, "job-id"), 1) << first;
     }
 }
 

@@ -1,46 +1,21 @@
 // The real cmp-ipp-printer program, started as a process of its own and driven
-// over TCP: start-up, abandoned uploads, file permissions, slow clients, and
-// load (PrinterLoad: counting answers, never timing them).
-#include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
+// over TCP: start-up, abandoned uploads, slow clients, and load (PrinterLoad:
+// counting answers, never timing them).
 #include <sys/un.h>
-#include <sys/wait.h>
 
 #include <functional>
-#include <set>
 
 #include "apps/http_client.h"
 #include "apps/ipp_reply.h"
+#include "apps/program.h"
 #include "apps/temp_dir.h"
 
 namespace {
 
 using namespace ipp_reply;
 
-enum : uint16_t { kPrintJob = 2, kGetJobs = 10, kGetPrinterAttributes = 11 };
+enum : uint16_t { kPrintJob = 2, kGetJobAttributes = 9, kGetPrinterAttributes = 11 };
 enum : uint8_t { kJobGroup = 2 };
-
-std::string readText(int fd, int timeoutMs) {
-    std::string out;
-    const auto start = Clock::now();
-    char buf[512];
-    while (msSince(start) < timeoutMs) {
-        struct pollfd p = {fd, POLLIN, 0};
-        if (poll(&p, 1, 50) <= 0) continue;
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0) break;
-        out.append(buf, static_cast<size_t>(n));
-        if (out.find("Spool:") != std::string::npos) break;
-    }
-    return out;
-}
-
-mode_t modeOf(const std::string& path) {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 07777;
-}
 
 // A free port below the range the system hands out to clients, so that no
 // client socket of the test itself can take it before the program binds it.
@@ -73,41 +48,21 @@ public:
         sockDir = work + "/sock";
     }
     ~Program() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
+        if (m_child.pid > 0) {
+            kill(m_child.pid, SIGKILL);
+            exitStatus(m_child);
         }
-        for (const std::string& d : {spool, sockDir}) removeDir(d);
-        unlink((work + "/err").c_str());
-        rmdir(work.c_str());
+        removeDir(work);
     }
 
-    // Starts the program; with wait, returns once it has announced its URI.
-    bool start(uint16_t fixedPort = 0, mode_t mask = 022, bool wait = true) {
-        int out[2];
-        if (pipe(out) != 0) return false;
-        const std::string portText = std::to_string(fixedPort);
-        m_pid = fork();
-        if (m_pid < 0) return false;
-        if (m_pid == 0) {
-            umask(mask);
-            dup2(out[1], 1);
-            const int err = open((work + "/err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            if (err >= 0) dup2(err, 2);
-            close(out[0]);
-            execl(CMP_IPP_PRINTER_PROGRAM, CMP_IPP_PRINTER_PROGRAM, "--port", portText.c_str(), "--spool",
-                  spool.c_str(), "--socket-dir", sockDir.c_str(), "--processing-ms", "200", static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(out[1]);
-        m_out = out[0];
-        if (!wait) return true;
-        return announced();
-    }
-    bool announced() {
-        const std::string text = readText(m_out, 60000);
-        close(m_out);
-        m_out = -1;
+    // Starts the program; returns once it has announced its URI.
+    bool start(uint16_t fixedPort = 0) {
+        m_child = startProgram(CMP_IPP_PRINTER_PROGRAM,
+                               {"--port", std::to_string(fixedPort), "--spool", spool, "--socket-dir", sockDir,
+                                "--processing-ms", "200"},
+                               nullptr, 022, work + "/err");
+        if (m_child.pid <= 0) return false;
+        const std::string text = readUntil(m_child.out, "Spool:", 60000);
         const size_t at = text.find("Printer URI: ipp://localhost:");
         if (at == std::string::npos) return false;
         port = static_cast<uint16_t>(atoi(text.c_str() + at + std::strlen("Printer URI: ipp://localhost:")));
@@ -116,35 +71,22 @@ public:
     // SIGTERM; the exit status (a sanitizer report makes it nonzero), or -1
     // when the program does not stop.
     int stop() {
-        if (m_pid <= 0) return -1;
-        kill(m_pid, SIGTERM);
-        int status = 0;
-        for (int waited = 0; waited < 30000; waited += 20) {
-            if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return -1;
+        if (m_child.pid <= 0) return -1;
+        kill(m_child.pid, SIGTERM);
+        return exitStatus(m_child);
     }
     std::string errors() const {
-        std::string out;
-        if (FILE* f = fopen((work + "/err").c_str(), "r")) {
-            char buf[4096];
-            size_t n;
-            while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-            fclose(f);
-        }
-        return out;
+        const int fd = open((work + "/err").c_str(), O_RDONLY);
+        const std::string text = fd >= 0 ? readUntil(fd, "", 1000) : "";
+        if (fd >= 0) close(fd);
+        return text;
     }
 
     std::string work, spool, sockDir;
     uint16_t port = 0;
 
 private:
-    pid_t m_pid = -1;
-    int m_out = -1;
+    Child m_child;
 };
 
 Bytes gpaRequest(uint32_t id) {
@@ -168,33 +110,33 @@ bool goodGpa(const HttpResponse& r, uint32_t id) {
 
 // Tally of what clients got back.
 struct Tally {
-    std::atomic<int> good{0}, status502{0}, status503{0}, other{0};
+    std::atomic<int> good{0}, status503{0}, other{0};
     void count(const HttpResponse& r, uint32_t id) {
         if (goodGpa(r, id)) {
             ++good;
-        } else if (r.ok && r.status == 502) {
-            ++status502;
-        } else if (r.ok && r.status == 503) {
-            ++status503;
-            std::lock_guard<std::mutex> g(lock);
-            if (first503.empty()) first503 = r.body;
-        } else {
-            ++other;  // short, malformed, a wrong answer or none
-            std::lock_guard<std::mutex> g(lock);
-            if (firstOther.empty())
-                firstOther = r.ok ? "HTTP " + std::to_string(r.status) + " " + r.body.substr(0, 60) : "no answer";
+            return;
         }
+        ++(r.ok && r.status == 503 ? status503 : other);  // other: 502, short, malformed, a wrong answer or none
+        std::lock_guard<std::mutex> g(lock);
+        if (firstBad.empty())
+            firstBad = r.ok ? "HTTP " + std::to_string(r.status) + " " + r.body.substr(0, 60) : "no answer";
     }
     std::string text() {
         std::lock_guard<std::mutex> g(lock);
-        return "good " + std::to_string(good.load()) + ", 502: " + std::to_string(status502.load()) +
-               ", 503: " + std::to_string(status503.load()) + ", short/malformed: " + std::to_string(other.load()) +
-               (first503.empty() ? "" : "; a 503 said: " + first503) +
-               (firstOther.empty() ? "" : "; first of the rest: " + firstOther);
+        return "good " + std::to_string(good.load()) + ", 503: " + std::to_string(status503.load()) +
+               ", other: " + std::to_string(other.load()) +
+               (firstBad.empty() ? "" : "; the first bad one: " + firstBad);
     }
     std::mutex lock;
-    std::string first503, firstOther;
+    std::string firstBad;
 };
+
+// n client threads, each running f(its index), joined.
+void inThreads(int n, const std::function<void(int)>& f) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i) threads.emplace_back(f, i);
+    for (std::thread& t : threads) t.join();
+}
 
 class PrinterProgram : public ::testing::Test {
 protected:
@@ -203,40 +145,28 @@ protected:
             EXPECT_EQ(p.stop(), 0) << "clean exit after SIGTERM\n" << p.errors();
         }
     }
-    void start(mode_t mask = 022) {
-        ASSERT_TRUE(p.start(0, mask)) << p.errors();
+    void start() {
+        ASSERT_TRUE(p.start()) << p.errors();
         m_running = true;
     }
-    // Every job: id -> (state, reasons joined by ',', message).
+    // A job's state (-1 for no such job), reasons joined by ',' and message.
     struct JobRow {
-        int state = 0;
-        std::string reasons;
-        std::string message;
+        int state = -1;
+        std::string reasons, message;
     };
-    std::map<int, JobRow> jobs() {
+    JobRow job(int id) {
         Ipp m;
-        m.header(2, 0, kGetJobs, 99).opGroup().text(0x44, "which-jobs", "all");
-        m.text(0x44, "requested-attributes", "job-id").text(0x44, "", "job-state");
-        m.text(0x44, "", "job-state-reasons").text(0x44, "", "job-state-message");
+        m.header(2, 0, kGetJobAttributes, 99).opGroup().integer(0x21, "job-id", id);
         const std::string ipp = asString(m.tag(3).b);
         HttpClient c(p.port);
-        std::map<int, JobRow> out;
-        if (!c.send(postHead(ipp.size(), "Connection: close\r\n") + ipp)) return out;
+        JobRow row;
+        if (!c.send(postHead(ipp.size(), "Connection: close\r\n") + ipp)) return row;
         const Response r = parse(c.read().body);
-        for (const Group& g : r.groups) {
-            if (g.tag != kJobGroup) continue;
-            JobRow row;
-            int id = 0;
-            for (const Attr& a : g.attrs) {
-                if (a.name == "job-id") id = a.values[0].integer();
-                if (a.name == "job-state") row.state = a.values[0].integer();
-                if (a.name == "job-state-message") row.message = a.values[0].bytes;
-                if (a.name == "job-state-reasons")
-                    for (const Value& v : a.values) row.reasons += (row.reasons.empty() ? "" : ",") + v.bytes;
-            }
-            out[id] = row;
-        }
-        return out;
+        row.state = r.integer(kJobGroup, "job-state");
+        row.message = r.text(kJobGroup, "job-state-message");
+        if (const Attr* a = r.find(kJobGroup, "job-state-reasons"))
+            for (const Value& v : a->values) row.reasons += (row.reasons.empty() ? "" : ",") + v.bytes;
+        return row;
     }
 
     Program p;
@@ -284,42 +214,21 @@ TEST_F(PrinterProgram, NoClientIsTurnedAwayDuringStartUp) {
     EXPECT_EQ(turnedAway.load(), 0) << served.load() << " served";
 }
 
-// Documents and the socket are the printer user's alone, even when the program
-// runs with umask 000.
-TEST_F(PrinterProgram, SocketAndSpoolArePrivateWhateverTheUmask) {
-    start(0);
-    EXPECT_EQ(modeOf(p.spool), 0700u);
-    EXPECT_EQ(modeOf(p.sockDir), 0700u);
-    EXPECT_EQ(modeOf(p.sockDir + "/zyn_ipp_server"), 0600u);
-    Ipp m;
-    m.header(2, 0, kPrintJob, 5).opGroup().text(0x49, "document-format", "text/plain").tag(3);
-    const std::string body = asString(m.b) + "hello";
-    HttpClient c(p.port);
-    ASSERT_TRUE(c.send(postHead(body.size()) + body));
-    ASSERT_EQ(c.read().status, 200);
-    const std::vector<std::string> files = filesIn(p.spool);
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(modeOf(files[0]), 0600u);
-}
-
-// Every way an HTTP upload can end. A completed one is printed whole; one that
-// the client abandons (closed, reset or cut short, chunked or with a length)
-// ends as an aborted job that says why, and leaves no partial document.
-TEST_F(PrinterProgram, EveryWayAnUploadCanEnd) {
-    enum class End { Complete, Close, Reset };
+// Every way an HTTP upload can be abandoned (closed or reset, chunked or with
+// a length) ends as an aborted job that says why, and leaves no partial
+// document. (Uploads that complete are compared byte for byte by
+// printer_e2e.sh's spool modes.)
+TEST_F(PrinterProgram, EveryWayAnUploadCanBeAbandoned) {
     const struct {
         const char* label;
         bool chunked;
-        End end;
+        bool reset;
     } cases[] = {
-        {"chunked, last chunk", true, End::Complete}, {"content-length, last byte", false, End::Complete},
-        {"chunked, closed", true, End::Close},        {"chunked, reset", true, End::Reset},
-        {"content-length, closed", false, End::Close}, {"content-length, reset", false, End::Reset},
+        {"chunked, closed", true, false},         {"chunked, reset", true, true},
+        {"content-length, closed", false, false}, {"content-length, reset", false, true},
     };
     start();
-    std::string document;
-    uint32_t x = 12345;
-    for (int i = 0; i < 200000; ++i) document += static_cast<char>((x = x * 1103515245u + 12345u) >> 24);
+    const std::string document(98000, 'd');
     int expectedJob = 0;
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
@@ -327,49 +236,32 @@ TEST_F(PrinterProgram, EveryWayAnUploadCanEnd) {
         Ipp m;
         m.header(2, 0, kPrintJob, 6).opGroup().text(0x49, "document-format", "application/pdf").tag(3);
         const std::string ipp = asString(m.b);
-        const size_t sentBeforeEnd = c.end == End::Complete ? document.size() : 98000;
         HttpClient client(p.port);
         if (c.chunked) {
             ASSERT_TRUE(client.send(kChunkedHead));
             ASSERT_TRUE(client.sendChunkedPiece(ipp));
-            for (size_t off = 0; off < sentBeforeEnd; off += 7000)
-                ASSERT_TRUE(client.sendChunkedPiece(document.substr(off, std::min<size_t>(7000, sentBeforeEnd - off))));
-            if (c.end == End::Complete) {
-                ASSERT_TRUE(client.send("0\r\n\r\n"));
-            }
+            for (size_t off = 0; off < document.size(); off += 7000)
+                ASSERT_TRUE(client.sendChunkedPiece(document.substr(off, 7000)));
         } else {
-            ASSERT_TRUE(client.send(postHead(ipp.size() + document.size()) + ipp + document.substr(0, sentBeforeEnd)));
-        }
-        if (c.end == End::Complete) {
-            const HttpResponse r = client.read();
-            ASSERT_EQ(r.status, 200);
-            EXPECT_EQ(parse(r.body).integer(kJobGroup, "job-id"), expectedJob);
-            const std::string file = p.spool + "/job-" + std::to_string(expectedJob) + "-doc-1.pdf";
-            EXPECT_TRUE(settles([&] {
-                struct stat st;
-                return stat(file.c_str(), &st) == 0 && static_cast<size_t>(st.st_size) == document.size();
-            }, 5000)) << "the whole document is spooled";
-            continue;
+            ASSERT_TRUE(client.send(postHead(ipp.size() + 2 * document.size()) + ipp + document));
         }
         // The job exists (its document is arriving) before the client goes.
-        ASSERT_TRUE(settles([&] { return jobs().count(expectedJob) == 1; }, 10000));
-        if (c.end == End::Reset) {
+        ASSERT_TRUE(settles([&] { return job(expectedJob).state > 0; }, 10000));
+        if (c.reset) {
             client.reset();
         } else {
             client.closeNow();
         }
         JobRow row;
         EXPECT_TRUE(settles([&] {
-            row = jobs()[expectedJob];
+            row = job(expectedJob);
             return row.state == 8;
         }, 10000)) << "state " << row.state;
         EXPECT_EQ(row.reasons, "aborted-by-system,submission-interrupted");
         EXPECT_EQ(row.message, "Job aborted: the document did not arrive completely.");
-        EXPECT_TRUE(settles([&] { return filesIn(p.spool).size() == 2; }, 5000)) << "partial document removed";
+        EXPECT_TRUE(settles([&] { return filesIn(p.spool).empty(); }, 5000)) << "partial document removed";
     }
-    const std::map<int, JobRow> all = jobs();
-    ASSERT_EQ(all.size(), 6u);
-    for (int id : {1, 2}) EXPECT_NE(all.at(id).state, 8) << id;
+    EXPECT_EQ(job(expectedJob + 1).state, -1) << "one job per upload";
 }
 
 // Clients that send their headers a byte a second hold no one else out: 40 of
@@ -415,26 +307,18 @@ TEST_F(PrinterLoad, KeptConnectionsBurstsAndConnectPerRequestAllServed) {
     {
         SCOPED_TRACE("32 keep-alive connections");
         Tally t;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < clients; ++i) {
-            threads.emplace_back([&, i] {
-                HttpClient c(p.port, sourceFor(i));
-                const auto start = Clock::now();
-                for (uint32_t n = 1; msSince(start) < 3000; ++n) {
-                    const uint32_t id = static_cast<uint32_t>(i) * 100000u + n;
-                    if (!c.send(gpaPost(id, true))) {
-                        t.count(HttpResponse(), id);
-                        return;
-                    }
-                    const HttpResponse r = c.read();
-                    t.count(r, id);
-                    if (!goodGpa(r, id)) return;  // the connection is out of step now
-                }
-            });
-        }
-        for (std::thread& th : threads) th.join();
+        inThreads(clients, [&](int i) {
+            HttpClient c(p.port, sourceFor(i));
+            const auto start = Clock::now();
+            for (uint32_t n = 1; msSince(start) < 3000; ++n) {
+                const uint32_t id = static_cast<uint32_t>(i) * 100000u + n;
+                const HttpResponse r = c.send(gpaPost(id, true)) ? c.read() : HttpResponse();
+                t.count(r, id);
+                if (!goodGpa(r, id)) return;  // the connection is out of step now
+            }
+        });
         EXPECT_GT(t.good.load(), clients) << t.text();
-        EXPECT_EQ(t.status502 + t.status503 + t.other, 0) << t.text();
+        EXPECT_EQ(t.status503 + t.other, 0) << t.text();
     }
     {
         SCOPED_TRACE("10 bursts of 32 new connections");
@@ -442,35 +326,27 @@ TEST_F(PrinterLoad, KeptConnectionsBurstsAndConnectPerRequestAllServed) {
         for (int round = 0; round < 10; ++round) {
             std::vector<std::unique_ptr<HttpClient>> burst;
             for (int i = 0; i < clients; ++i) burst.emplace_back(new HttpClient(p.port, sourceFor(i)));
-            std::vector<std::thread> threads;
-            for (int i = 0; i < clients; ++i) {
-                threads.emplace_back([&, i] {
-                    const uint32_t id = static_cast<uint32_t>(round * 100 + i + 1);
-                    HttpClient& c = *burst[static_cast<size_t>(i)];
-                    t.count(c.send(gpaPost(id, false)) ? c.read() : HttpResponse(), id);
-                });
-            }
-            for (std::thread& th : threads) th.join();
+            inThreads(clients, [&](int i) {
+                const uint32_t id = static_cast<uint32_t>(round * 100 + i + 1);
+                HttpClient& c = *burst[static_cast<size_t>(i)];
+                t.count(c.send(gpaPost(id, false)) ? c.read() : HttpResponse(), id);
+            });
         }
         EXPECT_EQ(t.good.load(), 10 * clients) << t.text();
     }
     {
         SCOPED_TRACE("32 threads of connect, request, close");
         Tally t;
-        std::vector<std::thread> threads;
-        for (int i = 0; i < clients; ++i) {
-            threads.emplace_back([&, i] {
-                const auto start = Clock::now();
-                for (uint32_t n = 1; msSince(start) < 3000; ++n) {
-                    const uint32_t id = static_cast<uint32_t>(i) * 100000u + n;
-                    HttpClient c(p.port, sourceFor(i));
-                    t.count(c.send(gpaPost(id, false)) ? c.read() : HttpResponse(), id);
-                }
-            });
-        }
-        for (std::thread& th : threads) th.join();
+        inThreads(clients, [&](int i) {
+            const auto start = Clock::now();
+            for (uint32_t n = 1; msSince(start) < 3000; ++n) {
+                const uint32_t id = static_cast<uint32_t>(i) * 100000u + n;
+                HttpClient c(p.port, sourceFor(i));
+                t.count(c.send(gpaPost(id, false)) ? c.read() : HttpResponse(), id);
+            }
+        });
         EXPECT_GT(t.good.load(), clients) << t.text();
-        EXPECT_EQ(t.status502 + t.status503 + t.other, 0) << t.text();
+        EXPECT_EQ(t.status503 + t.other, 0) << t.text();
     }
 }
 
@@ -484,22 +360,18 @@ TEST_F(PrinterLoad, FortyAtOnceGiveThirtyTwoAnswersAndEightRefusals) {
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     Tally t;
     std::atomic<int> retryAfter{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 40; ++i) {
-        threads.emplace_back([&, i] {
-            HttpClient& c = *clients[static_cast<size_t>(i)];
-            const uint32_t id = static_cast<uint32_t>(i + 1);
-            (void)c.send(gpaPost(id, true));  // a refused one may already be closed
-            const HttpResponse r = c.read();
-            t.count(r, id);
-            if (r.status == 503 && !r.header("retry-after").empty()) ++retryAfter;
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    inThreads(40, [&](int i) {
+        HttpClient& c = *clients[static_cast<size_t>(i)];
+        const uint32_t id = static_cast<uint32_t>(i + 1);
+        (void)c.send(gpaPost(id, true));  // a refused one may already be closed
+        const HttpResponse r = c.read();
+        t.count(r, id);
+        if (r.status == 503 && !r.header("retry-after").empty()) ++retryAfter;
+    });
     EXPECT_EQ(t.good.load(), 32) << t.text();
     EXPECT_EQ(t.status503.load(), 8) << t.text();
     EXPECT_EQ(retryAfter.load(), 8);
-    EXPECT_EQ(t.status502 + t.other, 0) << t.text();
+    EXPECT_EQ(t.other.load(), 0) << t.text();
     clients.clear();
     HttpClient after(p.port);
     ASSERT_TRUE(after.send(gpaPost(41, false)));

@@ -1,107 +1,26 @@
 // The reference printer's pages for people (status page, job pages, which
 // path gives which page) and what the front end's authentication means to it:
 // the URIs say "basic".
-#include <dirent.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cstring>
-#include <map>
-#include <string>
-#include <vector>
-
-#include "msg/msg_fixture.h"
-#include "apps/ipp_reply.h"
-#include "cmp_ipp_dictionary.h"
-#include "cmp_ipp_refprinter.h"
-#include "containers/cmp_ipp_malloc.h"
-#include "service/cmp_ipp_ippc.h"
+#include "apps/refprinter_fixture.h"
 
 namespace {
 
 using namespace ipp_reply;
 
-enum : uint16_t { kPrintJob = 2, kGetJobAttributes = 9, kGetPrinterAttributes = 11 };
-enum : uint8_t { kJobGroup = 2, kPrinterGroup = 4 };
-
-// A transport as the front end's requests look to the printer: header fields
-// by token, and the reply code the printer sets.
-struct FakeTransport {
-    cmp_ipp_if_info_s info{};  // first: the library hands this record back
-    std::map<int, std::string> fields;
-    int replyCode = 0;
-
-    FakeTransport() {
-        info.ifKind = 1;
-        info.pfnGetData = [](cmp_ipp_if_info_s* i, CMP_IPP_IF_HEADER_FC_FIELD_TOKENS token, char* text) {
-            const FakeTransport* t = reinterpret_cast<FakeTransport*>(i);
-            auto it = t->fields.find(token);
-            if (it == t->fields.end() || it->second.empty()) return 0;
-            std::memcpy(text, it->second.c_str(), it->second.size() + 1);
-            return 1;
-        };
-        info.pfnSetReplyCode = [](cmp_ipp_if_info_s* i, CMP_IPP_IF_RETURN_CODES code) {
-            reinterpret_cast<FakeTransport*>(i)->replyCode = code;
-            return 1;
-        };
-        info.pfnGetReplyCode = [](cmp_ipp_if_info_s* i, int* code) {
-            *code = reinterpret_cast<FakeTransport*>(i)->replyCode;
-            return 1;
-        };
-    }
-};
-
-class StatusPage : public ::testing::Test {
+class StatusPage : public PrinterFixture {
 protected:
-    void SetUp() override { make({"ipp://printer.example:631/ipp/print", "ipps://printer.example:631/ipp/print"}); }
-    void TearDown() override { printer.reset(); }
-
+    void SetUp() override {
+        PrinterFixture::SetUp();
+        make({"ipp://printer.example:631/ipp/print", "ipps://printer.example:631/ipp/print"});
+    }
     void make(const std::vector<std::string>& uris, const std::string& authentication = "basic") {
-        printer.reset();
-        cmp_ipp_dictionary_install();
-        refprinter::Config c;
-        c.name = "Front <Desk> & Co";
-        c.location = "Room \"2\"";
-        c.spoolDir = "/dev/null/none";  // never written: the tests send no document data
-        c.uris = uris;
-        c.uriAuthentication = authentication;
-        c.processingMs = 1000;
-        c.clockMs = [this] { return clock.load(); };
-        printer.reset(new refprinter::Printer(c));
-        ASSERT_TRUE(printer->start());
+        start([&](refprinter::Config& c) {
+            c.name = "Front <Desk> & Co";
+            c.location = "Room \"2\"";
+            c.uris = uris;
+            c.uriAuthentication = authentication;
+        });
     }
-
-    Response send(const Bytes& request, FakeTransport& t) {
-        IPP_STREAM_HANDLE h = IPP_StreamDataStart(request.data(), static_cast<uint32_t>(request.size()), &t.info);
-        int length = 0;
-        unsigned char* reply = IPP_StreamDataEnd(h, 0, &length);
-        const std::string bytes(reinterpret_cast<char*>(reply), reply != nullptr ? static_cast<size_t>(length) : 0);
-        cmp_ipp_free(reply);
-        return parse(bytes);
-    }
-    // A Create-Job (no document, so nothing is spooled) by this user; the job
-    // then waits for its document.
-    Response createJob(const std::string& user, const std::string& name, const char* hold = nullptr) {
-        Ipp m;
-        m.header(2, 0, 5, 9).opGroup();
-        m.text(0x42, "requesting-user-name", user).text(0x42, "job-name", name);
-        if (hold != nullptr) m.tag(2).text(0x44, "job-hold-until", hold);
-        m.tag(3);
-        FakeTransport t;
-        return send(m.b, t);
-    }
-    // Close-Job: no more documents, so the job goes to the printer's queue.
-    void closeJob(int32_t id) {
-        Ipp m;
-        m.header(2, 0, 0x3B, 10).opGroup();
-        m.integer(0x21, "job-id", id).tag(3);
-        FakeTransport t;
-        EXPECT_EQ(send(m.b, t).status, 0);
-    }
-
-    std::atomic<int64_t> clock{0};
-    std::unique_ptr<refprinter::Printer> printer;
 };
 
 bool has(const std::string& page, const std::string& what) { return page.find(what) != std::string::npos; }
@@ -126,8 +45,9 @@ TEST_F(StatusPage, StateInWordsAndJobsInTheOrderTheyPrint) {
     EXPECT_TRUE(has(page, "<td class=\"job-state\">Pending</td><td>Waiting for its document</td>"));
     EXPECT_TRUE(has(page, "<td class=\"job-state\">Held</td><td>Held until released; Waiting for its document</td>"));
     EXPECT_TRUE(has(page, "3 jobs queued"));
-    closeJob(1);
-    closeJob(2);
+    // Close-Job: no more documents, so the jobs go to the printer's queue.
+    EXPECT_EQ(jobRequest(kCloseJob, 1).status, 0);
+    EXPECT_EQ(jobRequest(kCloseJob, 2).status, 0);
     clock = 500;  // job 1 prints, job 2 waits for it
     page = printer->statusPage();
     EXPECT_TRUE(has(page, "class=\"state printing\" id=\"printer-state\">Printing</p>"));
@@ -183,26 +103,19 @@ TEST_F(StatusPage, WhatThePrinterAcceptsInWords) {
     for (const char* e : expected) EXPECT_TRUE(has(page, e)) << e;
 }
 
-TEST_F(StatusPage, JobPageTellsOneJob) {
-    ASSERT_EQ(createJob("ann", "report", "indefinite").status, 0);
-    std::string page;
-    ASSERT_TRUE(printer->jobPage(1, &page));
-    EXPECT_TRUE(has(page, "<h2>Job 1: report</h2>"));
-    EXPECT_TRUE(has(page, "<td id=\"job-state\">Held</td>"));
-    EXPECT_TRUE(has(page, "<td id=\"job-state-reasons\">Held until released; Waiting for its document</td>"));
-    EXPECT_TRUE(has(page, "<tr><th>Owner</th><td>ann</td></tr>"));
-    EXPECT_TRUE(has(page, "<tr><th>Finished</th><td>&mdash;</td></tr>"));
-    EXPECT_TRUE(has(page, "<code>ipp://printer.example:631/ipp/print/1</code>"));
-    EXPECT_TRUE(has(page, "<a href=\"/\">&larr; Printer status</a>"));
-    EXPECT_FALSE(printer->jobPage(2, &page));
-}
-
+// Which path gives which page, and what the job page tells of its job.
 TEST_F(StatusPage, ThePathChoosesThePage) {
-    ASSERT_EQ(createJob("ann", "report").status, 0);
+    ASSERT_EQ(createJob("ann", "report", "indefinite").status, 0);
     const std::string status = printer->statusPage();
     const std::string attributes = printer->htmlPage();
     std::string job;
     ASSERT_TRUE(printer->jobPage(1, &job));
+    for (const char* line : {"<h2>Job 1: report</h2>", "<td id=\"job-state\">Held</td>",
+                             "<td id=\"job-state-reasons\">Held until released; Waiting for its document</td>",
+                             "<tr><th>Owner</th><td>ann</td></tr>", "<tr><th>Finished</th><td>&mdash;</td></tr>",
+                             "<code>ipp://printer.example:631/ipp/print/1</code>",
+                             "<a href=\"/\">&larr; Printer status</a>"})
+        EXPECT_TRUE(has(job, line)) << line;
     struct Case {
         const char* path;
         const std::string* page;  // null: no page
@@ -241,12 +154,8 @@ TEST_F(StatusPage, UrisSayHowTheyAreSecuredAndPagesFollowTheFirst) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.uris[0]);
         make(c.uris, c.authentication);
-        Ipp m;
-        m.header(2, 0, kGetPrinterAttributes, 3).opGroup();
-        m.text(0x44, "requested-attributes", "uri-security-supported").text(0x44, "", "uri-authentication-supported");
-        m.text(0x44, "", "printer-more-info").text(0x44, "", "printer-icons").tag(3);
-        FakeTransport t;
-        const Response r = send(m.b, t);
+        const Response r = printerRequest(
+            {"uri-security-supported", "uri-authentication-supported", "printer-more-info", "printer-icons"});
         ASSERT_EQ(r.status, 0);
         const auto values = [&r](const char* name) {
             std::vector<std::string> out;
@@ -259,10 +168,7 @@ TEST_F(StatusPage, UrisSayHowTheyAreSecuredAndPagesFollowTheFirst) {
         EXPECT_EQ(r.text(kPrinterGroup, "printer-more-info"), c.moreInfo);
         EXPECT_EQ(r.text(kPrinterGroup, "printer-icons"), std::string(c.moreInfo) + "icon-sm.png");
         ASSERT_EQ(createJob("ann", "x").status, 0);
-        Ipp g;
-        g.header(2, 0, kGetJobAttributes, 4).opGroup();
-        g.integer(0x21, "job-id", 1).text(0x44, "requested-attributes", "job-more-info").tag(3);
-        EXPECT_EQ(send(g.b, t).text(kJobGroup, "job-more-info"), c.jobMoreInfo);
+        EXPECT_EQ(jobRequest(kGetJobAttributes, 1, {"job-more-info"}).text(kJobGroup, "job-more-info"), c.jobMoreInfo);
     }
 }
 
