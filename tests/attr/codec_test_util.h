@@ -87,6 +87,20 @@ inline std::vector<std::string> octets(const cmp_ipp_attr& a) {
     return s;
 }
 
+// Everything of an attribute that a reader can see, store capacities included.
+inline std::string shapeOf(const cmp_ipp_attr& a) {
+    std::string s = std::to_string(a.m_type) + " id" + std::to_string(a.m_nameId) + " len" +
+                    std::to_string(a.m_nameLength) + " name:" + (a.m_name != nullptr ? a.m_name : "(none)") + "/" +
+                    a.cmp_ipp_attr_get_name() + " n" + std::to_string(a.m_numValues) + " m" +
+                    std::to_string(a.m_memberType) + " cap" + std::to_string(a.m_strings.capacity()) + "." +
+                    std::to_string(a.m_bufs.capacity()) + "." + std::to_string(a.m_longs.capacity()) + " |";
+    for (int32_t w : words(a)) s += " " + std::to_string(w);
+    for (int32_t i = 0; i < a.m_strings.length(); ++i)
+        s += a.m_strings[i].isSet() ? " '" + text(a.m_strings[i]) + "'" : std::string(" (unset)");
+    for (const std::string& o : octets(a)) s += " <" + o + ">";
+    return s;
+}
+
 // An attribute with the first value of each of the others added to it.
 inline cmp_ipp_attr multi(cmp_ipp_attr a, std::initializer_list<cmp_ipp_attr> more) {
     for (const cmp_ipp_attr& m : more) a.cmp_ipp_attr_add_multi(m);
