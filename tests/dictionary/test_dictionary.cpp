@@ -213,18 +213,6 @@ TEST(DictionaryInstalled, InstallingAgainChangesNothing) {
 // ---------------------------------------------------------------------------
 // Against the corpus
 
-// The results the message layer gives the malformed requests of the corpus:
-// a request-id of 0 and a bare header are refused while decoding, version 0.0
-// is not supported. The replies carry the same header faults except the bare
-// header, which the printer answered with a well-formed reply.
-uint32_t expectedDecodeResult(const std::string& file) {
-    const bool request = file.find(".req.") != std::string::npos;
-    if (file.rfind("002-", 0) == 0) return 0x0400;
-    if (request && file.rfind("003-", 0) == 0) return 0x0400;
-    if (file.rfind("008-", 0) == 0) return 0x0503;
-    return 0;
-}
-
 // One decoded attribute or collection member against the installed dictionary:
 // its name is registered, its tag is the registered or the alternate one (the
 // decoder checks this for attributes, not for members), and each of its values
