@@ -151,20 +151,7 @@ RegistryTables generated(unsigned seed, size_t rows) {
 
 cmp_ipp_ipptable_def* reg() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance(); }
 
-// Points the registry at t as embedding software does: the fields only, no reindex().
-void write(const RegistryTables& t) {
-    cmp_ipp_ipptable_def* r = reg();
-    r->m_attrTable = t.attrs.data();
-    r->m_attrCount = static_cast<int16_t>(t.attrs.size());
-    r->m_altTypeTable = t.altTypes.data();
-    r->m_altTypeCount = static_cast<int16_t>(t.altTypes.size());
-    r->m_oneSetOfTable = t.oneSetOf.data();
-    r->m_oneSetOfCount = static_cast<int16_t>(t.oneSetOf.size());
-    r->m_operationIdTable = t.operations.data();
-    r->m_operationIdCount = static_cast<int16_t>(t.operations.size());
-    r->m_statusCodeTable = t.statuses.data();
-    r->m_statusCodeCount = static_cast<int16_t>(t.statuses.size());
-}
+void write(const RegistryTables& t) { t.writeInto(reg()); }
 
 // One lookup of each kind: every index is built.
 void lookUpOnce() {
