@@ -18,7 +18,7 @@
 
 #include "attr/cmp_ipp_attr.h"
 #include "platform/cmp_dbglog.h"
-#include "fuzz_pieces.h"
+#include "attr/codec_test_util.h"
 
 namespace {
 
@@ -110,9 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         decodeAll(whole, size);
     }
     {
-        Pieces pieces{data, size, 0, 1 + size % 13, {}};
-        pieces.info.pfnGetMoreData = &Pieces::more;
-        pieces.info.ctx = &pieces;
+        PiecePort pieces = PiecePort::inChunks(Bytes(data, data + size), 0, 1 + size % 13);
         cmp_ipp_buf streamed(true);
         streamed.setPort(&pieces.info);
         decodeAll(streamed, size);

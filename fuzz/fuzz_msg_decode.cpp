@@ -12,7 +12,7 @@
 #include "msg/cmp_ipp_request.h"
 #include "platform/cmp_dbglog.h"
 #include "service/cmp_ipp_manager.h"
-#include "fuzz_pieces.h"
+#include "attr/codec_test_util.h"
 
 namespace {
 
@@ -68,9 +68,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t len = size - 1;
     const size_t first = len < step ? len : step;
 
-    Pieces pieces{msg, len, first, step, {}};
-    pieces.info.ctx = &pieces;
-    pieces.info.pfnGetMoreData = &Pieces::more;
+    PiecePort pieces = PiecePort::inChunks(Bytes(msg, msg + len), first, step);
 
     cmp_ipp_buf buf(msg, static_cast<uint32_t>(first), true);
     cmp_ipp_request req;

@@ -1,6 +1,7 @@
-// Helpers shared by the attribute, message and server tests: wire bytes written
-// as hex with quoted text, an attribute's stores as plain values, the captured
-// messages, and a scope that collects the trace lines written inside it.
+// Helpers shared by the attribute, message and server tests and the fuzz
+// targets: wire bytes written as hex with quoted text, an attribute's stores as
+// plain values, a transport record handing out pieces, the captured messages,
+// and a scope that collects the trace lines written inside it.
 #ifndef TESTS_ATTR_CODEC_TEST_UTIL_H
 #define TESTS_ATTR_CODEC_TEST_UTIL_H
 

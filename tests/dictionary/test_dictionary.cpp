@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <regex>
 #include <set>
 #include <string>
 #include <vector>
@@ -135,47 +136,34 @@ TEST(DictionaryTables, DefaultAttributesTakeTheSyntaxOfTheirAttribute) {
     EXPECT_GT(pairs, 20);
 }
 
-TEST(DictionaryTables, OperationsAreUniqueAndNamedInIppStyle) {
+// Operation numbers, status codes and their names are unique; operations are
+// named in words with a capital initial joined by hyphens (Get-Printer-Attributes),
+// status texts start with their class.
+TEST(DictionaryTables, OperationsAndStatusesAreUniqueAndNamedByTheirRules) {
     const std::vector<cmp_ipp_operation_row_t> ops = rowsOf(cmp_ipp_dictionary_operation_table);
-    ASSERT_FALSE(ops.empty());
-    std::set<uint16_t> ids;
+    const std::vector<cmp_ipp_status_row_t> statuses = rowsOf(cmp_ipp_dictionary_status_table);
+    ASSERT_FALSE(ops.empty() || statuses.empty());
+    std::set<uint16_t> ids, codes;
     std::set<std::string> names;
     for (const cmp_ipp_operation_row_t& op : ops) {
         ASSERT_NE(op.name, nullptr);
-        const std::string name = op.name;
-        SCOPED_TRACE(name);
+        SCOPED_TRACE(op.name);
         EXPECT_NE(op.id, 0);
         EXPECT_TRUE(ids.insert(op.id).second);
-        EXPECT_TRUE(names.insert(name).second);
-        // Words with a capital initial, joined by hyphens: Get-Printer-Attributes.
-        bool wordStart = true;
-        for (char c : name) {
-            if (wordStart) {
-                EXPECT_TRUE(c >= 'A' && c <= 'Z') << "word starts with " << c;
-            }
-            wordStart = c == '-';
-        }
-        EXPECT_FALSE(wordStart) << "ends with a hyphen";
+        EXPECT_TRUE(names.insert(op.name).second);
+        EXPECT_TRUE(std::regex_match(op.name, std::regex("([A-Z][^-]*-)*[A-Z][^-]*")));
     }
-}
-
-TEST(DictionaryTables, StatusTextsAreUniqueAndMatchTheirClass) {
-    const std::vector<cmp_ipp_status_row_t> statuses = rowsOf(cmp_ipp_dictionary_status_table);
-    ASSERT_FALSE(statuses.empty());
-    std::set<uint16_t> codes;
-    std::set<std::string> texts;
     for (const cmp_ipp_status_row_t& s : statuses) {
         ASSERT_NE(s.text, nullptr);
-        const std::string text = s.text;
-        SCOPED_TRACE(text);
+        SCOPED_TRACE(s.text);
         EXPECT_TRUE(codes.insert(s.code).second);
-        EXPECT_TRUE(texts.insert(text).second);
+        EXPECT_TRUE(names.insert(s.text).second);
         const char* prefix = s.code < 0x0100   ? "successful-ok"
                              : s.code < 0x0400 ? "(no such class)"
                              : s.code < 0x0500 ? "client-error-"
                              : s.code < 0x0600 ? "server-error-"
                                                : "(no such class)";
-        EXPECT_EQ(text.rfind(prefix, 0), 0u) << "code 0x" << std::hex << s.code;
+        EXPECT_EQ(std::string(s.text).rfind(prefix, 0), 0u) << "code 0x" << std::hex << s.code;
     }
 }
 

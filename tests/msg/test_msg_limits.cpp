@@ -115,35 +115,29 @@ TEST_F(LimitsTest, EachBoundDecodesAtItsLimitAndRefusesOnePast) {
     }
 }
 
-TEST_F(LimitsTest, AttributeBytesAreCountedAlsoWhenTheBodyArrivesInPieces) {
-    const Bytes document(100000, 'd');
+// Document data after the attributes is not bounded, whole or in pieces; the
+// attribute bytes are counted in pieces too.
+TEST_F(LimitsTest, AttributeBytesAreCountedAlsoInPiecesAndDocumentDataIsNotBounded) {
+    const Bytes document(3 * CMP_IPP_MAX_ATTRIBUTE_BYTES, 'd');
     for (uint32_t bytes : {CMP_IPP_MAX_ATTRIBUTE_BYTES, CMP_IPP_MAX_ATTRIBUTE_BYTES + 1}) {
         Bytes message = requestOfAttributeBytes(bytes);
         message.insert(message.end(), document.begin(), document.end());
         PiecePort port = PiecePort::inChunks(message, 200, 4096);
-        cmp_ipp_buf first(message.data(), 200, true);
-        cmp_ipp_request req;
+        cmp_ipp_buf first(message.data(), 200, true), whole = bufOf(message);
+        cmp_ipp_request req, inOne;
         TraceCapture quiet(-1);
         const uint32_t result = req.decode(first, &port.info);
-        if (bytes == CMP_IPP_MAX_ATTRIBUTE_BYTES) {
-            ASSERT_EQ(result, 0u);
-            // Document data is not bounded: what was read of it is kept, the rest stays with the port.
-            EXPECT_EQ(req.m_docData.length() + port.unread().size(), document.size());
-        } else {
-            EXPECT_EQ(result, 0x0409u);
-        }
         EXPECT_EQ(first.getPort(), nullptr);
+        if (bytes != CMP_IPP_MAX_ATTRIBUTE_BYTES) {
+            EXPECT_EQ(result, 0x0409u);
+            continue;
+        }
+        ASSERT_EQ(result, 0u);
+        // What was read of the document is kept, the rest stays with the port.
+        EXPECT_EQ(req.m_docData.length() + port.unread().size(), document.size());
+        ASSERT_EQ(inOne.decode(whole, nullptr), 0u);
+        EXPECT_EQ(inOne.m_docData.length(), document.size());
     }
-}
-
-TEST_F(LimitsTest, DocumentDataAfterTheAttributesIsNotBounded) {
-    Ipp m;
-    m.header(1, 1, 0x0002, 1).opGroup().tag(0x03);
-    m.raw(Bytes(3 * CMP_IPP_MAX_ATTRIBUTE_BYTES, 'd'));
-    cmp_ipp_buf buf = bufOf(m.b);
-    cmp_ipp_request req;
-    ASSERT_EQ(req.decode(buf, nullptr), 0u);
-    EXPECT_EQ(req.m_docData.length(), 3 * CMP_IPP_MAX_ATTRIBUTE_BYTES);
 }
 
 // A transport that would go on delivering pieces of one endless attribute part.
