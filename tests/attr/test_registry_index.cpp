@@ -153,16 +153,6 @@ cmp_ipp_ipptable_def* reg() { return cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_
 
 void write(const RegistryTables& t) { t.writeInto(reg()); }
 
-// One lookup of each kind: every index is built.
-void lookUpOnce() {
-    (void)A::cmp_ipp_attr_name_to_id("sides");
-    (void)A::nameIdToType(7);
-    (void)A::nameIdToAlternateType(9);
-    (void)A::nameIdIsOneSetOf(9);
-    (void)cmp_ipp_ipptable_op_name(2);
-    (void)cmp_ipp_ipptable_status_text(0);
-}
-
 // Each case leaves the registry in some state and returns the tables a scan
 // must find there: installed fresh, written field by field without reindex()
 // (the index is built lazily), changed after the index was built, or rewritten
@@ -194,7 +184,7 @@ TEST(RegistryIndex, EveryLookupAnswersAsAScanOfTheTables) {
         {"a count shortened after the index was built",
          [&] {
              write(dup);
-             lookUpOnce();
+             EXPECT_EQ(differences(dup, domainOf(dup)), 0);  // every index is built
              reg()->m_attrCount = 3;  // the registry fields are the index's key
              RegistryTables seen = dup;
              seen.attrs.resize(3);
@@ -203,7 +193,7 @@ TEST(RegistryIndex, EveryLookupAnswersAsAScanOfTheTables) {
         {"another table written after the index was built",
          [&] {
              write(dup);
-             lookUpOnce();
+             EXPECT_EQ(differences(dup, domainOf(dup)), 0);
              reg()->m_attrTable = other.attrs.data();
              reg()->m_attrCount = static_cast<int16_t>(other.attrs.size());
              RegistryTables seen = dup;
@@ -216,7 +206,7 @@ TEST(RegistryIndex, EveryLookupAnswersAsAScanOfTheTables) {
              inPlace.altTypes = {{2, 0x42, 0, 0}};
              write(inPlace);
              reg()->reindex();
-             lookUpOnce();
+             EXPECT_EQ(differences(inPlace, domainOf(inPlace)), 0);
              inPlace.attrs[0] = {5, "gamma", 0x42, 0, 9};
              inPlace.attrs[1] = {1, "alpha", 0x23, 1, 2};
              inPlace.attrs[2] = {5, "gamma", 0x21, 7, 8};
