@@ -150,26 +150,25 @@ TEST(AttrValidateRange, FirstValueAgainstRegistryOrDefaults) {
 }
 
 TEST(AttrToLower, FirstValueOnly) {
-    cmp_ipp_attr k = multi(A(0x44, 0, "ISO_A4_210x297mm"), {A(0x44, 0, "NA_LETTER")});
-    k.toLower();
-    EXPECT_EQ(strings(k), (std::vector<std::string>{"iso_a4_210x297mm", "", "NA_LETTER", ""}));
-
-    cmp_ipp_attr t(0x35, 0, "Hello World", "EN-US");
-    t.toLower();
-    EXPECT_EQ(strings(t), (std::vector<std::string>{"hello world", "en-us"}));
-
-    cmp_ipp_attr empty(0x35, 0, "", "EN");
-    empty.toLower();
-    EXPECT_EQ(strings(empty), (std::vector<std::string>{"", "EN"}));
-
-    cmp_ipp_attr none(0x44, 0);
-    none.toLower();
-    EXPECT_EQ(none.m_strings.length(), 0);
-
+    const struct {
+        A attr;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {multi(A(0x44, 0, "ISO_A4_210x297mm"), {A(0x44, 0, "NA_LETTER")}), {"iso_a4_210x297mm", "", "NA_LETTER", ""}},
+        {A(0x35, 0, "Hello World", "EN-US"), {"hello world", "en-us"}},
+        {A(0x35, 0, "", "EN"), {"", "EN"}},
+        {A(0x44, 0), {}},
+    };
+    for (const auto& c : cases) {
+        A a = c.attr;
+        a.toLower();
+        EXPECT_EQ(strings(a), c.expected);
+    }
     char mixed[] = "MiXeD 123_Z";
-    EXPECT_EQ(k._strlwr(mixed), mixed);
+    A any;
+    EXPECT_EQ(any._strlwr(mixed), mixed);
     EXPECT_STREQ(mixed, "mixed 123_z");
-    EXPECT_EQ(k._strlwr(nullptr), nullptr);
+    EXPECT_EQ(any._strlwr(nullptr), nullptr);
 }
 
 TEST(AttrTagClasses, StringAndCollectionTypes) {
