@@ -21,7 +21,6 @@ struct WalkResult {
     int messages = 0;
     int attributes = 0;
     int registered = 0;
-    std::set<int32_t> tags;
     std::set<std::string> ownNames;
 };
 
@@ -42,7 +41,6 @@ WalkResult roundTrip() {
             for (int32_t i = 0; i < msg.group(g)->count(); ++i) {
                 const cmp_ipp_attr* a = &msg.group(g)->list()[i];
                 ++r.attributes;
-                r.tags.insert(a->m_type == 0x4A && a->m_numValues > 0 ? a->m_memberType : a->m_type);
                 if (a->m_name != nullptr && a->m_name[0] != '\0') r.ownNames.insert(a->m_name);
                 if (a->m_nameId != 0) ++r.registered;
                 EXPECT_TRUE(a->m_nameId == 0 || a->m_name == nullptr) << "a registered name is not kept";
@@ -63,10 +61,6 @@ TEST(AttrCorpus, EveryAttributeWritesBackToItsBytes) {
     EXPECT_GE(own.messages, 50) << "corpus at " << CMP_IPP_CORPUS_DIR;
     EXPECT_GT(own.attributes, 500);
     EXPECT_EQ(own.registered, 0);
-    for (int32_t tag : {0x13, 0x21, 0x22, 0x23, 0x30, 0x31, 0x32, 0x33, 0x34, 0x37, 0x41, 0x42, 0x44, 0x45, 0x47,
-                        0x48, 0x49, 0x4A}) {
-        EXPECT_EQ(own.tags.count(tag), 1u) << "the corpus holds no value of tag " << tag;
-    }
 
     RegistryTables tables;
     uint16_t id = 1;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -10,27 +9,6 @@
 #include "attr/registry_fixture.h"
 
 namespace {
-
-TEST(AttrModel, WordsPerValueAndTheNumericConstructor) {
-    const struct {
-        int16_t tag;
-        int words;
-    } table[] = {{0x21, 1}, {0x22, 1}, {0x23, 1}, {0x24, 0}, {0x30, 0}, {0x31, 3},
-                 {0x32, 3}, {0x33, 2}, {0x20, 0}, {0x34, 0}, {0x44, 0}, {-1, 0}};
-    const std::vector<int32_t> numbers = {5, 6, 7};
-    for (const auto& row : table) {
-        EXPECT_EQ(cmp_ipp_attr::longsPerValueForType(row.tag), row.words) << row.tag;
-        // The numeric constructor keeps one value: as many numbers as it has words, at least one.
-        cmp_ipp_attr a(row.tag, 3, 5, 6, 7);
-        EXPECT_EQ(words(a), std::vector<int32_t>(numbers.begin(), numbers.begin() + std::max(row.words, 1))) << row.tag;
-        EXPECT_EQ(a.m_numValues, 1);
-    }
-    cmp_ipp_attr member(0x4A, 1);
-    member.m_memberType = 0x33;
-    EXPECT_EQ(member.longsPerValue(), 2);
-    member.m_memberType = 0x44;
-    EXPECT_EQ(member.longsPerValue(), 0);
-}
 
 TEST(AttrModel, GenericConstructorParsesResolutionAndRangeTexts) {
     const struct {

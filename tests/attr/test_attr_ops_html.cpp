@@ -171,19 +171,6 @@ TEST(AttrToLower, FirstValueOnly) {
     EXPECT_EQ(any._strlwr(nullptr), nullptr);
 }
 
-TEST(AttrTagClasses, StringAndCollectionTypes) {
-    for (int tag = 0; tag <= 0xFF; ++tag) {
-        SCOPED_TRACE(tag);
-        const int stringType = (tag >= 0x41 && tag <= 0x4A) ? 1 : 0;
-        const int colType = (tag == 0x34 || tag == 0x37 || tag == 0x4A) ? 1 : 0;
-        EXPECT_EQ(cmp_ipp_attr::cmp_ipp_attr_is_string_type(static_cast<int16_t>(tag)), stringType);
-        EXPECT_EQ(cmp_ipp_attr::cmp_ipp_attr_is_col_type(tag), colType);
-        cmp_ipp_attr a(static_cast<int16_t>(tag), 0);
-        EXPECT_EQ(a.cmp_ipp_attr_is_string_type(), stringType);
-        EXPECT_EQ(a.cmp_ipp_attr_is_col_type(), colType);
-    }
-}
-
 // ---- HTML ----
 
 std::string line(const std::string& name, const std::string& type, const std::string& value, const char* end = "\n") {

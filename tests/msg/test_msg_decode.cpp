@@ -156,25 +156,6 @@ TEST_F(DecodeTest, GroupsAreNamedAndOrdered) {
     EXPECT_EQ(words[4], 6 | (1 << 16));
 }
 
-// Additional values join the attribute before them; an alternate tag and a
-// registry type of -1 are accepted.
-TEST_F(DecodeTest, AdditionalValuesAndAcceptedTags) {
-    Ipp m;
-    m.header(1, 1, 2, 1).opGroup().tag(2);
-    m.integer(0x21, "copies", 1).integer(0x21, "", 2).integer(0x21, "", 3);  // one attribute, three values
-    m.integer(0x21, "job-id", 1).range("", 1, 5);                              // tag differs: not merged
-    m.text(0x42, "media", "custom").text(0x41, "any-tag", "ok");               // alternate tag, and -1
-    m.tag(3);
-    TraceCapture trace(0);
-    ASSERT_EQ(decode(m.b), 0u);
-    EXPECT_TRUE(trace.contains("cmp_ipp_attr_add_multi wrong type is 0x33, should be 0x21"));
-    cmp_ipp_attrs* job = req.cmp_ipp_msg_get_job_attrs(0);
-    ASSERT_EQ(job->count(), 4);
-    EXPECT_EQ((*job)[0].m_numValues, 3);
-    EXPECT_EQ((*job)[0].m_longs[2], 3);
-    EXPECT_EQ((*job)[1].m_numValues, 1);
-}
-
 TEST_F(DecodeTest, RangeChecks) {
     const struct {
         const char* what;
