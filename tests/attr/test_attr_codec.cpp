@@ -17,25 +17,43 @@ namespace {
 
 const std::string E = "[ERROR ]:cmp_ipp_ippattr::Create";
 
-struct Decoded {
-    const char* label;
-    const char* bytes;
-    int32_t offset;
-    int32_t count;
-    int32_t type;
-    uint16_t nameId;
-    const char* ownName;  // null: the name comes from the registry
-    int32_t numValues;
-    int32_t memberType;
-    std::vector<int32_t> longs;
-    std::vector<std::string> strings;
-    std::vector<std::string> bufs;
-    std::vector<std::string> traces;
-    const char* reencoded;  // null: exactly the bytes that were consumed
+// An attribute as the decoder's reused one may be before a read: an own name,
+// many values, grown stores.
+cmp_ipp_attr usedAttribute() {
+    cmp_ipp_attr used(0x36, 0, "old-name", 8, "t");
+    for (int i = 0; i < 12; ++i) used.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x36, 0, "v", "lang"));
+    for (int i = 0; i < 9; ++i) used.m_longs.append(i);
+    used.m_bufs.appendSlot().append(reinterpret_cast<const unsigned char*>("xyz"), 3);
+    used.m_memberType = 0x44;
+    return used;
+}
+
+class AttrDecode : public ::testing::Test {
+protected:
+    ScopedRegistry registry{attrTestTables()};
+    TraceCapture traces;
+    const cmp_ipp_attr used = usedAttribute();
 };
 
-const std::vector<Decoded>& decodedCases() {
-    static const std::vector<Decoded> cases = {
+// Each case is also read with CreateIn into a used attribute, as the decoder
+// reads every attribute into one: it must end exactly as the one Create makes.
+TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
+    const struct {
+        const char* label;
+        const char* bytes;
+        int32_t offset;
+        int32_t count;
+        int32_t type;
+        uint16_t nameId;
+        const char* ownName;  // null: the name comes from the registry
+        int32_t numValues;
+        int32_t memberType;
+        std::vector<int32_t> longs;
+        std::vector<std::string> strings;
+        std::vector<std::string> bufs;
+        std::vector<std::string> traces;
+        const char* reencoded;  // null: exactly the bytes that were consumed
+    } cases[] = {
         {"integer, two values (24-byte example)", "21 0006 'copies' 0004 00000001 21 0000 0004 00000002", 0, 24, 0x21, 1,
          nullptr, 2, 0, {1, 2}, {}, {}, {}, nullptr},
         {"enum, negative, unregistered name", "23 0001 'x' 0004 FFFFFFFE", 0, 10, 0x23, 0, "x", 1, 0, {-2}, {}, {}, {},
@@ -103,32 +121,8 @@ const std::vector<Decoded>& decodedCases() {
         {"a non-empty name ends the attribute", "21 0001 'x' 0004 00000001 21 0001 'y' 0004 00000002", 0, 10, 0x21, 0, "x",
          1, 0, {1}, {}, {}, {}, nullptr},
     };
-    return cases;
-}
-
-// An attribute as the decoder's reused one may be before a read: an own name,
-// many values, grown stores.
-cmp_ipp_attr usedAttribute() {
-    cmp_ipp_attr used(0x36, 0, "old-name", 8, "t");
-    for (int i = 0; i < 12; ++i) used.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x36, 0, "v", "lang"));
-    for (int i = 0; i < 9; ++i) used.m_longs.append(i);
-    used.m_bufs.appendSlot().append(reinterpret_cast<const unsigned char*>("xyz"), 3);
-    used.m_memberType = 0x44;
-    return used;
-}
-
-class AttrDecode : public ::testing::Test {
-protected:
-    ScopedRegistry registry{attrTestTables()};
-    TraceCapture traces;
-    const cmp_ipp_attr used = usedAttribute();
-};
-
-// Each case is also read with CreateIn into a used attribute, as the decoder
-// reads every attribute into one: it must end exactly as the one Create makes.
-TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
     ASSERT_GT(used.m_strings.capacity(), 2);
-    for (const Decoded& c : decodedCases()) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         orvane::cmp_dbglog_common::get_instance().clear();
         const Bytes bytes = wire(c.bytes);
