@@ -67,7 +67,7 @@ TEST(Buf, WrappedBlockIsNeverReleasedAndGrowthTakesOwnership) {
     EXPECT_EQ(caller[9], 9);
 }
 
-TEST(Buf, BigEndianGettersAndShortReads) {
+TEST(Buf, BigEndianGettersTextsAndShortReads) {
     const struct {
         Bytes bytes;
         uint32_t pos;
@@ -90,6 +90,12 @@ TEST(Buf, BigEndianGettersAndShortReads) {
     cmp_ipp_buf b = bufOf({0xAB});
     EXPECT_EQ(b.getByteAt(0), 0xAB);
     EXPECT_EQ(b.getByteAt(1), 0);
+
+    cmp_ipp_buf k("keyword", true);
+    EXPECT_STREQ(k.getStringAt(1, 3).c_str(), "eyw");
+    EXPECT_FALSE(k.getStringAt(5, 3).isSet());
+    EXPECT_FALSE(k.getStringAt(0, -1).isSet());
+    EXPECT_TRUE(k.getStringAt(7, 0).isSet()) << "a zero-length read at the end is an empty text";
 }
 
 TEST(Buf, GetterPullsOnePieceFromThePort) {
@@ -146,16 +152,7 @@ TEST(Buf, WrappedFirstPieceSurvivesAPortThatReusesItsBlock) {
     EXPECT_EQ(b.getIntAt(0), 0x00010203) << "the first piece was kept before the port reused its block";
 }
 
-TEST(Buf, GetStringAt) {
-    cmp_ipp_buf b("keyword", true);
-    cmp_ipp_string s = b.getStringAt(1, 3);
-    EXPECT_STREQ(s.c_str(), "eyw");
-    EXPECT_FALSE(b.getStringAt(5, 3).isSet());
-    EXPECT_FALSE(b.getStringAt(0, -1).isSet());
-    EXPECT_TRUE(b.getStringAt(7, 0).isSet()) << "a zero-length read at the end is an empty text";
-}
-
-TEST(Buf, SettersAreBoundedByTheBlockAndKeepTheLength) {
+TEST(Buf, SettersAreBoundedByTheBlockKeepTheLengthAndSurviveAReserve) {
     cmp_ipp_buf b(8u, true);  // block of 9 bytes
     const uint32_t size = b.capacity();
     b.setIntAt(size - 3, 0x11223344);
@@ -179,22 +176,14 @@ TEST(Buf, SettersAreBoundedByTheBlockAndKeepTheLength) {
     EXPECT_EQ(b.setBufferAt(size - 1, cmp_ipp_buf("xy", true)), 0);
     EXPECT_EQ(b.setBufferAt(0, cmp_ipp_buf("xy", true)), 2);
     EXPECT_EQ(b.length(), 0u);
+    b.reserve(100);  // what was written past the content is kept
+    EXPECT_EQ(b.capacity(), 100u);
+    b.resize(size);
+    EXPECT_EQ(hexOf(contentOf(b)), hexOf(wire("'xy' FF 00 00 11 'abc'")));
 
     cmp_ipp_buf shared(true);
     shared.setByteAt(0, 9);
     EXPECT_EQ(cmp_ipp_buf::m_1charbuf[0], 0) << "the shared block keeps its 0";
-}
-
-TEST(Buf, ReserveKeepsBytesWrittenPastTheContent) {
-    cmp_ipp_buf b(8u, true);
-    b.setIntAt(0, 0x01020304);
-    b.setIntAt(4, 0x05060708);
-    b.reserve(100);
-    EXPECT_EQ(b.capacity(), 100u);
-    EXPECT_EQ(b.getIntAt(4), 0) << "still no content";
-    b.resize(8);
-    EXPECT_EQ(b.getIntAt(0), 0x01020304);
-    EXPECT_EQ(b.getIntAt(4), 0x05060708);
 }
 
 TEST(Buf, ResizeAtCapacityTracesAndGrows) {
