@@ -36,18 +36,18 @@ int32_t scanFor(const cmp_ipp_vector<cmp_ipp_attr>& v, const char* name) {
 const uint16_t kIds[] = {0, 1, 5, 8, 15, 99};
 const char* const kNames[] = {"x", "y", "z", "copies", "media", "", "job-name", "attributes-charset", "nope"};
 
+// index_of and find of g answer for every key as the scan does.
+template <typename Key>
+void expectScanAnswer(const cmp_ipp_attrs& g, Key key, const std::string& step) {
+    const int32_t scanned = scanFor(g.list(), key);
+    ASSERT_EQ(g.cmp_ipp_attrs_index_of(key), scanned) << step << ", key " << key;
+    const cmp_ipp_attr* found = g.find(key);
+    ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), scanned) << step << ", key " << key;
+}
+
 void expectScanAnswers(const cmp_ipp_attrs& g, const std::string& step) {
-    const cmp_ipp_vector<cmp_ipp_attr>& v = g.list();
-    for (uint16_t id : kIds) {
-        ASSERT_EQ(g.cmp_ipp_attrs_index_of(id), scanFor(v, id)) << step << ", id " << id;
-        const cmp_ipp_attr* found = g.find(id);
-        ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), scanFor(v, id)) << step;
-    }
-    for (const char* n : kNames) {
-        ASSERT_EQ(g.cmp_ipp_attrs_index_of(n), scanFor(v, n)) << step << ", name " << n;
-        const cmp_ipp_attr* found = g.find(n);
-        ASSERT_EQ(found == nullptr ? -1 : static_cast<int32_t>(found - &g[0]), scanFor(v, n)) << step;
-    }
+    for (uint16_t id : kIds) expectScanAnswer(g, id, step);
+    for (const char* n : kNames) expectScanAnswer(g, n, step);
 }
 
 class Maker {
