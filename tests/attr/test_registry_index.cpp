@@ -10,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -33,7 +34,7 @@ const typename Rows::value_type* firstOf(const Rows& rows, Match match) {
 struct Domain {
     std::vector<std::string> names;
     std::vector<uint16_t> ids;
-    std::vector<int> tags;
+    std::set<int> tags;
 };
 
 // Every name and identifier of the tables and their neighbours, misses that
@@ -50,10 +51,8 @@ Domain domainOf(const RegistryTables& t) {
             other.back() = static_cast<char>(other.back() ^ 1);
             d.names.push_back(other);
         }
-        d.tags.push_back(r.valueTag);
+        d.tags.insert(r.valueTag);
     }
-    std::sort(d.tags.begin(), d.tags.end());
-    d.tags.erase(std::unique(d.tags.begin(), d.tags.end()), d.tags.end());
     uint16_t top = 12;
     for (const auto& r : t.attrs) top = std::max<uint16_t>(top, r.id);
     for (const auto& r : t.altTypes) top = std::max<uint16_t>(top, r.id);

@@ -177,19 +177,6 @@ TEST(DictionaryInstalled, AlternatesAreOnePerAttributeWithTheirOwnTagAndRange) {
     }
 }
 
-TEST(DictionaryInstalled, InstallingAgainChangesNothing) {
-    ScopedDictionary dict;
-    cmp_ipp_ipptable_def* reg = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    const cmp_ipp_ipptable_def before = *reg;
-    cmp_ipp_dictionary_install();
-    EXPECT_EQ(reg->m_attrTable, before.m_attrTable);
-    EXPECT_EQ(reg->m_attrCount, before.m_attrCount);
-    EXPECT_EQ(reg->m_altTypeCount, before.m_altTypeCount);
-    EXPECT_EQ(reg->m_oneSetOfCount, before.m_oneSetOfCount);
-    EXPECT_EQ(reg->m_operationIdCount, before.m_operationIdCount);
-    EXPECT_EQ(reg->m_statusCodeCount, before.m_statusCodeCount);
-}
-
 // ---------------------------------------------------------------------------
 // Against the corpus
 
