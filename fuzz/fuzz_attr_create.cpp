@@ -12,27 +12,17 @@
 // it in small pieces through a port, as a request body arrives.
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <vector>
 
 #include "attr/cmp_ipp_attr.h"
 #include "platform/cmp_dbglog.h"
-#include "fuzz_pieces.h"
+#include "msg/msg_fixture.h"
 
 namespace {
 
-const cmp_ipp_attr_row_t kAttrs[] = {
-    {1, "copies", 0x21, 1, 999},       {2, "media-col", 0x34, 0, 0},    {3, "media-size", 0x34, 0, 0},
-    {4, "x-dimension", 0x21, 0, 100000}, {5, "sides", 0x44, 1, 255},     {6, "job-name", 0x42, 0, 255},
-    {7, "printer-uri", 0x45, 0, 1023}, {8, "attributes-charset", 0x47, 0, 63},
-    {9, "document-format", 0x49, 0, 255}, {10, "printer-resolution", 0x32, 0, 0},
-};
-
 void setUp() {
-    cmp_ipp_ipptable_def* reg = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    reg->m_attrTable = kAttrs;
-    reg->m_attrCount = static_cast<int16_t>(sizeof kAttrs / sizeof kAttrs[0]);
+    static ScopedRegistry registry(messageTables());  // the message tests' dictionary
     // The error traces are exercised by the unit tests; here they would only
     // slow the run down. CMP_IPP_FUZZ_TRACES=1 keeps them.
     const char* keep = std::getenv("CMP_IPP_FUZZ_TRACES");
@@ -110,9 +100,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         decodeAll(whole, size);
     }
     {
-        Pieces pieces{data, size, 0, 1 + size % 13, {}};
-        pieces.info.pfnGetMoreData = &Pieces::more;
-        pieces.info.ctx = &pieces;
+        PiecePort pieces = PiecePort::inChunks(Bytes(data, data + size), 0, 1 + size % 13);
         cmp_ipp_buf streamed(true);
         streamed.setPort(&pieces.info);
         decodeAll(streamed, size);

@@ -7,55 +7,19 @@
 // that follow; the rest is the message.
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 #include "msg/cmp_ipp_request.h"
 #include "platform/cmp_dbglog.h"
-#include "service/cmp_ipp_manager.h"
-#include "fuzz_pieces.h"
+#include "msg/msg_fixture.h"
 
 namespace {
 
-const cmp_ipp_attr_row_t kAttrs[] = {
-    {1, "attributes-charset", 0x47, 0, 63},    {2, "attributes-natural-language", 0x48, 0, 63},
-    {3, "printer-uri", 0x45, 0, 1023},         {4, "requesting-user-name", 0x42, 0, 255},
-    {5, "job-name", 0x42, 0, 255},             {6, "ipp-versions-supported", 0x44, 1, 255},
-    {7, "operations-supported", 0x23, 1, 0xFFFF}, {8, "copies", 0x21, 1, 999},
-    {9, "page-ranges", 0x33, 1, INT32_MAX},    {10, "media-col", 0x34, 0, 0},
-    {11, "media-size", 0x34, 0, 0},            {12, "x-dimension", 0x21, 0, 100000},
-    {13, "sides", 0x44, 1, 255},               {14, "requested-attributes", 0x44, 1, 255},
-    {15, "document-format", 0x49, 0, 255},     {16, "job-state-reasons", 0x44, 1, 255},
-    {17, "printer-uri-supported", 0x45, 0, 1023},
-};
-const cmp_ipp_alt_type_row_t kAlt[] = {{13, 0x42, 0, 255}, {5, 0x41, 0, 1023}};
-
-cmp_ipp_obj* g_printer = nullptr;
-
 void setUp() {
-    cmp_ipp_ipptable_def* reg = cmp_ipp_ipptable_def::cmp_ipp_ipptable_get_instance();
-    reg->m_attrTable = kAttrs;
-    reg->m_attrCount = static_cast<int16_t>(sizeof kAttrs / sizeof kAttrs[0]);
-    reg->m_altTypeTable = kAlt;
-    reg->m_altTypeCount = static_cast<int16_t>(sizeof kAlt / sizeof kAlt[0]);
+    static ScopedRegistry registry(messageTables());  // the message tests' dictionary
+    static ScopedPrinter printer;                      // versions 1.0 to 2.0, the usual operations
     const char* keep = std::getenv("CMP_IPP_FUZZ_TRACES");
     if (keep == nullptr || *keep != '1') orvane::cmp_dbglog_common::get_instance().set_level(-1);
-
-    g_printer = new cmp_ipp_obj();
-    cmp_ipp_attr versions(0x44, 6, "1.0");
-    for (const char* v : {"1.1", "2.0"}) {
-        cmp_ipp_attr more(0x44, 0, v);
-        versions.cmp_ipp_attr_add_multi(more);
-    }
-    g_printer->m_attrs.cmp_ipp_attrs_set_attr(&versions, false);
-    cmp_ipp_attr ops(0x23, 7, 2);
-    for (int32_t op : {4, 5, 6, 8, 9, 10, 11}) {
-        cmp_ipp_attr more(0x23, 0, op);
-        ops.cmp_ipp_attr_add_multi(more);
-    }
-    g_printer->m_attrs.cmp_ipp_attrs_set_attr(&ops, false);
-    cmp_ipp_manager::get()->m_printer = g_printer;
 }
-
 
 }  // namespace
 
@@ -68,9 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t len = size - 1;
     const size_t first = len < step ? len : step;
 
-    Pieces pieces{msg, len, first, step, {}};
-    pieces.info.ctx = &pieces;
-    pieces.info.pfnGetMoreData = &Pieces::more;
+    PiecePort pieces = PiecePort::inChunks(Bytes(msg, msg + len), first, step);
 
     cmp_ipp_buf buf(msg, static_cast<uint32_t>(first), true);
     cmp_ipp_request req;

@@ -1,6 +1,7 @@
-// Helpers shared by the attribute, message and server tests: wire bytes written
-// as hex with quoted text, an attribute's stores as plain values, the captured
-// messages, and a scope that collects the trace lines written inside it.
+// Helpers shared by the attribute, message and server tests and the fuzz
+// targets: wire bytes written as hex with quoted text, an attribute's stores as
+// plain values, a transport record handing out pieces, the captured messages,
+// and a scope that collects the trace lines written inside it.
 #ifndef TESTS_ATTR_CODEC_TEST_UTIL_H
 #define TESTS_ATTR_CODEC_TEST_UTIL_H
 
@@ -84,6 +85,20 @@ inline std::vector<std::string> octets(const cmp_ipp_attr& a) {
     std::vector<std::string> s;
     for (int32_t i = 0; i < a.m_bufs.length(); ++i)
         s.emplace_back(reinterpret_cast<const char*>(a.m_bufs[i].data()), a.m_bufs[i].length());
+    return s;
+}
+
+// Everything of an attribute that a reader can see, store capacities included.
+inline std::string shapeOf(const cmp_ipp_attr& a) {
+    std::string s = std::to_string(a.m_type) + " id" + std::to_string(a.m_nameId) + " len" +
+                    std::to_string(a.m_nameLength) + " name:" + (a.m_name != nullptr ? a.m_name : "(none)") + "/" +
+                    a.cmp_ipp_attr_get_name() + " n" + std::to_string(a.m_numValues) + " m" +
+                    std::to_string(a.m_memberType) + " cap" + std::to_string(a.m_strings.capacity()) + "." +
+                    std::to_string(a.m_bufs.capacity()) + "." + std::to_string(a.m_longs.capacity()) + " |";
+    for (int32_t w : words(a)) s += " " + std::to_string(w);
+    for (int32_t i = 0; i < a.m_strings.length(); ++i)
+        s += a.m_strings[i].isSet() ? " '" + text(a.m_strings[i]) + "'" : std::string(" (unset)");
+    for (const std::string& o : octets(a)) s += " <" + o + ">";
     return s;
 }
 

@@ -13,6 +13,20 @@ struct RegistryTables {
     std::vector<uint16_t> oneSetOf;
     std::vector<cmp_ipp_operation_row_t> operations;
     std::vector<cmp_ipp_status_row_t> statuses;
+
+    // Points the registry at these tables as embedding software does: the fields only, no reindex().
+    void writeInto(cmp_ipp_ipptable_def* r) const {
+        r->m_attrTable = attrs.data();
+        r->m_altTypeTable = altTypes.data();
+        r->m_oneSetOfTable = oneSetOf.data();
+        r->m_operationIdTable = operations.data();
+        r->m_statusCodeTable = statuses.data();
+        r->m_attrCount = static_cast<int16_t>(attrs.size());
+        r->m_altTypeCount = static_cast<int16_t>(altTypes.size());
+        r->m_oneSetOfCount = static_cast<int16_t>(oneSetOf.size());
+        r->m_operationIdCount = static_cast<int16_t>(operations.size());
+        r->m_statusCodeCount = static_cast<int16_t>(statuses.size());
+    }
 };
 
 // Puts the registry's tables back as they were when it was made.
@@ -20,18 +34,8 @@ class RegistryRestore {
 public:
     RegistryRestore() : m_saved(*reg()) {}
     ~RegistryRestore() {
-        cmp_ipp_ipptable_def* r = reg();
-        r->m_attrTable = m_saved.m_attrTable;
-        r->m_altTypeTable = m_saved.m_altTypeTable;
-        r->m_oneSetOfTable = m_saved.m_oneSetOfTable;
-        r->m_operationIdTable = m_saved.m_operationIdTable;
-        r->m_statusCodeTable = m_saved.m_statusCodeTable;
-        r->m_attrCount = m_saved.m_attrCount;
-        r->m_altTypeCount = m_saved.m_altTypeCount;
-        r->m_oneSetOfCount = m_saved.m_oneSetOfCount;
-        r->m_operationIdCount = m_saved.m_operationIdCount;
-        r->m_statusCodeCount = m_saved.m_statusCodeCount;
-        r->reindex();
+        *reg() = m_saved;
+        reg()->reindex();
     }
     RegistryRestore(const RegistryRestore&) = delete;
     RegistryRestore& operator=(const RegistryRestore&) = delete;
@@ -50,19 +54,8 @@ public:
 
 private:
     void install() {
-        cmp_ipp_ipptable_def* r = reg();
-        r->m_attrTable = m_tables.attrs.data();
-        r->m_altTypeTable = m_tables.altTypes.data();
-        r->m_oneSetOfTable = m_tables.oneSetOf.data();
-        r->m_operationIdTable = m_tables.operations.data();
-        r->m_statusCodeTable = m_tables.statuses.data();
-        r->m_attrCount = static_cast<int16_t>(m_tables.attrs.size());
-        r->m_altTypeCount = static_cast<int16_t>(m_tables.altTypes.size());
-        r->m_oneSetOfCount = static_cast<int16_t>(m_tables.oneSetOf.size());
-        r->m_operationIdCount = static_cast<int16_t>(m_tables.operations.size());
-        r->m_statusCodeCount = static_cast<int16_t>(m_tables.statuses.size());
-        // The tables may sit where earlier ones sat, with the same counts.
-        r->reindex();
+        m_tables.writeInto(reg());
+        reg()->reindex();  // the tables may sit where earlier ones sat, with the same counts
     }
 
     RegistryTables m_tables;

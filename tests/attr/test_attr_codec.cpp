@@ -17,26 +17,43 @@ namespace {
 
 const std::string E = "[ERROR ]:cmp_ipp_ippattr::Create";
 
-struct Decoded {
-    const char* label;
-    const char* bytes;
-    int32_t offset;
-    int32_t count;
-    int32_t type;
-    uint16_t nameId;
-    const char* ownName;  // null: the name comes from the registry
-    int32_t numValues;
-    int32_t memberType;
-    std::vector<int32_t> longs;
-    std::vector<std::string> strings;
-    std::vector<std::string> bufs;
-    std::vector<std::string> traces;
-    const char* reencoded;  // null: exactly the bytes that were consumed
+// An attribute as the decoder's reused one may be before a read: an own name,
+// many values, grown stores.
+cmp_ipp_attr usedAttribute() {
+    cmp_ipp_attr used(0x36, 0, "old-name", 8, "t");
+    for (int i = 0; i < 12; ++i) used.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x36, 0, "v", "lang"));
+    for (int i = 0; i < 9; ++i) used.m_longs.append(i);
+    used.m_bufs.appendSlot().append(reinterpret_cast<const unsigned char*>("xyz"), 3);
+    used.m_memberType = 0x44;
+    return used;
+}
+
+class AttrDecode : public ::testing::Test {
+protected:
+    ScopedRegistry registry{attrTestTables()};
+    TraceCapture traces;
+    const cmp_ipp_attr used = usedAttribute();
 };
 
-const std::vector<Decoded>& decodedCases() {
-    static const std::vector<Decoded> cases = {
-        {"integer, registered name", "21 0006 'copies' 0004 00000001", 0, 15, 0x21, 1, nullptr, 1, 0, {1}, {}, {}, {}, nullptr},
+// Each case is also read with CreateIn into a used attribute, as the decoder
+// reads every attribute into one: it must end exactly as the one Create makes.
+TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
+    const struct {
+        const char* label;
+        const char* bytes;
+        int32_t offset;
+        int32_t count;
+        int32_t type;
+        uint16_t nameId;
+        const char* ownName;  // null: the name comes from the registry
+        int32_t numValues;
+        int32_t memberType;
+        std::vector<int32_t> longs;
+        std::vector<std::string> strings;
+        std::vector<std::string> bufs;
+        std::vector<std::string> traces;
+        const char* reencoded;  // null: exactly the bytes that were consumed
+    } cases[] = {
         {"integer, two values (24-byte example)", "21 0006 'copies' 0004 00000001 21 0000 0004 00000002", 0, 24, 0x21, 1,
          nullptr, 2, 0, {1, 2}, {}, {}, {}, nullptr},
         {"enum, negative, unregistered name", "23 0001 'x' 0004 FFFFFFFE", 0, 10, 0x23, 0, "x", 1, 0, {-2}, {}, {}, {},
@@ -104,40 +121,32 @@ const std::vector<Decoded>& decodedCases() {
         {"a non-empty name ends the attribute", "21 0001 'x' 0004 00000001 21 0001 'y' 0004 00000002", 0, 10, 0x21, 0, "x",
          1, 0, {1}, {}, {}, {}, nullptr},
     };
-    return cases;
-}
-
-class AttrDecode : public ::testing::Test {
-protected:
-    ScopedRegistry registry{attrTestTables()};
-    TraceCapture traces;
-};
-
-TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
-    for (const Decoded& c : decodedCases()) {
+    ASSERT_GT(used.m_strings.capacity(), 2);
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         orvane::cmp_dbglog_common::get_instance().clear();
         const Bytes bytes = wire(c.bytes);
-        cmp_ipp_buf buf = bufOf(bytes);
-        uint16_t status = 0;
-        int32_t count = -1;
+        cmp_ipp_buf buf = bufOf(bytes), again = bufOf(bytes);
+        uint16_t status = 0, statusIn = 0;
+        int32_t count = -1, countIn = -1;
         std::unique_ptr<cmp_ipp_attr> a(cmp_ipp_attr::Create(buf, c.offset, &status, &count));
         ASSERT_NE(a, nullptr);
         EXPECT_EQ(count, c.count);
         EXPECT_EQ(a->m_type, c.type);
         EXPECT_EQ(a->m_nameId, c.nameId);
-        if (c.ownName != nullptr) {
-            ASSERT_NE(a->m_name, nullptr);
-            EXPECT_STREQ(a->m_name, c.ownName);
-        } else {
-            EXPECT_EQ(a->m_name, nullptr);
-        }
+        EXPECT_STREQ(a->m_name, c.ownName);
         EXPECT_EQ(a->m_numValues, c.numValues);
         EXPECT_EQ(a->m_memberType, c.memberType);
         EXPECT_EQ(words(*a), c.longs);
         EXPECT_EQ(strings(*a), c.strings);
         EXPECT_EQ(octets(*a), c.bufs);
         EXPECT_EQ(traces.lines(), c.traces);
+
+        cmp_ipp_attr into = used;
+        ASSERT_TRUE(cmp_ipp_attr::CreateIn(into, again, c.offset, &statusIn, &countIn));
+        EXPECT_EQ(shapeOf(into), shapeOf(*a));
+        EXPECT_EQ(countIn, count);
+        EXPECT_EQ(statusIn, status);
 
         // Written back: the bytes consumed, or the documented rewrite.
         const Bytes expected = c.reencoded != nullptr
@@ -150,62 +159,7 @@ TEST_F(AttrDecode, ValuesCountsTracesAndWriteBack) {
     }
 }
 
-// Everything of a decoded attribute that a reader can see, store capacities included.
-std::string shapeOf(const cmp_ipp_attr& a) {
-    std::string s = std::to_string(a.m_type) + " id" + std::to_string(a.m_nameId) + " len" +
-                    std::to_string(a.m_nameLength) + " name:" + (a.m_name != nullptr ? a.m_name : "(none)") + " n" +
-                    std::to_string(a.m_numValues) + " m" + std::to_string(a.m_memberType) + " cap" +
-                    std::to_string(a.m_strings.capacity()) + "." + std::to_string(a.m_bufs.capacity()) + "." +
-                    std::to_string(a.m_longs.capacity()) + " |";
-    for (int32_t w : words(a)) s += " " + std::to_string(w);
-    for (const std::string& t : strings(a)) s += " '" + t + "'";
-    for (const std::string& o : octets(a)) s += " <" + o + ">";
-    return s;
-}
-
-// The decoder reads every attribute into one reused attribute: whatever that one
-// held before (an own name, many values, grown stores), it must end exactly as
-// the attribute Create makes, and fail where Create fails.
-TEST_F(AttrDecode, ReadingIntoAUsedAttributeEndsAsCreateDoes) {
-    cmp_ipp_attr used(0x36, 0, "old-name", 8, "t");
-    for (int i = 0; i < 12; ++i) used.cmp_ipp_attr_add_multi(cmp_ipp_attr(0x36, 0, "v", "lang"));
-    for (int i = 0; i < 9; ++i) used.m_longs.append(i);
-    used.m_bufs.appendSlot().append(reinterpret_cast<const unsigned char*>("xyz"), 3);
-    used.m_memberType = 0x44;
-    ASSERT_GT(used.m_strings.capacity(), 2);
-    ASSERT_GT(used.m_longs.capacity(), 2);
-
-    cmp_ipp_attr into = used;
-    for (const Decoded& c : decodedCases()) {
-        SCOPED_TRACE(c.label);
-        const Bytes bytes = wire(c.bytes);
-        cmp_ipp_buf first = bufOf(bytes), second = bufOf(bytes);
-        uint16_t status = 0, statusIn = 0;
-        int32_t count = -1, countIn = -1;
-        std::unique_ptr<cmp_ipp_attr> made(cmp_ipp_attr::Create(first, c.offset, &status, &count));
-        ASSERT_NE(made, nullptr);
-        into = used;
-        ASSERT_TRUE(cmp_ipp_attr::CreateIn(into, second, c.offset, &statusIn, &countIn));
-        EXPECT_EQ(shapeOf(into), shapeOf(*made));
-        EXPECT_EQ(countIn, count);
-        EXPECT_EQ(statusIn, status);
-    }
-    for (const char* bad : {"21 0006 'copies' 0002 0001", "22 0000 0000", "11 0001 'd' 0003 'abc'"}) {
-        SCOPED_TRACE(bad);
-        cmp_ipp_buf buf = bufOf(wire(bad));
-        uint16_t status = 0;
-        int32_t count = -1;
-        into = used;
-        EXPECT_FALSE(cmp_ipp_attr::CreateIn(into, buf, 0, &status, &count));
-        cmp_ipp_buf again = bufOf(wire(bad));
-        uint16_t createStatus = 0;
-        int32_t createCount = -1;
-        EXPECT_EQ(cmp_ipp_attr::Create(again, 0, &createStatus, &createCount), nullptr);
-        EXPECT_EQ(status, createStatus);
-        EXPECT_EQ(count, createCount);
-    }
-}
-
+// Each case fails alike with Create and with CreateIn into a used attribute.
 TEST_F(AttrDecode, FailuresGiveNoAttributeWithStatusCountAndTrace) {
     const struct {
         const char* label;
@@ -214,8 +168,8 @@ TEST_F(AttrDecode, FailuresGiveNoAttributeWithStatusCountAndTrace) {
         uint16_t status;
         int32_t count;
         std::vector<std::string> traces;
+        const char* piece = nullptr;  // what the port hands out when the held bytes run out
     } cases[] = {
-        {"delimiter tag 0x01", "01 0000 0000", 0, 0x0400, 0, {}},
         {"delimiter tag 0x0F", "0F 0001 'x' 0000", 0, 0x0400, 0, {}},
         {"no bytes at all", "", 0, 0x0400, 0, {}},
         {"offset past the data", "21 0001 'x' 0004 00000001", 40, 0x0400, 0, {}},
@@ -250,72 +204,46 @@ TEST_F(AttrDecode, FailuresGiveNoAttributeWithStatusCountAndTrace) {
         {"member value of another tag is decoded with the first tag",
          "4A 0000 0001 'm' 21 0000 0004 00000007 33 0000 0008 00000001 00000002", 0, 0x0400, 28,
          {E + "(273): Attr: wrong value length for 8 for type 33.\n"}},
+        {"octet value the port cannot complete", "30 0001 'o' 0004 'AB'", 0, 0x0400, 10, {}, "'C'"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
-        orvane::cmp_dbglog_common::get_instance().clear();
         const Bytes bytes = wire(c.bytes);
-        cmp_ipp_buf buf = bufOf(bytes);
-        uint16_t status = 0;
-        int32_t count = -1;
-        cmp_ipp_attr* a = cmp_ipp_attr::Create(buf, c.offset, &status, &count);
-        EXPECT_EQ(a, nullptr);
-        delete a;
-        EXPECT_EQ(status, c.status);
-        EXPECT_EQ(count, c.count);
-        EXPECT_EQ(traces.lines(), c.traces);
-        EXPECT_EQ(buf.length(), bytes.size());
-    }
-}
-
-TEST_F(AttrDecode, ReadsPastTheHeldBytesPullFromThePort) {
-    const struct {
-        const char* label;
-        const char* held;
-        const char* piece;
-        bool made;
-        int32_t count;
-        std::vector<int32_t> longs;
-        std::vector<std::string> octets;
-    } cases[] = {
-        {"value length and value in the next piece", "21 0006 'copies' 00", "04 00000001", true, 15, {1}, {}},
-        {"further value in the next piece", "21 0006 'copies' 0004 00000001", "21 0000 0004 00000002", true, 24,
-         {1, 2}, {}},
-        {"octet value completed by the port", "30 0001 'o' 0004 'AB'", "'CD'", true, 10, {}, {"ABCD"}},
-        {"octet value the port cannot complete is refused", "30 0001 'o' 0004 'AB'", "'C'", false, 10, {}, {}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.label);
-        PiecePort port({wire(c.piece)});
-        const Bytes held = wire(c.held);
-        cmp_ipp_buf buf = bufOf(held);
-        buf.setPort(&port.info);
-        uint16_t status = 0;
-        int32_t count = 0;
-        std::unique_ptr<cmp_ipp_attr> a(cmp_ipp_attr::Create(buf, 0, &status, &count));
-        EXPECT_EQ(count, c.count);
-        EXPECT_EQ(port.next, 1u);
-        if (!c.made) {
-            EXPECT_EQ(a, nullptr);
-            EXPECT_EQ(status, 0x0400);
-            continue;
+        for (bool reuse : {false, true}) {
+            orvane::cmp_dbglog_common::get_instance().clear();
+            PiecePort port({wire(c.piece != nullptr ? c.piece : "")});
+            cmp_ipp_buf buf = bufOf(bytes);
+            if (c.piece != nullptr) buf.setPort(&port.info);
+            uint16_t status = 0;
+            int32_t count = -1;
+            cmp_ipp_attr into = used;
+            if (reuse) {
+                EXPECT_FALSE(cmp_ipp_attr::CreateIn(into, buf, c.offset, &status, &count));
+            } else {
+                std::unique_ptr<cmp_ipp_attr> a(cmp_ipp_attr::Create(buf, c.offset, &status, &count));
+                EXPECT_EQ(a, nullptr);
+            }
+            EXPECT_EQ(status, c.status) << "reuse " << reuse;
+            EXPECT_EQ(count, c.count) << "reuse " << reuse;
+            EXPECT_EQ(traces.lines(), c.traces) << "reuse " << reuse;
+            EXPECT_EQ(buf.length(), bytes.size() + port.pieces[0].size() * (c.piece != nullptr));
         }
-        ASSERT_NE(a, nullptr);
-        EXPECT_EQ(words(*a), c.longs);
-        EXPECT_EQ(octets(*a), c.octets);
     }
 }
 
 // ---- encoding ----
 
-struct Encoded {
-    const char* label;
-    cmp_ipp_attr (*make)();
-    const char* bytes;
+class AttrEncode : public ::testing::Test {
+protected:
+    ScopedRegistry registry{attrTestTables()};
 };
 
-const std::vector<Encoded>& encodedCases() {
-    static const std::vector<Encoded> cases = {
+TEST_F(AttrEncode, ExactBytesAtThePositionAndNothingAround) {
+    const struct {
+        const char* label;
+        cmp_ipp_attr (*make)();
+        const char* bytes;
+    } cases[] = {
         {"three values: further values have no name",
          [] { return multi(cmp_ipp_attr(0x21, 1, 1), {cmp_ipp_attr(0x21, 1, 2), cmp_ipp_attr(0x21, 1, -1)}); },
          "21 0006 'copies' 0004 00000001 21 0000 0004 00000002 21 0000 0004 FFFFFFFF"},
@@ -334,18 +262,16 @@ const std::vector<Encoded>& encodedCases() {
         {"tag without a layout goes out as text", [] { return named(cmp_ipp_attr(0x43, 0, "abc"), "u"); },
          "43 0001 'u' 0003 'abc'"},
         {"no values: nothing", [] { return cmp_ipp_attr(0x21, 1); }, ""},
+        {"counted values missing from the stores are zeros, never read from outside them",
+         [] {
+             cmp_ipp_attr a = named(cmp_ipp_attr(0x33, 0, 1, 2), "r");
+             a.m_numValues = 2;
+             return a;
+         },
+         "33 0001 'r' 0008 00000001 00000002 33 0000 0008 00000000 00000000"},
     };
-    return cases;
-}
-
-class AttrEncode : public ::testing::Test {
-protected:
-    ScopedRegistry registry{attrTestTables()};
-};
-
-TEST_F(AttrEncode, ExactBytesAtThePositionAndNothingAround) {
     const uint32_t pos = 3;
-    for (const Encoded& c : encodedCases()) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
         cmp_ipp_attr a = c.make();
         const Bytes want = wire(c.bytes);
@@ -385,19 +311,6 @@ TEST_F(AttrEncode, WritesOnlyWhenTheCapacityHoldsIt) {
     cmp_ipp_buf any(true);
     a.getBytes(any, -1);
     EXPECT_EQ(any.length(), 0u);
-}
-
-// Values a handler left out of the stores are written as zeros, never read
-// from outside them.
-TEST_F(AttrEncode, CountedValuesMissingFromTheStoresAreZero) {
-    cmp_ipp_attr a(0x33, 0, 1, 2);
-    a.setName("r", 1);
-    a.m_numValues = 2;
-    const Bytes want = wire("33 0001 'r' 0008 00000001 00000002 33 0000 0008 00000000 00000000");
-    EXPECT_EQ(a.getByteLength(), static_cast<int32_t>(want.size()));
-    cmp_ipp_buf out(static_cast<uint32_t>(want.size()), true);
-    a.getBytes(out, 0);
-    EXPECT_EQ(hexOf(contentOf(out)), hexOf(want));
 }
 
 }  // namespace

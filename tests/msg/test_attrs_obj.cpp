@@ -16,7 +16,7 @@ protected:
 
 int32_t valueOf(const cmp_ipp_attr& a) { return a.m_longs.length() > 0 ? a.m_longs[0] : -999; }
 
-TEST_F(AttrsTest, ByNameAppendsDuplicatesAndByIdOverwritesTheFirst) {
+TEST_F(AttrsTest, ByNameAppendsDuplicatesAndByIdOverwritesTheFirstOfIdOrName) {
     cmp_ipp_attrs g;
     EXPECT_EQ(g.find(uint16_t{8}), nullptr);
     EXPECT_EQ(g.find("copies"), nullptr);
@@ -38,20 +38,16 @@ TEST_F(AttrsTest, ByNameAppendsDuplicatesAndByIdOverwritesTheFirst) {
     g.cmp_ipp_attrs_set_attr_by_name(nullptr, true);
     g.cmp_ipp_attrs_set_attr(nullptr, true);
     EXPECT_EQ(g.count(), 2);
-}
 
-TEST_F(AttrsTest, UnregisteredNamesAreKeyedByName) {
-    cmp_ipp_attrs g;
-    cmp_ipp_attr y(0x41, 0, "y", 1, "first y");
-    cmp_ipp_attr x(0x41, 0, "x", 1, "first x");
+    // Identifier 0: keyed by the own name, no other entry of identifier 0 is touched.
+    cmp_ipp_attr y(0x41, 0, "y", 1, "first y"), x(0x41, 0, "x", 1, "first x"), x2(0x41, 0, "x", 1, "second x");
     g.cmp_ipp_attrs_set_attr(&y, false);
     g.cmp_ipp_attrs_set_attr(&x, false);
-    cmp_ipp_attr x2(0x41, 0, "x", 1, "second x");
     g.cmp_ipp_attrs_set_attr(&x2, false);
-    ASSERT_EQ(g.count(), 2);
-    EXPECT_STREQ(g[0].m_strings[0].c_str(), "first y") << "no other entry of identifier 0 is touched";
-    EXPECT_STREQ(g[1].m_strings[0].c_str(), "second x");
-    EXPECT_EQ(g.find("x"), &g[1]);
+    ASSERT_EQ(g.count(), 4);
+    EXPECT_STREQ(g[2].m_strings[0].c_str(), "first y");
+    EXPECT_STREQ(g[3].m_strings[0].c_str(), "second x");
+    EXPECT_EQ(g.find("x"), &g[3]);
 }
 
 TEST_F(AttrsTest, CollectionMarkersFollowTheReplaceMemberRule) {

@@ -20,33 +20,15 @@ std::string shown(const cmp_ipp_string& s) {
     return std::string(s.data(), static_cast<size_t>(s.length()));
 }
 
-cmp_ipp_attr values(cmp_ipp_attr a, int32_t n) {
-    a.m_numValues = n;
-    return a;
-}
-
-cmp_ipp_attr words(int16_t tag, uint16_t id, std::vector<int32_t> w, int32_t n) {
+// An attribute with the given stores and value count, consistent or not.
+cmp_ipp_attr stored(int16_t tag, uint16_t id, int32_t n, std::vector<int32_t> w, std::vector<std::string> s = {},
+                    std::vector<std::string> o = {}, int32_t memberType = 0) {
     cmp_ipp_attr a(tag, id);
     for (int32_t v : w) a.m_longs.append(v);
-    return values(a, n);
-}
-
-cmp_ipp_attr texts(int16_t tag, uint16_t id, std::vector<std::string> s, int32_t n) {
-    cmp_ipp_attr a(tag, id);
     for (const std::string& v : s) a.m_strings.append(cmp_ipp_string(v.data(), static_cast<int32_t>(v.size())));
-    return values(a, n);
-}
-
-cmp_ipp_attr octets(uint16_t id, std::vector<std::string> s, int32_t n) {
-    cmp_ipp_attr a(0x30, id);
-    for (const std::string& v : s)
-        a.m_bufs.append(cmp_ipp_buf(reinterpret_cast<const unsigned char*>(v.data()), static_cast<uint32_t>(v.size()), true));
-    return values(a, n);
-}
-
-cmp_ipp_attr member(cmp_ipp_attr a, int32_t memberType) {
+    for (const std::string& v : o) a.m_bufs.append(bufOf(Bytes(v.begin(), v.end())));
+    a.m_numValues = n;
     a.m_memberType = memberType;
-    a.m_type = 0x4A;
     return a;
 }
 
@@ -66,27 +48,27 @@ TEST(MsgHtml, UnusualValuesRenderWithinTheirStores) {
     cmp_ipp_request msg;
     cmp_ipp_attrs* g = msg.getAttrGroup("Job0");
     const cmp_ipp_attr attrs[] = {
-        words(0x21, 16, {0, -1, INT32_MIN, INT32_MAX, 7}, 5),
-        words(0x23, 0, {3}, 2),  // a value count beyond the store
-        words(0x22, 0, {0, 2, -5}, 3),
-        words(0x31, 0, twoDates, 2),
-        words(0x32, 0, {600, -600, 3, INT32_MIN, 0, 4}, 2),
-        words(0x33, 0, {INT32_MIN, INT32_MAX}, 1),
-        texts(0x35, 0, {"hello", "en", "a\0b"s, ""}, 3),
-        texts(0x36, 0, {"name"}, 1),
-        texts(0x41, 0, {"a\0b\0"s, "x", "<b>&amp;", "fr"}, 2),
-        texts(0x44, 20, {"one-sided", "", "two-sided-long-edge", ""}, 2),
-        texts(0x13, 0, {}, 1),
-        octets(0, {"AB\0C"s, "", std::string(300, 'o')}, 4),
-        words(0x43, 0, {1}, 1),
-        words(0x7F, 0, {}, 2),
-        words(0x21, 0, {}, 0),
-        member(texts(0x44, 0, {"a4"}, 1), 0x44),
-        member(cmp_ipp_attr(0x4A, 19), 0),
+        stored(0x21, 16, 5, {0, -1, INT32_MIN, INT32_MAX, 7}),
+        stored(0x23, 0, 2, {3}),  // a value count beyond the store
+        stored(0x22, 0, 3, {0, 2, -5}),
+        stored(0x31, 0, 2, twoDates),
+        stored(0x32, 0, 2, {600, -600, 3, INT32_MIN, 0, 4}),
+        stored(0x33, 0, 1, {INT32_MIN, INT32_MAX}),
+        stored(0x35, 0, 3, {}, {"hello", "en", "a\0b"s, ""}),
+        stored(0x36, 0, 1, {}, {"name"}),
+        stored(0x41, 0, 2, {}, {"a\0b\0"s, "x", "<b>&amp;", "fr"}),
+        stored(0x44, 20, 2, {}, {"one-sided", "", "two-sided-long-edge", ""}),
+        stored(0x13, 0, 1, {}),
+        stored(0x30, 0, 4, {}, {}, {"AB\0C"s, "", std::string(300, 'o')}),
+        stored(0x43, 0, 1, {1}),
+        stored(0x7F, 0, 2, {}),
+        stored(0x21, 0, 0, {}),
+        stored(0x4A, 0, 1, {}, {"a4"}, {}, 0x44),
+        stored(0x4A, 19, 0, {}),
         cmp_ipp_attr(0x37, 0),  // an endCollection without a begCollection
         cmp_ipp_attr(0x34, 18),
         cmp_ipp_attr(0x34, 19),
-        member(words(0x21, 0, {21000}, 1), 0x21),
+        stored(0x4A, 0, 1, {21000}, {}, {}, 0x21),
         cmp_ipp_attr(0x37, 0),
         cmp_ipp_attr(0x34, 0),  // never closed
     };

@@ -14,13 +14,18 @@ namespace {
 
 const uint32_t kHeader = 8;
 
-// A request whose attribute part (from the first delimiter tag to the end tag
-// included) is exactly bytes long: the operation attributes, then a job group
-// padded with text attributes of at most 1000 bytes (a piece from the port
-// always holds a whole value).
-Bytes requestOfAttributeBytes(uint32_t bytes) {
+// A request: the operation attributes, a job group filled by fill, the end tag.
+Bytes request(const std::function<void(Ipp&)>& fill) {
     Ipp m;
     m.header(1, 1, 0x0002, 1).opGroup().tag(0x02);
+    fill(m);
+    return m.tag(0x03).b;
+}
+
+// Pads the job group with text attributes of at most 1000 bytes (a piece from
+// the port always holds a whole value) until the attribute part, from the first
+// delimiter tag to the end tag included, is bytes long.
+void padAttributePart(Ipp& m, uint32_t bytes) {
     uint32_t left = bytes - (static_cast<uint32_t>(m.b.size()) - kHeader) - 1;  // the end tag is the last byte
     while (left > 0) {
         // Tag, lengths and the name "pad" take 8 bytes; never leave fewer than 8.
@@ -30,43 +35,7 @@ Bytes requestOfAttributeBytes(uint32_t bytes) {
         m.text(0x41, "pad", std::string(field - 8, 'p'));
         left -= field;
     }
-    m.tag(0x03);
-    EXPECT_EQ(m.b.size() - kHeader, bytes);
-    return m.b;
-}
-
-// n attributes in all: the three operation attributes, then integers.
-Bytes requestOfAttributes(int32_t n) {
-    Ipp m;
-    m.header(1, 1, 0x0002, 1).opGroup().tag(0x02);
-    for (int32_t i = 3; i < n; ++i) m.integer(0x21, "n", i);
-    m.tag(0x03);
-    return m.b;
-}
-
-// One attribute with n values: consecutive values of one tag, or values that
-// each come after a field of another tag (additional values merged by the decoder).
-Bytes requestOfValues(int32_t n, bool additional) {
-    Ipp m;
-    m.header(1, 1, 0x0002, 1).opGroup().tag(0x02);
-    m.integer(0x21, "many", 0);
-    for (int32_t i = 1; i < n; ++i) {
-        if (additional) m.text(0x44, "", "x");  // refused by the integer attribute: adds no value
-        m.integer(0x21, "", i);
-    }
-    m.tag(0x03);
-    return m.b;
-}
-
-// depth collections, each the member value of the one around it.
-Bytes requestOfDepth(int32_t depth) {
-    Ipp m;
-    m.header(1, 1, 0x0002, 1).opGroup().tag(0x02);
-    m.attr(0x34, "media-col", {});
-    for (int32_t i = 1; i < depth; ++i) m.text(0x4A, "", "m").attr(0x34, "", {});
-    for (int32_t i = 0; i < depth; ++i) m.attr(0x37, "", {});
-    m.tag(0x03);
-    return m.b;
+    EXPECT_EQ(m.b.size() - kHeader + 1, bytes);
 }
 
 class LimitsTest : public ::testing::Test {
@@ -78,34 +47,47 @@ protected:
 TEST_F(LimitsTest, EachBoundDecodesAtItsLimitAndRefusesOnePast) {
     const struct {
         const char* what;
-        std::function<Bytes(int32_t)> build;
+        std::function<void(Ipp&, int32_t)> fill;
         int32_t limit;
         int code;  // 0: the request traces other errors on the way (refused merges); status only
         int line;
     } cases[] = {
-        {"attribute bytes", [](int32_t n) { return requestOfAttributeBytes(static_cast<uint32_t>(n)); },
+        {"attribute bytes", [](Ipp& m, int32_t n) { padAttributePart(m, static_cast<uint32_t>(n)); },
          static_cast<int32_t>(CMP_IPP_MAX_ATTRIBUTE_BYTES), 610, 851},
-        {"attributes", requestOfAttributes, CMP_IPP_MAX_ATTRIBUTES, 611, 854},
-        {"values of one field", [](int32_t n) { return requestOfValues(n, false); }, CMP_IPP_MAX_VALUES, 612, 857},
-        {"additional values", [](int32_t n) { return requestOfValues(n, true); }, CMP_IPP_MAX_VALUES, 0, 0},
-        {"collection depth", requestOfDepth, CMP_IPP_MAX_COLLECTION_DEPTH, 613, 860},
+        {"attributes, the three operation attributes included",
+         [](Ipp& m, int32_t n) {
+             for (int32_t i = 3; i < n; ++i) m.integer(0x21, "n", i);
+         },
+         CMP_IPP_MAX_ATTRIBUTES, 611, 854},
+        {"values of one field",
+         [](Ipp& m, int32_t n) {
+             m.integer(0x21, "many", 0);
+             for (int32_t i = 1; i < n; ++i) m.integer(0x21, "", i);
+         },
+         CMP_IPP_MAX_VALUES, 612, 857},
+        {"additional values, each after a field the attribute refuses",
+         [](Ipp& m, int32_t n) {
+             m.integer(0x21, "many", 0);
+             for (int32_t i = 1; i < n; ++i) m.text(0x44, "", "x").integer(0x21, "", i);
+         },
+         CMP_IPP_MAX_VALUES, 0, 0},
+        {"collection depth, each collection the member value of the one around it",
+         [](Ipp& m, int32_t depth) {
+             m.attr(0x34, "media-col", {});
+             for (int32_t i = 1; i < depth; ++i) m.text(0x4A, "", "m").attr(0x34, "", {});
+             for (int32_t i = 0; i < depth; ++i) m.attr(0x37, "", {});
+         },
+         CMP_IPP_MAX_COLLECTION_DEPTH, 613, 860},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        {
-            const Bytes bytes = c.build(c.limit);
-            cmp_ipp_buf buf = bufOf(bytes);
+        for (int32_t n : {c.limit, c.limit + 1}) {
+            SCOPED_TRACE(testing::Message() << c.what << ": " << n);
+            const bool past = n > c.limit;
+            cmp_ipp_buf buf = bufOf(request([&](Ipp& m) { c.fill(m, n); }));
             cmp_ipp_request req;
-            TraceCapture trace(-1);
-            EXPECT_EQ(req.decode(buf, nullptr), 0u) << "at the limit";
-        }
-        {
-            const Bytes bytes = c.build(c.limit + 1);
-            cmp_ipp_buf buf = bufOf(bytes);
-            cmp_ipp_request req;
-            TraceCapture trace(c.code != 0 ? 0 : -1);
-            EXPECT_EQ(req.decode(buf, nullptr), 0x0409u) << "one past";
-            if (c.code == 0) continue;
+            TraceCapture trace(past && c.code != 0 ? 0 : -1);
+            EXPECT_EQ(req.decode(buf, nullptr), past ? 0x0409u : 0u);
+            if (!past || c.code == 0) continue;
             const std::vector<std::string> lines = trace.lines();
             ASSERT_FALSE(lines.empty());
             const std::string expected = "[ERROR ]:cmp_ipp_ippmsg::decode(" + std::to_string(c.line) +
@@ -115,35 +97,29 @@ TEST_F(LimitsTest, EachBoundDecodesAtItsLimitAndRefusesOnePast) {
     }
 }
 
-TEST_F(LimitsTest, AttributeBytesAreCountedAlsoWhenTheBodyArrivesInPieces) {
-    const Bytes document(100000, 'd');
+// Document data after the attributes is not bounded, whole or in pieces; the
+// attribute bytes are counted in pieces too.
+TEST_F(LimitsTest, AttributeBytesAreCountedAlsoInPiecesAndDocumentDataIsNotBounded) {
+    const Bytes document(3 * CMP_IPP_MAX_ATTRIBUTE_BYTES, 'd');
     for (uint32_t bytes : {CMP_IPP_MAX_ATTRIBUTE_BYTES, CMP_IPP_MAX_ATTRIBUTE_BYTES + 1}) {
-        Bytes message = requestOfAttributeBytes(bytes);
+        Bytes message = request([bytes](Ipp& m) { padAttributePart(m, bytes); });
         message.insert(message.end(), document.begin(), document.end());
         PiecePort port = PiecePort::inChunks(message, 200, 4096);
-        cmp_ipp_buf first(message.data(), 200, true);
-        cmp_ipp_request req;
+        cmp_ipp_buf first(message.data(), 200, true), whole = bufOf(message);
+        cmp_ipp_request req, inOne;
         TraceCapture quiet(-1);
         const uint32_t result = req.decode(first, &port.info);
-        if (bytes == CMP_IPP_MAX_ATTRIBUTE_BYTES) {
-            ASSERT_EQ(result, 0u);
-            // Document data is not bounded: what was read of it is kept, the rest stays with the port.
-            EXPECT_EQ(req.m_docData.length() + port.unread().size(), document.size());
-        } else {
-            EXPECT_EQ(result, 0x0409u);
-        }
         EXPECT_EQ(first.getPort(), nullptr);
+        if (bytes != CMP_IPP_MAX_ATTRIBUTE_BYTES) {
+            EXPECT_EQ(result, 0x0409u);
+            continue;
+        }
+        ASSERT_EQ(result, 0u);
+        // What was read of the document is kept, the rest stays with the port.
+        EXPECT_EQ(req.m_docData.length() + port.unread().size(), document.size());
+        ASSERT_EQ(inOne.decode(whole, nullptr), 0u);
+        EXPECT_EQ(inOne.m_docData.length(), document.size());
     }
-}
-
-TEST_F(LimitsTest, DocumentDataAfterTheAttributesIsNotBounded) {
-    Ipp m;
-    m.header(1, 1, 0x0002, 1).opGroup().tag(0x03);
-    m.raw(Bytes(3 * CMP_IPP_MAX_ATTRIBUTE_BYTES, 'd'));
-    cmp_ipp_buf buf = bufOf(m.b);
-    cmp_ipp_request req;
-    ASSERT_EQ(req.decode(buf, nullptr), 0u);
-    EXPECT_EQ(req.m_docData.length(), 3 * CMP_IPP_MAX_ATTRIBUTE_BYTES);
 }
 
 // A transport that would go on delivering pieces of one endless attribute part.
