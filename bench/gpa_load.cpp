@@ -15,15 +15,11 @@
 //       the connections open for S seconds (for memory readings meanwhile)
 //   gpa_load --free-port
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -38,9 +34,13 @@
 #include <thread>
 #include <vector>
 
+#include "cmp_ipp_http_client.h"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using cmp_ipp_app::HttpConnection;
+using cmp_ipp_app::HttpResponse;
 
 struct Options {
     std::string host = "127.0.0.1";
@@ -138,163 +138,16 @@ bool attributesEndAtEnd(const std::string& body, std::string* why) {
     return false;
 }
 
-class Connection {
-public:
-    Connection(const Options& o, int index) : m_o(o), m_index(index) {}
-    ~Connection() { close(); }
-
-    bool open() {
-        close();
-        m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (m_fd < 0) return false;
-        struct sockaddr_in a;
-        memset(&a, 0, sizeof a);
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(m_o.port));
-        if (inet_pton(AF_INET, m_o.host.c_str(), &a.sin_addr) != 1) return false;
-        // Servers may give each client address a share of their connections
-        // (ours: 16 of 32): on loopback the connections come from 127.0.0.1 to
-        // 127.0.0.4 in turn, as from four clients.
-        if (m_o.host.compare(0, 4, "127.") == 0) {
-            struct sockaddr_in src;
-            memset(&src, 0, sizeof src);
-            src.sin_family = AF_INET;
-            src.sin_addr.s_addr = htonl(0x7F000001u + static_cast<uint32_t>(m_index % 4));
-            if (bind(m_fd, reinterpret_cast<struct sockaddr*>(&src), sizeof src) != 0) return false;
-        }
-        if (connect(m_fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) != 0) return false;
-        const int one = 1;
-        setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-        // A server that stops sending fails the reply instead of hanging the run.
-        struct timeval limit = {10, 0};
-        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-        m_start = m_end = 0;
-        return true;
-    }
-    void close() {
-        if (m_fd >= 0) ::close(m_fd);
-        m_fd = -1;
-    }
-    bool isOpen() const { return m_fd >= 0; }
-
-    bool sendAll(const std::string& data) {
-        size_t off = 0;
-        while (off < data.size()) {
-            const ssize_t n = send(m_fd, data.data() + off, data.size() - off, MSG_NOSIGNAL);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            off += static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    // One response: status code, body, whether the server keeps the connection.
-    bool readResponse(int* status, std::string* body, bool* keep, std::string* why) {
-        std::string line;
-        if (!readLine(&line)) return *why = "connection closed before the status line", false;
-        if (line.compare(0, 7, "HTTP/1.") != 0 || line.size() < 12)
-            return *why = "bad status line: " + line, false;
-        *status = std::atoi(line.c_str() + 9);
-        *keep = line.compare(0, 8, "HTTP/1.1") == 0;
-        long long length = -1;
-        bool chunked = false;
-        for (;;) {
-            if (!readLine(&line)) return *why = "connection closed in the headers", false;
-            if (line.empty()) break;
-            const size_t colon = line.find(':');
-            if (colon == std::string::npos) continue;
-            std::string name = line.substr(0, colon);
-            std::transform(name.begin(), name.end(), name.begin(), ::tolower);
-            std::string value = line.substr(colon + 1);
-            value.erase(0, value.find_first_not_of(" \t"));
-            std::string lvalue = value;
-            std::transform(lvalue.begin(), lvalue.end(), lvalue.begin(), ::tolower);
-            if (name == "content-length") length = std::atoll(value.c_str());
-            if (name == "transfer-encoding" && lvalue.find("chunked") != std::string::npos) chunked = true;
-            if (name == "connection" && lvalue.find("close") != std::string::npos) *keep = false;
-            if (name == "connection" && lvalue.find("keep-alive") != std::string::npos) *keep = true;
-        }
-        body->clear();
-        if (chunked) {
-            for (;;) {
-                if (!readLine(&line)) return *why = "connection closed in a chunk header", false;
-                char* end = nullptr;
-                const unsigned long long size = std::strtoull(line.c_str(), &end, 16);
-                if (end == line.c_str()) return *why = "bad chunk header: " + line, false;
-                if (size == 0) break;
-                if (!readBytes(static_cast<size_t>(size), body)) return *why = "connection closed in a chunk", false;
-                if (!readLine(&line) || !line.empty()) return *why = "chunk not followed by CRLF", false;
-            }
-            do {  // trailers
-                if (!readLine(&line)) return *why = "connection closed in the trailers", false;
-            } while (!line.empty());
-        } else if (length >= 0) {
-            if (!readBytes(static_cast<size_t>(length), body)) return *why = "connection closed in the body", false;
-        } else {
-            // Neither: the body runs to the close.
-            char buf[16384];
-            for (;;) {
-                if (m_start < m_end) {
-                    body->append(m_buf + m_start, m_end - m_start);
-                    m_start = m_end;
-                }
-                const ssize_t n = recv(m_fd, buf, sizeof buf, 0);
-                if (n <= 0) break;
-                body->append(buf, static_cast<size_t>(n));
-            }
-            *keep = false;
-        }
-        return true;
-    }
-
-private:
-    bool fill() {
-        if (m_start == m_end) m_start = m_end = 0;
-        if (m_end == sizeof m_buf) {
-            memmove(m_buf, m_buf + m_start, m_end - m_start);
-            m_end -= m_start;
-            m_start = 0;
-        }
-        for (;;) {
-            const ssize_t n = recv(m_fd, m_buf + m_end, sizeof m_buf - m_end, 0);
-            if (n < 0 && errno == EINTR) continue;
-            if (n <= 0) return false;
-            m_end += static_cast<size_t>(n);
-            return true;
-        }
-    }
-    bool readLine(std::string* line) {
-        for (;;) {
-            const char* nl = static_cast<const char*>(memchr(m_buf + m_start, '\n', m_end - m_start));
-            if (nl != nullptr) {
-                size_t len = static_cast<size_t>(nl - (m_buf + m_start));
-                line->assign(m_buf + m_start, len > 0 && nl[-1] == '\r' ? len - 1 : len);
-                m_start += len + 1;
-                return true;
-            }
-            if (m_end - m_start > 16384) return false;  // no header line is that long
-            if (!fill()) return false;
-        }
-    }
-    bool readBytes(size_t n, std::string* out) {
-        while (n > 0) {
-            if (m_start == m_end && !fill()) return false;
-            const size_t take = std::min(n, m_end - m_start);
-            out->append(m_buf + m_start, take);
-            m_start += take;
-            n -= take;
-        }
-        return true;
-    }
-
-    const Options& m_o;
-    const int m_index;
-    int m_fd = -1;
-    char m_buf[65536];
-    size_t m_start = 0;
-    size_t m_end = 0;
-};
+// Servers may give each client address a share of their connections (ours: 16
+// of 32): on loopback the connections come from 127.0.0.1 to 127.0.0.4 in
+// turn, as from four clients. A server that stops answering fails the reply
+// (after 10 s) instead of hanging the run.
+bool openConnection(const Options& o, int index, HttpConnection& c) {
+    char source[16];
+    snprintf(source, sizeof source, "127.0.0.%d", 1 + index % 4);
+    const bool loopback = o.host.compare(0, 4, "127.") == 0;
+    return c.open(o.host.c_str(), static_cast<uint16_t>(o.port), loopback ? source : nullptr, 10000);
+}
 
 struct Worker {
     std::vector<uint32_t> latencyUs;
@@ -311,8 +164,8 @@ std::atomic<bool> g_measuring{false};
 std::atomic<bool> g_stop{false};
 
 // One request and its reply; false with the reason when the reply fails a check.
-bool check(const Options& o, Connection& c, const std::string& ipp, uint32_t requestId, Worker& w, bool count,
-           std::string* why) {
+bool check(const Options& o, HttpConnection& c, HttpResponse& r, const std::string& ipp, uint32_t requestId,
+           Worker& w, bool count, std::string* why) {
     std::string http;
     if (o.get.empty()) {
         std::string body = ipp;
@@ -327,11 +180,10 @@ bool check(const Options& o, Connection& c, const std::string& ipp, uint32_t req
         http = "GET " + o.get + " HTTP/1.1\r\nHost: " + o.host + ":" + std::to_string(o.port) + "\r\n\r\n";
     }
     const Clock::time_point t0 = Clock::now();
-    int status = 0;
-    bool keep = true;
-    std::string body;
-    if (!c.sendAll(http)) return *why = "send failed", false;
-    if (!c.readResponse(&status, &body, &keep, why)) return false;
+    if (!c.send(http)) return *why = "send failed", false;
+    if (!c.readResponse(r, false)) return *why = r.error, false;
+    const int status = r.status;
+    const std::string& body = r.body;
     const uint32_t us =
         static_cast<uint32_t>(std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count());
     if (status != 200) return *why = "HTTP status " + std::to_string(status), false;
@@ -354,7 +206,7 @@ bool check(const Options& o, Connection& c, const std::string& ipp, uint32_t req
         w.minBody = std::min(w.minBody, body.size());
         w.maxBody = std::max(w.maxBody, body.size());
     }
-    if (!keep) {
+    if (!r.keepAlive) {
         c.close();
         ++w.reconnects;
     }
@@ -363,10 +215,10 @@ bool check(const Options& o, Connection& c, const std::string& ipp, uint32_t req
 
 // A bad reply fails the run, or with --count-broken is counted and its
 // connection dropped (whatever is left of it cannot be trusted).
-bool exchange(const Options& o, Connection& c, const std::string& ipp, uint32_t requestId, Worker& w,
-              bool count) {
+bool exchange(const Options& o, HttpConnection& c, HttpResponse& r, const std::string& ipp, uint32_t requestId,
+              Worker& w, bool count) {
     std::string why;
-    if (check(o, c, ipp, requestId, w, count, &why)) return true;
+    if (check(o, c, r, ipp, requestId, w, count, &why)) return true;
     if (!o.countBroken) {
         fail(why);
         return false;
@@ -378,28 +230,31 @@ bool exchange(const Options& o, Connection& c, const std::string& ipp, uint32_t 
 }
 
 void run(const Options& o, int index, Worker& w) {
-    Connection c(o, index);
+    HttpConnection c;
+    HttpResponse r;  // its buffers are reused from reply to reply
     const std::string ipp = gpaRequest(o);
     uint32_t requestId = static_cast<uint32_t>(index) * 1000000u + 1;
     while (!g_stop.load() && !g_failed.load()) {
-        if (!c.isOpen() && !c.open()) return fail("cannot connect to " + o.host + ":" + std::to_string(o.port));
+        if (!c.connected() && !openConnection(o, index, c))
+            return fail("cannot connect to " + o.host + ":" + std::to_string(o.port));
         const bool counted = g_measuring.load();
-        if (!exchange(o, c, ipp, requestId++, w, counted)) return;
+        if (!exchange(o, c, r, ipp, requestId++, w, counted)) return;
     }
 }
 
 int holdConnections(const Options& o) {
-    std::vector<std::unique_ptr<Connection>> open;
+    std::vector<std::unique_ptr<HttpConnection>> open;
     std::vector<Worker> w(static_cast<size_t>(o.connections));
+    HttpResponse r;
     const std::string ipp = gpaRequest(o);
     for (int i = 0; i < o.connections; ++i) {
-        open.emplace_back(new Connection(o, i));
-        if (!open.back()->open()) return fprintf(stderr, "gpa_load: cannot connect\n"), 1;
+        open.emplace_back(new HttpConnection);
+        if (!openConnection(o, i, *open.back())) return fprintf(stderr, "gpa_load: cannot connect\n"), 1;
     }
     // Every connection carries a request, so the server has set each one up.
     for (int i = 0; i < o.connections; ++i) {
-        if (!exchange(o, *open[static_cast<size_t>(i)], ipp, static_cast<uint32_t>(i + 1), w[static_cast<size_t>(i)],
-                      true))
+        if (!exchange(o, *open[static_cast<size_t>(i)], r, ipp, static_cast<uint32_t>(i + 1),
+                      w[static_cast<size_t>(i)], true))
             return fprintf(stderr, "gpa_load: %s\n", g_error.c_str()), 1;
     }
     FILE* f = fopen(o.holdFile.c_str(), "w");

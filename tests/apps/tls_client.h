@@ -14,7 +14,7 @@
 class TlsClient : public HttpReader {
 public:
     explicit TlsClient(uint16_t port, const char* serverName = "localhost") {
-        m_fd = loopbackConnection(port);
+        m_fd = cmp_ipp_app::tcpConnect("127.0.0.1", port, "127.0.0.1", kTestIoTimeoutMs);
         if (m_fd < 0) return;
         gnutls_certificate_allocate_credentials(&m_creds);
         gnutls_init(&m_session, GNUTLS_CLIENT);
@@ -54,19 +54,18 @@ public:
     }
 
 private:
-    bool receive(int leftMs) override {
+    ssize_t receive(char* into, size_t room, int leftMs) override {
         if (gnutls_record_check_pending(m_session) == 0) {
             struct pollfd p = {m_fd, POLLIN, 0};
-            if (poll(&p, 1, leftMs) <= 0) return false;
+            const int k = poll(&p, 1, leftMs);
+            if (k == 0) errno = ETIMEDOUT;
+            if (k <= 0) return -1;
         }
-        char tmp[16384];
         ssize_t k;
         do {
-            k = gnutls_record_recv(m_session, tmp, sizeof tmp);
+            k = gnutls_record_recv(m_session, into, room);
         } while (k == GNUTLS_E_AGAIN || k == GNUTLS_E_INTERRUPTED);
-        if (k <= 0) return false;
-        m_buf.append(tmp, static_cast<size_t>(k));
-        return true;
+        return k < 0 ? -1 : k;
     }
 
     int m_fd = -1;
