@@ -318,8 +318,9 @@ protected:
     }
 
     // Starts the whole service and waits until the socket accepts connections.
-    void start() {
-        ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
+    void start() { start(&printer.printer, &handler); }
+    void start(void* printerObject, cmp_ipp_handler* h) {
+        ASSERT_EQ(cmp_ipp_init_wrap(printerObject, h), 0);
         m_running = true;
         ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
     }
@@ -331,6 +332,12 @@ protected:
         // removes its socket file as it leaves.
         EXPECT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) != 0; }, 3000))
             << "the stop leaves no socket file behind";
+    }
+
+    // The body of the reply to a GET on a connection of its own.
+    std::string fetchPage() {
+        Client c(m_path);
+        return c.sendRequest(getRequest()) ? c.readReply().body : "(not sent)";
     }
 
     ScopedRegistry reg{messageTables()};

@@ -82,7 +82,6 @@ TEST_F(HttpdE2E, RefusalsCarryTheirCodeAndClose) {
         const Reply r = c.readReply();
         ASSERT_TRUE(r.ok);
         EXPECT_EQ(r.status, k.status);
-        EXPECT_EQ(r.contentLength, static_cast<int32_t>(k.body.size()));
         EXPECT_EQ(r.body, k.body);
         EXPECT_TRUE(c.closedByPeer(2000));
         if (k.status == PRS_PRT_HTTP_RET_IPP_DISABLED) {
@@ -310,9 +309,7 @@ TEST_F(HttpdE2E, PeerGoneBeforeOrDuringTheReplyDoesNotKillTheProcess) {
     EXPECT_EQ(after.sa_handler, SIG_DFL) << "process-wide signal handling left alone";
     // Still serving, and a large body arrives whole.
     handler.htmlBytes = 300000;
-    Client again(m_path);
-    ASSERT_TRUE(again.sendRequest(getRequest()));
-    EXPECT_EQ(again.readReply().body, std::string(300000, 'h'));
+    EXPECT_EQ(fetchPage(), std::string(300000, 'h'));
 }
 
 TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
@@ -334,9 +331,7 @@ TEST_F(HttpdE2E, ThirtyThirdConnectionIsRefusedUntilOneEnds) {
 
     open.front()->closeNow();
     ASSERT_TRUE(settles([] { return getConnectionCount() == AHTTPD_MAX_CONNECTIONS - 1; }, 5000));
-    Client next(m_path);
-    ASSERT_TRUE(next.sendRequest(getRequest()));
-    EXPECT_EQ(next.readReply().body, HttpTestHandler::kPage);
+    EXPECT_EQ(fetchPage(), HttpTestHandler::kPage);
     open.clear();
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000));
 }
@@ -371,10 +366,7 @@ TEST_F(HttpdE2E, SocketFileModeRestartAndStopWithoutConnections) {
         if (c.group >= 0) {
             EXPECT_EQ(st.st_gid, static_cast<gid_t>(c.group));
         }
-        Client client(m_path);
-        ASSERT_TRUE(client.sendRequest(getRequest()));
-        EXPECT_EQ(client.readReply().body, HttpTestHandler::kPage);
-        client.closeNow();
+        EXPECT_EQ(fetchPage(), HttpTestHandler::kPage);
         ASSERT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
         const auto t0 = Clock::now();
         stop();  // checks that the socket file is gone
@@ -411,23 +403,9 @@ TEST(HttpdSocketPath, FromTheEnvironment) {
     unsetenv("GEN_UNIX_PATH");
 }
 
-TEST(HttpdFacade, TermWithoutListenerReturnsZeroAndInstanceIsShared) {
-    EXPECT_EQ(orvane::cmp_ipp_facade::cmp_ipp_get_instance()->cmp_ipp_term(), 0);
-    orvane::cmp_ipp_facade* seen[2] = {nullptr, nullptr};
-    std::thread a([&] { seen[0] = orvane::cmp_ipp_facade::cmp_ipp_get_instance(); });
-    std::thread b([&] { seen[1] = orvane::cmp_ipp_facade::cmp_ipp_get_instance(); });
-    a.join();
-    b.join();
-    EXPECT_NE(seen[0], nullptr);
-    EXPECT_EQ(seen[0], seen[1]);
-    EXPECT_EQ(seen[0], orvane::cmp_ipp_facade::s_instance_);
-}
-
 TEST_F(HttpdE2E, InitWithNullPrinterStillStartsTheListener) {
     cmp_ipp_manager::get()->unregisterPrinter(&printer.printer);  // ScopedPrinter restores it
-    ASSERT_EQ(cmp_ipp_init_wrap(nullptr, &handler), 0);
-    m_running = true;
-    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    start(nullptr, &handler);
     Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kGetJobs, 9)));
     const Reply r = c.readReply();

@@ -128,9 +128,7 @@ private:
 TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsForIt) {
     std::atomic<int> clock{0};
     BlockingHandler* busy = new BlockingHandler(clock);
-    ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, busy), 0);
-    m_running = true;
-    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    start(&printer.printer, busy);
     Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kPrintJob, 41), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return busy->entered.load(); }, 5000));
@@ -163,7 +161,6 @@ TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsF
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000)) << "the late task ended on its own";
 }
 
-
 // Back-to-back stops and starts: a stop with nothing open returns before the
 // listener has left, and the next start must neither be refused by the old
 // listener's leaving nor lose its socket file to it.
@@ -181,9 +178,7 @@ TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
     }
     start();
     for (int i = 0; i < 5; ++i) {
-        Client c(m_path);
-        ASSERT_TRUE(c.sendRequest(getRequest()));
-        EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
+        EXPECT_EQ(fetchPage(), HttpTestHandler::kPage) << "the socket file is the new listener's";
     }
 }
 

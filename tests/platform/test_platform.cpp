@@ -37,19 +37,6 @@ TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {
     EXPECT_EQ(lines.back(), "line " + std::to_string(total - 1) + "\n");
 }
 
-TEST(PlatformMemory, FaultHookFailsExactlyTheNextAllocations) {
-    emwOSWTestFailNextAllocs(2);
-    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
-    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
-    void* p = emwOSWSubAllocMem(16);
-    ASSERT_NE(p, nullptr);
-    int32_t before = emwOSWTestOutstandingBlocks();
-    emwOSWOrgFreeMemPart(0, p);
-    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
-    emwOSWOrgFreeMemPart(0, nullptr);
-    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
-}
-
 void* noteRan(void* p) {
     static_cast<std::atomic<int>*>(p)->store(1);
     return nullptr;

@@ -12,9 +12,7 @@
 #include "msg/cmp_ipp_request.h"
 #include "msg/msg_fixture.h"
 #include "platform/emw_osw_test.h"
-#include "service/cmp_ipp_handler.h"
-#include "service/cmp_ipp_ippc.h"
-#include "service/cmp_ipp_manager.h"
+#include "service/recording_handler.h"
 
 namespace {
 
@@ -109,9 +107,7 @@ TEST_P(FaultLoop, Encoding) {
 // with the printer's attributes: the reply block, or an error status.
 TEST_P(FaultLoop, StreamedGetPrinterAttributes) {
     PrinterAttrsHandler handler;
-    cmp_ipp_handler* const saved = cmp_ipp_manager::get()->m_handler;
-    IPP_Initialize(nullptr, &handler);
-    IPPCGI_EnableIPP(1);
+    ScopedHandler registered(&handler);
     const int faults = faultLoop(GetParam(), "stream", [&] {
         cmp_ipp_if_info_s record{};
         IPP_STREAM_HANDLE h = IPP_StreamDataStart(request.data(), static_cast<uint32_t>(request.size()), &record);
@@ -134,9 +130,6 @@ TEST_P(FaultLoop, StreamedGetPrinterAttributes) {
         return Outcome{bytes, status >= 0x0400 || replyStatus >= 0x0400};
     });
     EXPECT_GT(faults, 0);
-    IPPCGI_EnableIPP(0);
-    cmp_ipp_manager::get()->unregisterHandler(&handler);
-    if (saved != nullptr) IPP_Initialize(nullptr, saved);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FaultLoop, ::testing::Values(Fault::Alloc, Fault::MutexOp),

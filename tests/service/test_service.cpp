@@ -17,20 +17,6 @@ using Calls = std::vector<std::string>;
 // A manager set up with the test printer and a recording handler; IPP enabled.
 class ServiceTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        cmp_ipp_manager* m = cmp_ipp_manager::get();
-        m_savedHandler = m->m_handler;
-        IPP_Initialize(nullptr, &handler);
-        IPPCGI_EnableIPP(1);
-    }
-    void TearDown() override {
-        // Whichever handler a test left registered: it goes out of scope now.
-        cmp_ipp_manager* m = cmp_ipp_manager::get();
-        m->unregisterHandler(m->m_handler.load());
-        if (m_savedHandler != nullptr) IPP_Initialize(nullptr, m_savedHandler);
-        IPPCGI_EnableIPP(0);
-    }
-
     static Bytes request(uint16_t op, uint32_t id = 77) {
         Ipp m;
         m.header(1, 1, op, id).opGroup().tag(3);
@@ -58,10 +44,8 @@ protected:
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
     RecordingHandler handler;
+    ScopedHandler registered{&handler};
     cmp_ipp_if_info_s record{};
-
-private:
-    cmp_ipp_handler* m_savedHandler = nullptr;
 };
 
 // One stream through the plain interface: start, optionally abort, 100 bytes of
