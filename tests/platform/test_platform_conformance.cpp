@@ -33,6 +33,14 @@ namespace {
 const auto kLiveness = std::chrono::seconds(30);
 const unsigned kDeadlockAlarmSeconds = 30;
 
+// Runs body(t) for t = 0 .. n-1 on n tasks at once and waits for them all.
+template <class F>
+void onTasks(int n, F body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(body, t);
+    for (std::thread& th : threads) th.join();
+}
+
 // ---- memory -------------------------------------------------------------------
 
 // Sizes the library asks for: texts of every length, the 32768-byte spool
@@ -74,43 +82,35 @@ TEST(PlatformMemory, BlocksAreDistinctAlignedAndWritableOverTheirWholeSize) {
 TEST(PlatformMemory, TasksAllocateAndReleaseConcurrentlyAndAcrossTasks) {
     const int kThreads = 4, kRounds = 2000;
     std::vector<std::vector<void*>> handedOver(kThreads);
-    std::vector<std::thread> threads;
     std::atomic<int> corrupt{0};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &handedOver, &corrupt] {
-            for (int i = 0; i < kRounds; ++i) {
-                const uint32_t size = kSizes[(i + t) % (sizeof kSizes / sizeof kSizes[0])];
-                unsigned char* p = static_cast<unsigned char*>(emwOSWSubAllocMem(size));
-                if (p == nullptr) {
+    onTasks(kThreads, [&](int t) {
+        for (int i = 0; i < kRounds; ++i) {
+            const uint32_t size = kSizes[(i + t) % (sizeof kSizes / sizeof kSizes[0])];
+            unsigned char* p = static_cast<unsigned char*>(emwOSWSubAllocMem(size));
+            if (p == nullptr) {
+                ++corrupt;
+                continue;
+            }
+            std::memset(p, t + 1, size);
+            sched_yield();
+            for (uint32_t k = 0; k < size; ++k) {
+                if (p[k] != t + 1) {
                     ++corrupt;
-                    continue;
-                }
-                std::memset(p, t + 1, size);
-                sched_yield();
-                for (uint32_t k = 0; k < size; ++k) {
-                    if (p[k] != t + 1) {
-                        ++corrupt;
-                        break;
-                    }
-                }
-                if (i % 10 == 0) {
-                    handedOver[t].push_back(p);
-                } else {
-                    emwOSWOrgFreeMemPart(0, p);
+                    break;
                 }
             }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+            if (i % 10 == 0) {
+                handedOver[t].push_back(p);
+            } else {
+                emwOSWOrgFreeMemPart(0, p);
+            }
+        }
+    });
     EXPECT_EQ(corrupt.load(), 0) << "a block was shared between tasks, or an allocation failed";
     // Released by other tasks than their makers.
-    std::vector<std::thread> releasers;
-    for (int t = 0; t < kThreads; ++t) {
-        releasers.emplace_back([&handedOver, t, kThreads] {
-            for (void* p : handedOver[(t + 1) % kThreads]) emwOSWOrgFreeMemPart(0, p);
-        });
-    }
-    for (std::thread& th : releasers) th.join();
+    onTasks(kThreads, [&](int t) {
+        for (void* p : handedOver[(t + 1) % kThreads]) emwOSWOrgFreeMemPart(0, p);
+    });
 }
 
 // ---- mutexes --------------------------------------------------------------------
@@ -126,23 +126,19 @@ TEST(PlatformMutex, MutexAndGuardKeepReadModifyWriteWholeAcrossTasks) {
         const int kThreads = 4, kRounds = 5000;
         volatile long counter = 0;
         std::atomic<int> failures{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&] {
-                for (int i = 0; i < kRounds; ++i) {
-                    std::unique_ptr<OSW_Thread_Guard> held(guard ? new OSW_Thread_Guard : nullptr);
-                    if (!guard && emwOSWRequestMutexSem(m, -1) != 0) {
-                        ++failures;
-                        continue;
-                    }
-                    const long seen = counter;
-                    if (i % 64 == 0) sched_yield();  // invites a task that should be shut out
-                    counter = seen + 1;
-                    if (!guard && emwOSWReleaseMutexSem(m) != 0) ++failures;
+        onTasks(kThreads, [&](int) {
+            for (int i = 0; i < kRounds; ++i) {
+                std::unique_ptr<OSW_Thread_Guard> held(guard ? new OSW_Thread_Guard : nullptr);
+                if (!guard && emwOSWRequestMutexSem(m, -1) != 0) {
+                    ++failures;
+                    continue;
                 }
-            });
-        }
-        for (std::thread& th : threads) th.join();
+                const long seen = counter;
+                if (i % 64 == 0) sched_yield();  // invites a task that should be shut out
+                counter = seen + 1;
+                if (!guard && emwOSWReleaseMutexSem(m) != 0) ++failures;
+            }
+        });
         EXPECT_EQ(failures.load(), 0);
         EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
     }
@@ -331,14 +327,10 @@ TEST_F(PlatformTrace, LinesArriveExactlyAsFormattedWhenTheLevelAllows) {
 TEST_F(PlatformTrace, ConcurrentLinesStayWhole) {
     orvane::cmp_dbglog_common::get_instance().set_level(0);
     const int kThreads = 4, kLines = 50;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < kLines; ++i)
-                orvane::cmp_dbglog::tracer(0, "[ERROR ]:conformance::%s(%d): task %d line %d.\n", "whole", 1, t, i);
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    onTasks(kThreads, [](int t) {
+        for (int i = 0; i < kLines; ++i)
+            orvane::cmp_dbglog::tracer(0, "[ERROR ]:conformance::%s(%d): task %d line %d.\n", "whole", 1, t, i);
+    });
     const std::vector<std::string> got = lines();
     EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * kLines));
     for (const std::string& l : got) {
