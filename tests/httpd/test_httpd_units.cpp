@@ -205,29 +205,6 @@ TEST(HttpHeaders, RequestFieldLookup) {
     EXPECT_EQ(AHTTPD_getReqHeaderField(req.get(), 31, buf.data()), PRS_PRT_HTTP_RET_FIELD_NOT_FOUND);
 }
 
-TEST(HttpHeaders, Base64Decoding) {
-    const struct {
-        const char* in;
-        int32_t length;
-        const char* out;
-    } cases[] = {
-        {"QQ==", 1, "A"},          {"QUI=", 2, "AB"},   {"QUJD", 3, "ABC"},
-        {" \tdXNlcjpwYXNz", 9, "user:pass"},            {"", 0, ""},
-        {"dXNlcjpwYXNz extra", 9, "user:pass"},
-    };
-    for (const auto& c : cases) {
-        unsigned char out[32];
-        std::memset(out, 0, sizeof out);
-        EXPECT_EQ(ahttpdDecode(c.in, out, 32), c.length) << c.in;
-        EXPECT_EQ(std::string(reinterpret_cast<char*>(out), static_cast<size_t>(c.length)), c.out) << c.in;
-    }
-    // More than fits: the length is reported in full, nothing is written beyond.
-    const std::string many(400, 'A');
-    std::vector<unsigned char> guarded(20, 0xEE);
-    EXPECT_EQ(ahttpdDecode(many.c_str(), guarded.data(), 10), 300);
-    for (size_t i = 10; i < guarded.size(); ++i) EXPECT_EQ(guarded[i], 0xEE) << i;
-}
-
 struct InfoRig {
     InfoRig() : req(zeroed<ahttpdReqObj>()), rsp(zeroed<ahttpdRspObj>()) {
         req->rspObj = rsp.get();
@@ -256,11 +233,16 @@ TEST(HttpAccessors, HeaderFieldsWithBasicCredentialsDecoded) {
         std::string seen;
     } cases[] = {
         {kAuth, "Basic dXNlcjpwYXNz", 1, "Basic user:pass"},
+        {kAuth, "Basic QQ==", 1, "Basic A"},
+        {kAuth, "Basic QUI=", 1, "Basic AB"},
+        {kAuth, "Basic QUJD", 1, "Basic ABC"},
+        {kAuth, "Basic  \tdXNlcjpwYXNz extra", 1, "Basic user:pass"},  // blanks before, the run ends at one
         {CMP_IPP_IF_HDR_HOST, "printer.local", 1, "printer.local"},
         {CMP_IPP_IF_HDR_COOKIE, "", 0, ""},
         {33, "", 0, ""},
         {kAuth, "Bearer abc.def", 1, "Bearer abc.def"},
         {kAuth, "Basic", 1, "Basic"},                            // nothing to decode
+        {kAuth, "Basic ", 1, "Basic "},
         {kAuth, "basic dXNlcjpwYXNz", 1, "basic dXNlcjpwYXNz"},  // case-sensitive
         {kAuth, "Basic " + std::string(400, 'Q'), 0, ""},         // decodes to more than 254 bytes
         {kAuth, "Basic " + std::string(336, 'Q'), 1, "Basic " + decoded252},  // 252 bytes: accepted
@@ -276,6 +258,11 @@ TEST(HttpAccessors, HeaderFieldsWithBasicCredentialsDecoded) {
             EXPECT_EQ(std::string(buf.data()), c.seen);
         }
     }
+    // Credentials longer than the buffer: the length is reported in full, nothing is written beyond.
+    const std::string many(400, 'A');
+    std::vector<unsigned char> guarded(20, 0xEE);
+    EXPECT_EQ(ahttpdDecode(many.c_str(), guarded.data(), 10), 300);
+    for (size_t i = 10; i < guarded.size(); ++i) EXPECT_EQ(guarded[i], 0xEE) << i;
     InfoRig r;
     char text[] = "realm";
     EXPECT_EQ(setHttpData(&r.info, CMP_IPP_IF_HDR_WWW_AUTHENTICATE, text), 1);
