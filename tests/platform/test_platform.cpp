@@ -7,31 +7,16 @@
 #include <cstring>
 #include <string>
 
-#include "platform/cmp_dbglog.h"
-#include "platform/emw_osw_test.h"
+#include "attr/codec_test_util.h"  // TraceCapture
+#include "platform/emw_osw.h"
 
 namespace {
 
-orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instance(); }
-
-class TraceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_saved = log().level();
-        log().clear();
-    }
-    void TearDown() override {
-        log().set_level(m_saved);
-        log().clear();
-    }
-    int m_saved = 0;
-};
-
-TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {
-    log().set_level(0);
+TEST(PlatformTrace, RingKeepsOnlyTheNewestLines) {
+    TraceCapture trace(0);
     const size_t total = orvane::cmp_dbglog_common::kRingLines + 10;
     for (size_t i = 0; i < total; ++i) orvane::cmp_dbglog::tracer(0, "line %zu\n", i);
-    auto lines = log().lines();
+    auto lines = trace.lines();
     ASSERT_EQ(lines.size(), orvane::cmp_dbglog_common::kRingLines);
     EXPECT_EQ(lines.front(), "line 10\n");
     EXPECT_EQ(lines.back(), "line " + std::to_string(total - 1) + "\n");
@@ -48,8 +33,7 @@ TEST(PlatformTask, RefusedRealTimePolicyFallsBack) {
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         if (getuid() == 0 && setuid(65534) != 0) _exit(10);
-        log().set_level(2);
-        log().clear();
+        TraceCapture trace(2);
         pthread_attr_t attr;
         pthread_attr_init(&attr);
         pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
@@ -65,7 +49,7 @@ TEST(PlatformTask, RefusedRealTimePolicyFallsBack) {
             if (ran.load() != 1) _exit(12);
         }
         size_t traced = 0;
-        for (const std::string& l : log().lines())
+        for (const std::string& l : trace.lines())
             if (l.find("real-time scheduling refused") != std::string::npos) ++traced;
         _exit(traced == 1 ? 0 : 13);
     }

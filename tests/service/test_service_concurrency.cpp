@@ -6,40 +6,27 @@
 #include <thread>
 #include <vector>
 
-#include "httpd/httpd_fixture.h"  // settles: bounded waits, so a broken library fails instead of hanging
+#include "httpd/httpd_fixture.h"  // settles (bounded waits) and the counting HttpTestHandler
 #include "msg/msg_fixture.h"
 #include "containers/cmp_ipp_malloc.h"
 #include "service/recording_handler.h"
 
 namespace {
 
-// Answers every request with its encoded response and counts what it sees.
-class CountingHandler : public cmp_ipp_handler {
+// Counts what it sees (HttpTestHandler) and echoes the request-id as a job-id,
+// so that a reply can be matched to the stream the handler was called for.
+class EchoingHandler : public HttpTestHandler {
 public:
-    void processRequest(cmp_ipp_streamed_ctx* ctx, void*) override {
-        ++processed;
-        // Echo the request-id as a job-id, so a reply can be matched to its
-        // request.
+    void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
+        HttpTestHandler::processRequest(ctx, printer);
         ctx->m_response.cmp_ipp_msg_get_job_attrs(0)->cmp_ipp_attrs_set_attr(0x21, 16, ctx->m_request.m_requestId);
     }
-    void abortRequest(cmp_ipp_streamed_ctx*, void*) override { ++aborted; }
-    void prepareRequest(cmp_ipp_streamed_ctx*, void*) override { ++prepared; }
-    uint32_t streamData(cmp_ipp_streamed_ctx*, const cmp_ipp_buf& data, void*) override {
-        bytes += data.length();
-        return 0;
-    }
-    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t, void*) override {
-        ++finished;
-        return ctx->m_response.cmp_ipp_msg_encode();
-    }
-    std::atomic<int> processed{0}, aborted{0}, prepared{0}, finished{0};
-    std::atomic<uint64_t> bytes{0};
 };
 
 TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
-    CountingHandler handler;
+    EchoingHandler handler;
     ScopedHandler registered(&handler);
 
     const int kThreads = 8, kStreams = 300;
@@ -77,7 +64,7 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     EXPECT_EQ(handler.prepared.load(), kThreads * kStreams);
     EXPECT_EQ(handler.finished.load(), kThreads * kStreams) << "every stream ended exactly once";
     EXPECT_EQ(handler.aborted.load(), kThreads * kStreams / 10);
-    EXPECT_EQ(handler.bytes.load(), uint64_t{kThreads} * kStreams * 3 * 512);
+    EXPECT_EQ(handler.dataBytes.load(), uint64_t{kThreads} * kStreams * 3 * 512);
 }
 
 // What a handler saw, kept outside it so that it can be read after the handler
