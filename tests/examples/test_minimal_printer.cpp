@@ -59,8 +59,7 @@ TEST_F(MinimalPrinter, CountsPrintJobBytesAcrossBlocksAndSkipsAbortedUploads) {
     {
         Client c(m_socket);
         // Raw, to cut the blocks where the count has to add them up.
-        ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(static_cast<int32_t>(job.size() + 15000)))));
-        ASSERT_TRUE(c.rawBlock(job));
+        ASSERT_TRUE(c.rawPost(job, static_cast<int32_t>(job.size() + 15000)));
         for (int i = 0; i < 3; ++i) ASSERT_TRUE(c.rawBlock(Bytes(5000, static_cast<unsigned char>('b' + i))));
         ASSERT_TRUE(c.rawBlock({}));
         const Reply r = c.rawReply();
@@ -72,8 +71,7 @@ TEST_F(MinimalPrinter, CountsPrintJobBytesAcrossBlocksAndSkipsAbortedUploads) {
     {
         // An upload cut off before its end block is aborted by the library: no job.
         Client c(m_socket);
-        ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(100000))));
-        ASSERT_TRUE(c.rawBlock(ippRequest(0x0002, 43)));
+        ASSERT_TRUE(c.rawPost(ippRequest(0x0002, 43), 100000));
         ASSERT_TRUE(c.rawBlock(Bytes(7000, 'x')));
     }
     EXPECT_EQ(stop(), 0);

@@ -137,6 +137,12 @@ public:
         const int32_t n = static_cast<int32_t>(b.size());
         return rawBytes(&n, sizeof n) && rawBytes(b);
     }
+    // An IPP POST's record (chunked, or with its length) and its first block.
+    bool rawPost(const Bytes& first, int32_t contentLength, bool chunked = false) {
+        RelayRequest r = postRequest(contentLength);
+        r.chunked = chunked;
+        return rawBytes(recordBytes(r)) && rawBlock(first);
+    }
 
     // Reads exactly n bytes; false on close, error or time-out.
     bool readExact(void* dest, size_t n, int timeoutMs) {

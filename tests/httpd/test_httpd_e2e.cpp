@@ -35,8 +35,7 @@ TEST_F(HttpdE2E, RefusedDataIsDrainedAnsweredAndClosedAfterAPause) {
     start();
     Client c(m_path);
     // Raw: one block a call, so that the refusal falls between blocks.
-    ASSERT_TRUE(c.rawBytes(recordBytes(postRequest(0))));
-    ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 5)));
+    ASSERT_TRUE(c.rawPost(ippRequest(kPrintJob, 5), 0));
     const Bytes doc(1000, 0x55);
     for (int i = 0; i < 5; ++i) ASSERT_TRUE(c.rawBlock(doc));
     ASSERT_TRUE(c.rawBlock({}));
@@ -213,10 +212,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
         const int aborted = handler.aborted.load(), finished = handler.finished.load();
         const uint64_t bytes = handler.dataBytes.load();
         Client client(m_path);
-        RelayRequest r = postRequest(c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), AHTTPD_CONN_CLOSE);
-        r.chunked = c.chunked;
-        ASSERT_TRUE(client.rawBytes(recordBytes(r)));
-        ASSERT_TRUE(client.rawBlock(first));
+        ASSERT_TRUE(client.rawPost(first, c.chunked ? 0 : static_cast<int32_t>(first.size() + doc.size()), c.chunked));
         ASSERT_TRUE(client.rawBlock(doc));
         if (c.end == End::HalfCloseInBlock || c.end == End::CloseInBlock) {
             const int32_t announced = 3000;
@@ -254,10 +250,7 @@ TEST_F(HttpdE2E, EveryWayAnUploadCanEnd) {
 TEST_F(HttpdE2E, BlockInManyPiecesIsDeliveredWhole) {
     start();
     Client c(m_path);
-    RelayRequest r = postRequest(0, AHTTPD_CONN_CLOSE);
-    r.chunked = true;
-    ASSERT_TRUE(c.rawBytes(recordBytes(r)));
-    ASSERT_TRUE(c.rawBlock(ippRequest(kPrintJob, 32)));
+    ASSERT_TRUE(c.rawPost(ippRequest(kPrintJob, 32), 0, true));
     const int32_t announced = 24 * 500;
     ASSERT_TRUE(c.rawBytes(&announced, sizeof announced));
     for (int i = 0; i < 24; ++i) {

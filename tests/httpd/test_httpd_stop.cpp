@@ -44,10 +44,7 @@ protected:
 void stalledUpload(Client& c, bool chunked) {
     const Bytes ipp = ippRequest(kPrintJob, 31);
     const Bytes doc(1000, 0x5a);
-    RelayRequest block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
-    block.chunked = chunked;
-    ASSERT_TRUE(c.rawBytes(recordBytes(block)));
-    ASSERT_TRUE(c.rawBlock(ipp));
+    ASSERT_TRUE(c.rawPost(ipp, chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()), chunked));
     ASSERT_TRUE(c.rawBlock(doc));
     if (chunked) {
         const int32_t announced = static_cast<int32_t>(doc.size());
