@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "apps/temp_dir.h"
 #include "cmp_ipp_relay.h"
 #include "msg/msg_fixture.h"
 #include "httpd/cmp_ipp_httpd.h"
@@ -293,9 +294,8 @@ inline void expectIppReply(const Reply& r, uint32_t requestId) {
 class HttpdServer : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/cmp_ipp_httpd_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
+        m_dir = makeTempDir("cmp_ipp_httpd");
+        ASSERT_FALSE(m_dir.empty());
         setenv("GEN_UNIX_PATH", (m_dir + "/").c_str(), 1);
         m_path = m_dir + "/zyn_ipp_server";
         AHTTPD_setReceiveTimeout(5);
@@ -319,8 +319,7 @@ protected:
         AHTTPD_setReceiveTimeout(30);
         AHTTPD_setKeepAlivePasses(200);
         unsetenv("GEN_UNIX_PATH");
-        unlink(m_path.c_str());
-        rmdir(m_dir.c_str());
+        removeDir(m_dir);
     }
 
     // Starts the whole service and waits until the socket accepts connections.

@@ -186,25 +186,10 @@ TEST_F(ServiceTest, PrinterAttributesPageRequest) {
     IPP_Initialize(nullptr, &handler);
 }
 
-TEST_F(ServiceTest, StartAndStop) {
-    cmp_ipp_manager* m = cmp_ipp_manager::get();
-    void* first = m->m_printer;
-    RecordingHandler other;
-    int otherPrinter = 0;
-    EXPECT_EQ(pn_ipp_start(&otherPrinter, &other), 1);
-    EXPECT_EQ(IPPCGI_Enabled(), 1);
-    EXPECT_EQ(m->m_printer, first) << "the first printer handle stays";
-    EXPECT_EQ(m->m_handler, &other) << "the handler is replaced";
-    EXPECT_EQ(pn_ipp_stop(0, nullptr), 0);
-    EXPECT_EQ(IPPCGI_Enabled(), 0);
-    EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
-    m->unregisterPrinter(first);
-    EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
-    EXPECT_EQ(m->m_printer, &otherPrinter);
-    m->init(first);
-}
-
-TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
+// An unregister clears only what is registered, a start registers both again;
+// a later start keeps the printer registered first and replaces the handler,
+// and a stop turns IPP off and releases nothing.
+TEST_F(ServiceTest, UnregisterStartAndStopTouchOnlyWhatTheyName) {
     cmp_ipp_manager* m = cmp_ipp_manager::get();
     void* const registeredPrinter = m->m_printer;
     RecordingHandler other;
@@ -228,6 +213,18 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
     EXPECT_EQ(pn_ipp_start(registeredPrinter, &handler), 1);
     EXPECT_EQ(m->m_printer, registeredPrinter);
     EXPECT_EQ(m->m_handler, &handler);
+
+    EXPECT_EQ(pn_ipp_start(&otherPrinter, &other), 1);
+    EXPECT_EQ(IPPCGI_Enabled(), 1);
+    EXPECT_EQ(m->m_printer, registeredPrinter) << "the first printer handle stays";
+    EXPECT_EQ(m->m_handler, &other) << "the handler is replaced";
+    EXPECT_EQ(pn_ipp_stop(0, nullptr), 0);
+    EXPECT_EQ(IPPCGI_Enabled(), 0);
+    EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
+    m->unregisterPrinter(registeredPrinter);
+    EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
+    EXPECT_EQ(m->m_printer, &otherPrinter);
+    m->init(registeredPrinter);
 }
 
 }  // namespace
