@@ -149,17 +149,14 @@ TEST_F(HttpdE2E, KeepAliveModesServeTheNextRequestOrCloseAfterTheirWait) {
 
 // Three pieces are assembled; after ten receives the server answers with what came
 // (the rest of the block is never sent at all, late pieces may meet a closed socket).
-// A front end that leaves in the middle of the block ends the task, unanswered.
 TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
     start();
     const Bytes block = recordBytes(getRequest());
     const struct {
         std::vector<size_t> ends;
         int gapMs;
-        bool leaves;
-    } cases[] = {{{10, 20000, block.size()}, 50, false},
-                 {{100, 200, 300, 400, 500, 600, 700, 800, 900, 1000, 1100, 1200, 1300, 1400}, 60, false},
-                 {{5000}, 0, true}};
+    } cases[] = {{{10, 20000, block.size()}, 50},
+                 {{100, 200, 300, 400, 500, 600, 700, 800, 900, 1000, 1100, 1200, 1300, 1400}, 60}};
     for (const auto& k : cases) {
         SCOPED_TRACE(k.ends.size());
         Client c(m_path);
@@ -168,13 +165,6 @@ TEST_F(HttpdE2E, RequestBlockInPiecesIsAssembledUpToTenReceives) {
             c.rawBytes(block.data() + from, end - from);
             from = end;
             std::this_thread::sleep_for(std::chrono::milliseconds(k.gapMs));
-        }
-        if (k.leaves) {
-            ASSERT_TRUE(settles([] { return getConnectionCount() == 1; }, 2000));
-            c.closeNow();
-            EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 3000));
-            EXPECT_EQ(handler.prepared.load(), 2) << "only the two answered blocks reached the handler";
-            continue;
         }
         const Reply r = c.rawReply(3000);
         ASSERT_TRUE(r.ok);
@@ -360,7 +350,6 @@ TEST_F(HttpdE2E, SocketFileModeRestartAndStopWithoutConnections) {
         EXPECT_LT(msSince(t0), 1000);
         EXPECT_EQ(g_pn_httpd_num_ports.load(), 0);
         EXPECT_EQ(g_pn_httpd_shutdown.load(), 0);
-        EXPECT_FALSE(Client(m_path, 200).connected());
     }
 }
 
