@@ -34,8 +34,7 @@ TEST(PicTables, BisectionOverThePolicyRanges) {
 }
 
 struct Gate {
-    std::atomic<bool> entered{false};
-    std::atomic<bool> open{false};
+    std::atomic<bool> entered{false}, open{false};
     int detachState = -1;
 };
 
@@ -633,10 +632,9 @@ TEST(HttpReplySend, FailuresOfTheRecordAndOfTheBodyStayApart) {
     EXPECT_EQ(p.rsp->headerSent, 1);
     EXPECT_EQ(p.rsp->sendBody(p.rsp.get()), PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE);
     EXPECT_EQ(p.rsp->body, nullptr);
-    const std::vector<std::string> lines = trace.lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0], "[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n");
-    EXPECT_EQ(lines[1], "[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n");
+    EXPECT_EQ(trace.lines(), (std::vector<std::string>{
+                  "[ERROR ]:cmp_ipp_httptask::AHTTPD_sendData(1398): PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE.\n",
+                  "[INFO  ]:cmp_ipp_htmemdef::transmit_response_body_frees(88): errno[0x20].\n"}));
 }
 
 // ---- error replies --------------------------------------------------------------------

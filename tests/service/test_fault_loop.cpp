@@ -17,19 +17,13 @@
 namespace {
 
 // Answers Get-Printer-Attributes with the printer object's attributes.
-class PrinterAttrsHandler : public cmp_ipp_handler {
+class PrinterAttrsHandler : public RecordingHandler {
 public:
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         if (printer == nullptr) return;
         const cmp_ipp_attrs& from = static_cast<cmp_ipp_obj*>(printer)->m_attrs;
         cmp_ipp_attrs& to = *ctx->m_response.getAttrGroup("Printer");
         for (int32_t i = 0; i < from.count(); ++i) to.cmp_ipp_attrs_set_attr_by_name(&from[i], false);
-    }
-    void abortRequest(cmp_ipp_streamed_ctx*, void*) override {}
-    void prepareRequest(cmp_ipp_streamed_ctx*, void*) override {}
-    uint32_t streamData(cmp_ipp_streamed_ctx*, const cmp_ipp_buf&, void*) override { return 0; }
-    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t, void*) override {
-        return ctx != nullptr ? ctx->m_response.cmp_ipp_msg_encode() : cmp_ipp_buf(true);
     }
 };
 

@@ -38,9 +38,8 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
             const unsigned char data[512] = {0};
             for (int i = 0; i < kStreams; ++i) {
                 const int32_t id = (t + 1) * 100000 + i;
-                Ipp m;
-                m.header(1, 1, 0x0002, static_cast<uint32_t>(id)).opGroup().tag(3);
-                IPP_STREAM_HANDLE h = IPP_StreamDataStart(m.b.data(), static_cast<uint32_t>(m.b.size()), &record);
+                const Bytes m = ippRequest(0x0002, static_cast<uint32_t>(id));
+                IPP_STREAM_HANDLE h = IPP_StreamDataStart(m.data(), static_cast<uint32_t>(m.size()), &record);
                 if (h == nullptr) {
                     ++wrong;
                     continue;
@@ -71,9 +70,7 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
 // is gone.
 struct Tracker {
     std::atomic<bool> gone{false};  // set once unregisterHandler has returned
-    std::atomic<int> inside{0};
-    std::atomic<int> calls{0};
-    std::atomic<int> lateCalls{0};
+    std::atomic<int> inside{0}, calls{0}, lateCalls{0};
 };
 
 class TrackedHandler : public cmp_ipp_handler {
@@ -140,10 +137,8 @@ TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHa
                     if (i % 5 == t % 5) {
                         cmp_ipp_free(IPP_GetPrnAttrHtml(&len, &record));
                     } else {
-                        Ipp req;
-                        req.header(1, 1, 0x0002, static_cast<uint32_t>(i + 1)).opGroup().tag(3);
-                        IPP_STREAM_HANDLE h =
-                            IPP_StreamDataStart(req.b.data(), static_cast<uint32_t>(req.b.size()), &record);
+                        const Bytes r = ippRequest(0x0002, static_cast<uint32_t>(i + 1));
+                        IPP_STREAM_HANDLE h = IPP_StreamDataStart(r.data(), static_cast<uint32_t>(r.size()), &record);
                         if (h == nullptr) {
                             ++wrong;
                             continue;
