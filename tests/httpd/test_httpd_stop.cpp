@@ -70,9 +70,7 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
         {"idle keep-alive connection", answered(AHTTPD_CONN_KEEP_ALIVE), [] { return true; }, 0},
         {"connection pausing before its close", answered(AHTTPD_CONN_PAUSE_CLOSE), [] { return true; }, 0},
         {"connection that never sent its request block",
-         [](Client& c) {
-             ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100));
-         },
+         [](Client& c) { ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100)); },
          [] { return getConnectionCount() == 1; }, 0},
         {"upload with a length", [](Client& c) { stalledUpload(c, false); },
          [&] { return handler.dataCalls.load() == 1; }, 1},

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <string>
 
 #include "attr/codec_test_util.h"  // TraceCapture

@@ -14,6 +14,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -66,12 +67,9 @@ TEST(PlatformMemory, BlocksAreDistinctAlignedAndWritableOverTheirWholeSize) {
     // shows the other's byte afterwards.
     for (size_t i = 0; i < blocks.size(); ++i) std::memset(blocks[i].p, static_cast<int>(i & 0xFF), blocks[i].size);
     for (size_t i = 0; i < blocks.size(); ++i) {
-        for (uint32_t k = 0; k < blocks[i].size; ++k) {
-            if (blocks[i].p[k] != static_cast<unsigned char>(i & 0xFF)) {
-                ADD_FAILURE() << "block " << i << " (" << blocks[i].size << " bytes) overwritten at " << k;
-                break;
-            }
-        }
+        unsigned char* const end = blocks[i].p + blocks[i].size;
+        const unsigned char* const k = std::find_if(blocks[i].p, end, [i](unsigned char c) { return c != (i & 0xFF); });
+        EXPECT_EQ(k, end) << "block " << i << " (" << blocks[i].size << " bytes) overwritten at " << k - blocks[i].p;
     }
     for (const Block& b : blocks) emwOSWOrgFreeMemPart(0, b.p);
     emwOSWOrgFreeMemPart(0, nullptr);  // does nothing
@@ -93,12 +91,7 @@ TEST(PlatformMemory, TasksAllocateAndReleaseConcurrentlyAndAcrossTasks) {
             }
             std::memset(p, t + 1, size);
             sched_yield();
-            for (uint32_t k = 0; k < size; ++k) {
-                if (p[k] != t + 1) {
-                    ++corrupt;
-                    break;
-                }
-            }
+            if (std::count(p, p + size, static_cast<unsigned char>(t + 1)) != static_cast<long>(size)) ++corrupt;
             if (i % 10 == 0) {
                 handedOver[t].push_back(p);
             } else {
