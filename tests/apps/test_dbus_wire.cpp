@@ -108,6 +108,9 @@ void put32(Bytes& b, size_t off, uint32_t v) {
 TEST(DbusWire, MalformedMessagesAreRefused) {
     const Bytes good = encode(groupSignal(), 5);
     const size_t bodyAt = good.size() - 45;  // i, then a 36-byte string with its length and nul
+    const size_t member = at(good, "StateChanged");
+    const size_t bodySignature = at(good, std::string("\x02is\x00", 4));
+    const size_t signatureField = at(good, std::string("\x08\x01g\x00", 4));  // code 8
     struct Case {
         const char* what;
         std::function<void(Bytes&)> spoil;
@@ -123,23 +126,19 @@ TEST(DbusWire, MalformedMessagesAreRefused) {
         {"fields length one short", [](Bytes& b) { b[12] -= 1; }},
         {"path field typed as string", [](Bytes& b) { b[18] = 's'; }},
         {"field signature of two types", [](Bytes& b) { b[17] = 2; }},
-        {"string length past the end", [&](Bytes& b) { put32(b, at(b, "StateChanged") - 4, 0x7FFFFFFF); }},
-        {"string length 4 GiB - 1", [&](Bytes& b) { put32(b, at(b, "StateChanged") - 4, 0xFFFFFFFFu); }},
-        {"string without its nul", [&](Bytes& b) { b[at(b, "StateChanged") + 12] = 'x'; }},
-        {"string with a nul inside", [&](Bytes& b) { b[at(b, "StateChanged") + 3] = 0; }},
+        {"string length past the end", [&](Bytes& b) { put32(b, member - 4, 0x7FFFFFFF); }},
+        {"string length 4 GiB - 1", [&](Bytes& b) { put32(b, member - 4, 0xFFFFFFFFu); }},
+        {"string without its nul", [&](Bytes& b) { b[member + 12] = 'x'; }},
+        {"string with a nul inside", [&](Bytes& b) { b[member + 3] = 0; }},
         {"nonzero padding", [](Bytes& b) { b[46] = 1; }},  // after the path's nul
-        {"signature names a string where an int is", [&](Bytes& b) { b[at(b, std::string("\x02is\x00", 4)) + 1] = 's'; }},
-        {"signature longer than the body", [&](Bytes& b) { b[at(b, std::string("\x02is\x00", 4)) + 2] = 'u'; }},
-        {"signature type unknown", [&](Bytes& b) { b[at(b, std::string("\x02is\x00", 4)) + 1] = 'Z'; }},
+        {"signature names a string where an int is", [&](Bytes& b) { b[bodySignature + 1] = 's'; }},
+        {"signature longer than the body", [&](Bytes& b) { b[bodySignature + 2] = 'u'; }},
+        {"signature type unknown", [&](Bytes& b) { b[bodySignature + 1] = 'Z'; }},
         {"body string length past the body", [&](Bytes& b) { put32(b, bodyAt + 4, 200); }},
-        {"file descriptors field", [&](Bytes& b) {
-             // The SIGNATURE field (code 8) turned into UNIX_FDS (code 9).
-             b[at(b, std::string("\x08\x01g\x00", 4))] = 9;
-         }},
+        {"file descriptors field (code 9)", [&](Bytes& b) { b[signatureField] = 9; }},
         {"unknown field with an invalid type", [&](Bytes& b) {
-             const size_t f = at(b, std::string("\x08\x01g\x00", 4));
-             b[f] = 200;
-             b[f + 2] = '(';
+             b[signatureField] = 200;
+             b[signatureField + 2] = '(';
          }},
         {"signal without a member", [&](Bytes& b) { b[at(b, std::string("\x03\x01s\x00", 4))] = 200; }},
     };
@@ -203,7 +202,7 @@ TEST(DbusWire, StreamFramingSurvivesSplitsOversizeAndJunk) {
     bad[at(bad, "StateChanged")] = 0;  // a nul inside a name: malformed, same framing
     const Bytes c = encode(groupSignal(), 4);
     Bytes stream;
-    for (const Bytes* part : std::initializer_list<const Bytes*>{&a, &b, &bad, &c}) stream.insert(stream.end(), part->begin(), part->end());
+    for (const Bytes& part : {a, b, bad, c}) stream.insert(stream.end(), part.begin(), part.end());
 
     for (size_t chunk : {size_t(1), size_t(7), size_t(4096), stream.size()}) {
         Connection conn;

@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "apps/temp_dir.h"
 #include "cmp_ipp_relay.h"
 #include "msg/msg_fixture.h"
 #include "httpd/cmp_ipp_httpd.h"
@@ -136,6 +137,12 @@ public:
     bool rawBlock(const Bytes& b) {
         const int32_t n = static_cast<int32_t>(b.size());
         return rawBytes(&n, sizeof n) && rawBytes(b);
+    }
+    // An IPP POST's record (chunked, or with its length) and its first block.
+    bool rawPost(const Bytes& first, int32_t contentLength, bool chunked = false) {
+        RelayRequest r = postRequest(contentLength);
+        r.chunked = chunked;
+        return rawBytes(recordBytes(r)) && rawBlock(first);
     }
 
     // Reads exactly n bytes; false on close, error or time-out.
@@ -287,9 +294,8 @@ inline void expectIppReply(const Reply& r, uint32_t requestId) {
 class HttpdServer : public ::testing::Test {
 protected:
     void SetUp() override {
-        char dir[] = "/tmp/cmp_ipp_httpd_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_dir = dir;
+        m_dir = makeTempDir("cmp_ipp_httpd");
+        ASSERT_FALSE(m_dir.empty());
         setenv("GEN_UNIX_PATH", (m_dir + "/").c_str(), 1);
         m_path = m_dir + "/zyn_ipp_server";
         AHTTPD_setReceiveTimeout(5);
@@ -313,13 +319,13 @@ protected:
         AHTTPD_setReceiveTimeout(30);
         AHTTPD_setKeepAlivePasses(200);
         unsetenv("GEN_UNIX_PATH");
-        unlink(m_path.c_str());
-        rmdir(m_dir.c_str());
+        removeDir(m_dir);
     }
 
     // Starts the whole service and waits until the socket accepts connections.
-    void start() {
-        ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, &handler), 0);
+    void start() { start(&printer.printer, &handler); }
+    void start(void* printerObject, cmp_ipp_handler* h) {
+        ASSERT_EQ(cmp_ipp_init_wrap(printerObject, h), 0);
         m_running = true;
         ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000)) << "no socket file";
     }
@@ -331,6 +337,12 @@ protected:
         // removes its socket file as it leaves.
         EXPECT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) != 0; }, 3000))
             << "the stop leaves no socket file behind";
+    }
+
+    // The body of the reply to a GET on a connection of its own.
+    std::string fetchPage() {
+        Client c(m_path);
+        return c.sendRequest(getRequest()) ? c.readReply().body : "(not sent)";
     }
 
     ScopedRegistry reg{messageTables()};

@@ -44,10 +44,7 @@ protected:
 void stalledUpload(Client& c, bool chunked) {
     const Bytes ipp = ippRequest(kPrintJob, 31);
     const Bytes doc(1000, 0x5a);
-    RelayRequest block = postRequest(chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()));
-    block.chunked = chunked;
-    ASSERT_TRUE(c.rawBytes(recordBytes(block)));
-    ASSERT_TRUE(c.rawBlock(ipp));
+    ASSERT_TRUE(c.rawPost(ipp, chunked ? 0 : static_cast<int32_t>(ipp.size() + 3 * doc.size()), chunked));
     ASSERT_TRUE(c.rawBlock(doc));
     if (chunked) {
         const int32_t announced = static_cast<int32_t>(doc.size());
@@ -73,9 +70,7 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
         {"idle keep-alive connection", answered(AHTTPD_CONN_KEEP_ALIVE), [] { return true; }, 0},
         {"connection pausing before its close", answered(AHTTPD_CONN_PAUSE_CLOSE), [] { return true; }, 0},
         {"connection that never sent its request block",
-         [](Client& c) {
-             ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100));
-         },
+         [](Client& c) { ASSERT_TRUE(c.rawBytes(recordBytes(getRequest()).data(), 100)); },
          [] { return getConnectionCount() == 1; }, 0},
         {"upload with a length", [](Client& c) { stalledUpload(c, false); },
          [&] { return handler.dataCalls.load() == 1; }, 1},
@@ -89,7 +84,6 @@ TEST_F(HttpdStopConcurrency, StopCutsShortEveryKindOfWaitingConnection) {
         const int finishedBefore = handler.finished.load();
         start();
         Client c(m_path);
-        ASSERT_TRUE(c.connected());
         k.bringUp(c);
         ASSERT_TRUE(settles(k.ready, 5000));
 
@@ -128,9 +122,7 @@ private:
 TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsForIt) {
     std::atomic<int> clock{0};
     BlockingHandler* busy = new BlockingHandler(clock);
-    ASSERT_EQ(cmp_ipp_init_wrap(&printer.printer, busy), 0);
-    m_running = true;
-    ASSERT_TRUE(settles([&] { return access(m_path.c_str(), F_OK) == 0; }, 5000));
+    start(&printer.printer, busy);
     Client c(m_path);
     ASSERT_TRUE(sendIpp(c, ippRequest(kPrintJob, 41), AHTTPD_CONN_KEEP_ALIVE));
     ASSERT_TRUE(settles([&] { return busy->entered.load(); }, 5000));
@@ -163,7 +155,6 @@ TEST_F(HttpdStopConcurrency, StopReturnsWhileTheHandlerIsBusyAndUnregisterWaitsF
     EXPECT_TRUE(settles([] { return getConnectionCount() == 0; }, 5000)) << "the late task ended on its own";
 }
 
-
 // Back-to-back stops and starts: a stop with nothing open returns before the
 // listener has left, and the next start must neither be refused by the old
 // listener's leaving nor lose its socket file to it.
@@ -181,9 +172,7 @@ TEST_F(HttpdStopConcurrency, RestartRightAfterAStopServesOnANewSocket) {
     }
     start();
     for (int i = 0; i < 5; ++i) {
-        Client c(m_path);
-        ASSERT_TRUE(c.sendRequest(getRequest()));
-        EXPECT_EQ(c.readReply().body, HttpTestHandler::kPage) << "the socket file is the new listener's";
+        EXPECT_EQ(fetchPage(), HttpTestHandler::kPage) << "the socket file is the new listener's";
     }
 }
 

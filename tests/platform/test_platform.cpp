@@ -4,50 +4,21 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 #include <string>
 
-#include "platform/cmp_dbglog.h"
-#include "platform/emw_osw_test.h"
+#include "attr/codec_test_util.h"  // TraceCapture
+#include "platform/emw_osw.h"
 
 namespace {
 
-orvane::cmp_dbglog_common& log() { return orvane::cmp_dbglog_common::get_instance(); }
-
-class TraceTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        m_saved = log().level();
-        log().clear();
-    }
-    void TearDown() override {
-        log().set_level(m_saved);
-        log().clear();
-    }
-    int m_saved = 0;
-};
-
-TEST_F(TraceTest, RingKeepsOnlyTheNewestLines) {
-    log().set_level(0);
+TEST(PlatformTrace, RingKeepsOnlyTheNewestLines) {
+    TraceCapture trace(0);
     const size_t total = orvane::cmp_dbglog_common::kRingLines + 10;
     for (size_t i = 0; i < total; ++i) orvane::cmp_dbglog::tracer(0, "line %zu\n", i);
-    auto lines = log().lines();
+    auto lines = trace.lines();
     ASSERT_EQ(lines.size(), orvane::cmp_dbglog_common::kRingLines);
     EXPECT_EQ(lines.front(), "line 10\n");
     EXPECT_EQ(lines.back(), "line " + std::to_string(total - 1) + "\n");
-}
-
-TEST(PlatformMemory, FaultHookFailsExactlyTheNextAllocations) {
-    emwOSWTestFailNextAllocs(2);
-    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
-    EXPECT_EQ(emwOSWSubAllocMem(16), nullptr);
-    void* p = emwOSWSubAllocMem(16);
-    ASSERT_NE(p, nullptr);
-    int32_t before = emwOSWTestOutstandingBlocks();
-    emwOSWOrgFreeMemPart(0, p);
-    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
-    emwOSWOrgFreeMemPart(0, nullptr);
-    EXPECT_EQ(emwOSWTestOutstandingBlocks(), before - 1);
 }
 
 void* noteRan(void* p) {
@@ -61,8 +32,7 @@ TEST(PlatformTask, RefusedRealTimePolicyFallsBack) {
     ASSERT_GE(pid, 0);
     if (pid == 0) {
         if (getuid() == 0 && setuid(65534) != 0) _exit(10);
-        log().set_level(2);
-        log().clear();
+        TraceCapture trace(2);
         pthread_attr_t attr;
         pthread_attr_init(&attr);
         pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
@@ -78,7 +48,7 @@ TEST(PlatformTask, RefusedRealTimePolicyFallsBack) {
             if (ran.load() != 1) _exit(12);
         }
         size_t traced = 0;
-        for (const std::string& l : log().lines())
+        for (const std::string& l : trace.lines())
             if (l.find("real-time scheduling refused") != std::string::npos) ++traced;
         _exit(traced == 1 ? 0 : 13);
     }

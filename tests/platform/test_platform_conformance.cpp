@@ -14,6 +14,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
@@ -32,6 +33,14 @@ namespace {
 
 const auto kLiveness = std::chrono::seconds(30);
 const unsigned kDeadlockAlarmSeconds = 30;
+
+// Runs body(t) for t = 0 .. n-1 on n tasks at once and waits for them all.
+template <class F>
+void onTasks(int n, F body) {
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) threads.emplace_back(body, t);
+    for (std::thread& th : threads) th.join();
+}
 
 // ---- memory -------------------------------------------------------------------
 
@@ -58,12 +67,9 @@ TEST(PlatformMemory, BlocksAreDistinctAlignedAndWritableOverTheirWholeSize) {
     // shows the other's byte afterwards.
     for (size_t i = 0; i < blocks.size(); ++i) std::memset(blocks[i].p, static_cast<int>(i & 0xFF), blocks[i].size);
     for (size_t i = 0; i < blocks.size(); ++i) {
-        for (uint32_t k = 0; k < blocks[i].size; ++k) {
-            if (blocks[i].p[k] != static_cast<unsigned char>(i & 0xFF)) {
-                ADD_FAILURE() << "block " << i << " (" << blocks[i].size << " bytes) overwritten at " << k;
-                break;
-            }
-        }
+        unsigned char* const end = blocks[i].p + blocks[i].size;
+        const unsigned char* const k = std::find_if(blocks[i].p, end, [i](unsigned char c) { return c != (i & 0xFF); });
+        EXPECT_EQ(k, end) << "block " << i << " (" << blocks[i].size << " bytes) overwritten at " << k - blocks[i].p;
     }
     for (const Block& b : blocks) emwOSWOrgFreeMemPart(0, b.p);
     emwOSWOrgFreeMemPart(0, nullptr);  // does nothing
@@ -74,43 +80,30 @@ TEST(PlatformMemory, BlocksAreDistinctAlignedAndWritableOverTheirWholeSize) {
 TEST(PlatformMemory, TasksAllocateAndReleaseConcurrentlyAndAcrossTasks) {
     const int kThreads = 4, kRounds = 2000;
     std::vector<std::vector<void*>> handedOver(kThreads);
-    std::vector<std::thread> threads;
     std::atomic<int> corrupt{0};
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &handedOver, &corrupt] {
-            for (int i = 0; i < kRounds; ++i) {
-                const uint32_t size = kSizes[(i + t) % (sizeof kSizes / sizeof kSizes[0])];
-                unsigned char* p = static_cast<unsigned char*>(emwOSWSubAllocMem(size));
-                if (p == nullptr) {
-                    ++corrupt;
-                    continue;
-                }
-                std::memset(p, t + 1, size);
-                sched_yield();
-                for (uint32_t k = 0; k < size; ++k) {
-                    if (p[k] != t + 1) {
-                        ++corrupt;
-                        break;
-                    }
-                }
-                if (i % 10 == 0) {
-                    handedOver[t].push_back(p);
-                } else {
-                    emwOSWOrgFreeMemPart(0, p);
-                }
+    onTasks(kThreads, [&](int t) {
+        for (int i = 0; i < kRounds; ++i) {
+            const uint32_t size = kSizes[(i + t) % (sizeof kSizes / sizeof kSizes[0])];
+            unsigned char* p = static_cast<unsigned char*>(emwOSWSubAllocMem(size));
+            if (p == nullptr) {
+                ++corrupt;
+                continue;
             }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+            std::memset(p, t + 1, size);
+            sched_yield();
+            if (std::count(p, p + size, static_cast<unsigned char>(t + 1)) != static_cast<long>(size)) ++corrupt;
+            if (i % 10 == 0) {
+                handedOver[t].push_back(p);
+            } else {
+                emwOSWOrgFreeMemPart(0, p);
+            }
+        }
+    });
     EXPECT_EQ(corrupt.load(), 0) << "a block was shared between tasks, or an allocation failed";
     // Released by other tasks than their makers.
-    std::vector<std::thread> releasers;
-    for (int t = 0; t < kThreads; ++t) {
-        releasers.emplace_back([&handedOver, t, kThreads] {
-            for (void* p : handedOver[(t + 1) % kThreads]) emwOSWOrgFreeMemPart(0, p);
-        });
-    }
-    for (std::thread& th : releasers) th.join();
+    onTasks(kThreads, [&](int t) {
+        for (void* p : handedOver[(t + 1) % kThreads]) emwOSWOrgFreeMemPart(0, p);
+    });
 }
 
 // ---- mutexes --------------------------------------------------------------------
@@ -126,23 +119,19 @@ TEST(PlatformMutex, MutexAndGuardKeepReadModifyWriteWholeAcrossTasks) {
         const int kThreads = 4, kRounds = 5000;
         volatile long counter = 0;
         std::atomic<int> failures{0};
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&] {
-                for (int i = 0; i < kRounds; ++i) {
-                    std::unique_ptr<OSW_Thread_Guard> held(guard ? new OSW_Thread_Guard : nullptr);
-                    if (!guard && emwOSWRequestMutexSem(m, -1) != 0) {
-                        ++failures;
-                        continue;
-                    }
-                    const long seen = counter;
-                    if (i % 64 == 0) sched_yield();  // invites a task that should be shut out
-                    counter = seen + 1;
-                    if (!guard && emwOSWReleaseMutexSem(m) != 0) ++failures;
+        onTasks(kThreads, [&](int) {
+            for (int i = 0; i < kRounds; ++i) {
+                std::unique_ptr<OSW_Thread_Guard> held(guard ? new OSW_Thread_Guard : nullptr);
+                if (!guard && emwOSWRequestMutexSem(m, -1) != 0) {
+                    ++failures;
+                    continue;
                 }
-            });
-        }
-        for (std::thread& th : threads) th.join();
+                const long seen = counter;
+                if (i % 64 == 0) sched_yield();  // invites a task that should be shut out
+                counter = seen + 1;
+                if (!guard && emwOSWReleaseMutexSem(m) != 0) ++failures;
+            }
+        });
         EXPECT_EQ(failures.load(), 0);
         EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
     }
@@ -331,14 +320,10 @@ TEST_F(PlatformTrace, LinesArriveExactlyAsFormattedWhenTheLevelAllows) {
 TEST_F(PlatformTrace, ConcurrentLinesStayWhole) {
     orvane::cmp_dbglog_common::get_instance().set_level(0);
     const int kThreads = 4, kLines = 50;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < kLines; ++i)
-                orvane::cmp_dbglog::tracer(0, "[ERROR ]:conformance::%s(%d): task %d line %d.\n", "whole", 1, t, i);
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    onTasks(kThreads, [](int t) {
+        for (int i = 0; i < kLines; ++i)
+            orvane::cmp_dbglog::tracer(0, "[ERROR ]:conformance::%s(%d): task %d line %d.\n", "whole", 1, t, i);
+    });
     const std::vector<std::string> got = lines();
     EXPECT_EQ(got.size(), static_cast<size_t>(kThreads * kLines));
     for (const std::string& l : got) {

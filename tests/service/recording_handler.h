@@ -1,4 +1,4 @@
-// A handler that records every call the library makes, for the service tests.
+// Handlers for the service tests: one that records every call the library makes.
 #ifndef TESTS_SERVICE_RECORDING_HANDLER_H
 #define TESTS_SERVICE_RECORDING_HANDLER_H
 
@@ -8,6 +8,27 @@
 #include <vector>
 
 #include "service/cmp_ipp_handler.h"
+#include "service/cmp_ipp_ippc.h"
+#include "service/cmp_ipp_manager.h"
+
+// Registers a handler with IPP enabled for a scope; at its end whichever handler
+// is registered then goes, and the one from before comes back.
+class ScopedHandler {
+public:
+    explicit ScopedHandler(cmp_ipp_handler* h) : m_saved(cmp_ipp_manager::get()->m_handler) {
+        IPP_Initialize(nullptr, h);
+        IPPCGI_EnableIPP(1);
+    }
+    ~ScopedHandler() {
+        IPPCGI_EnableIPP(0);
+        cmp_ipp_manager* m = cmp_ipp_manager::get();
+        m->unregisterHandler(m->m_handler.load());
+        if (m_saved != nullptr) IPP_Initialize(nullptr, m_saved);
+    }
+
+private:
+    cmp_ipp_handler* m_saved;
+};
 
 class RecordingHandler : public cmp_ipp_handler {
 public:

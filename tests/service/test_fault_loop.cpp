@@ -12,26 +12,18 @@
 #include "msg/cmp_ipp_request.h"
 #include "msg/msg_fixture.h"
 #include "platform/emw_osw_test.h"
-#include "service/cmp_ipp_handler.h"
-#include "service/cmp_ipp_ippc.h"
-#include "service/cmp_ipp_manager.h"
+#include "service/recording_handler.h"
 
 namespace {
 
 // Answers Get-Printer-Attributes with the printer object's attributes.
-class PrinterAttrsHandler : public cmp_ipp_handler {
+class PrinterAttrsHandler : public RecordingHandler {
 public:
     void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
         if (printer == nullptr) return;
         const cmp_ipp_attrs& from = static_cast<cmp_ipp_obj*>(printer)->m_attrs;
         cmp_ipp_attrs& to = *ctx->m_response.getAttrGroup("Printer");
         for (int32_t i = 0; i < from.count(); ++i) to.cmp_ipp_attrs_set_attr_by_name(&from[i], false);
-    }
-    void abortRequest(cmp_ipp_streamed_ctx*, void*) override {}
-    void prepareRequest(cmp_ipp_streamed_ctx*, void*) override {}
-    uint32_t streamData(cmp_ipp_streamed_ctx*, const cmp_ipp_buf&, void*) override { return 0; }
-    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t, void*) override {
-        return ctx != nullptr ? ctx->m_response.cmp_ipp_msg_encode() : cmp_ipp_buf(true);
     }
 };
 
@@ -109,9 +101,7 @@ TEST_P(FaultLoop, Encoding) {
 // with the printer's attributes: the reply block, or an error status.
 TEST_P(FaultLoop, StreamedGetPrinterAttributes) {
     PrinterAttrsHandler handler;
-    cmp_ipp_handler* const saved = cmp_ipp_manager::get()->m_handler;
-    IPP_Initialize(nullptr, &handler);
-    IPPCGI_EnableIPP(1);
+    ScopedHandler registered(&handler);
     const int faults = faultLoop(GetParam(), "stream", [&] {
         cmp_ipp_if_info_s record{};
         IPP_STREAM_HANDLE h = IPP_StreamDataStart(request.data(), static_cast<uint32_t>(request.size()), &record);
@@ -134,9 +124,6 @@ TEST_P(FaultLoop, StreamedGetPrinterAttributes) {
         return Outcome{bytes, status >= 0x0400 || replyStatus >= 0x0400};
     });
     EXPECT_GT(faults, 0);
-    IPPCGI_EnableIPP(0);
-    cmp_ipp_manager::get()->unregisterHandler(&handler);
-    if (saved != nullptr) IPP_Initialize(nullptr, saved);
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FaultLoop, ::testing::Values(Fault::Alloc, Fault::MutexOp),

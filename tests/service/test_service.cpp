@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "msg/msg_fixture.h"
+#include "httpd/httpd_fixture.h"  // ippRequest
 #include "containers/cmp_ipp_malloc.h"
 #include "msg/cmp_ipp_request.h"
 #include "service/recording_handler.h"
@@ -17,26 +17,6 @@ using Calls = std::vector<std::string>;
 // A manager set up with the test printer and a recording handler; IPP enabled.
 class ServiceTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        cmp_ipp_manager* m = cmp_ipp_manager::get();
-        m_savedHandler = m->m_handler;
-        IPP_Initialize(nullptr, &handler);
-        IPPCGI_EnableIPP(1);
-    }
-    void TearDown() override {
-        // Whichever handler a test left registered: it goes out of scope now.
-        cmp_ipp_manager* m = cmp_ipp_manager::get();
-        m->unregisterHandler(m->m_handler.load());
-        if (m_savedHandler != nullptr) IPP_Initialize(nullptr, m_savedHandler);
-        IPPCGI_EnableIPP(0);
-    }
-
-    static Bytes request(uint16_t op, uint32_t id = 77) {
-        Ipp m;
-        m.header(1, 1, op, id).opGroup().tag(3);
-        return m.b;
-    }
-
     IPP_STREAM_HANDLE start(const Bytes& b) {
         return IPP_StreamDataStart(b.data(), static_cast<uint32_t>(b.size()), &record);
     }
@@ -58,10 +38,8 @@ protected:
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
     RecordingHandler handler;
+    ScopedHandler registered{&handler};
     cmp_ipp_if_info_s record{};
-
-private:
-    cmp_ipp_handler* m_savedHandler = nullptr;
 };
 
 // One stream through the plain interface: start, optionally abort, 100 bytes of
@@ -116,7 +94,7 @@ TEST_F(ServiceTest, StreamsRunTheHandlerCallsTheirStatusAllows) {
         fresh.unregisterInProcess = c.unregisterInProcess;
         IPP_Initialize(nullptr, &fresh);
         if (c.noHandler) cmp_ipp_manager::get()->unregisterHandler(&fresh);
-        IPP_STREAM_HANDLE h = start(request(c.op, c.id));
+        IPP_STREAM_HANDLE h = start(ippRequest(c.op, c.id));
         ASSERT_NE(h, nullptr);
         if (c.abort) {
             EXPECT_EQ(IPP_StreamDataAbort(h), 0);
@@ -153,7 +131,7 @@ TEST_F(ServiceTest, NoPrinterGivesServiceUnavailable) {
 }
 
 TEST_F(ServiceTest, DisabledOrWithoutRecordGivesNoStream) {
-    const Bytes b = request(0x000B);
+    const Bytes b = ippRequest(0x000B, 77);
     TraceCapture trace(0);
     IPPCGI_EnableIPP(0);
     EXPECT_EQ(IPPCGI_Enabled(), 0);
@@ -161,9 +139,8 @@ TEST_F(ServiceTest, DisabledOrWithoutRecordGivesNoStream) {
     EXPECT_TRUE(trace.lines().empty()) << "the enabled test comes first";
     IPPCGI_EnableIPP(1);
     EXPECT_EQ(IPP_StreamDataStart(b.data(), static_cast<uint32_t>(b.size()), nullptr), nullptr);
-    ASSERT_EQ(trace.lines().size(), 1u);
-    EXPECT_EQ(trace.lines()[0],
-              "[ERROR ]:cmp_ipp_ippc::IPP_StreamDataStart(47): httpInfoPtr MUST be filled in!.\n");
+    EXPECT_EQ(trace.lines(), std::vector<std::string>{
+                  "[ERROR ]:cmp_ipp_ippc::IPP_StreamDataStart(47): httpInfoPtr MUST be filled in!.\n"});
     EXPECT_TRUE(handler.calls().empty());
 }
 
@@ -195,32 +172,15 @@ TEST_F(ServiceTest, PrinterAttributesPageRequest) {
         EXPECT_EQ(inspecting.attrs,
                   (std::vector<std::string>{"attributes-charset=utf-8", "attributes-natural-language=en-us",
                                             std::string("printer-uri=") + (withUri ? "ipp://printer/ipp/print" : "")}));
-        const Calls calls = inspecting.calls();
-        ASSERT_EQ(calls.size(), 3u);
-        EXPECT_EQ(calls.back(), "finish html 0x0000");
+        EXPECT_EQ(inspecting.calls(), (Calls{"prepare 0x0000", "process 0x0000", "finish html 0x0000"}));
     }
     IPP_Initialize(nullptr, &handler);
 }
 
-TEST_F(ServiceTest, StartAndStop) {
-    cmp_ipp_manager* m = cmp_ipp_manager::get();
-    void* first = m->m_printer;
-    RecordingHandler other;
-    int otherPrinter = 0;
-    EXPECT_EQ(pn_ipp_start(&otherPrinter, &other), 1);
-    EXPECT_EQ(IPPCGI_Enabled(), 1);
-    EXPECT_EQ(m->m_printer, first) << "the first printer handle stays";
-    EXPECT_EQ(m->m_handler, &other) << "the handler is replaced";
-    EXPECT_EQ(pn_ipp_stop(0, nullptr), 0);
-    EXPECT_EQ(IPPCGI_Enabled(), 0);
-    EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
-    m->unregisterPrinter(first);
-    EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
-    EXPECT_EQ(m->m_printer, &otherPrinter);
-    m->init(first);
-}
-
-TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
+// An unregister clears only what is registered, a start registers both again;
+// a later start keeps the printer registered first and replaces the handler,
+// and a stop turns IPP off and releases nothing.
+TEST_F(ServiceTest, UnregisterStartAndStopTouchOnlyWhatTheyName) {
     cmp_ipp_manager* m = cmp_ipp_manager::get();
     void* const registeredPrinter = m->m_printer;
     RecordingHandler other;
@@ -234,7 +194,7 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
 
     m->unregisterPrinter(registeredPrinter);
     EXPECT_EQ(m->m_printer, nullptr);
-    IPP_STREAM_HANDLE h = start(request(0x000B));
+    IPP_STREAM_HANDLE h = start(ippRequest(0x000B, 77));
     EXPECT_GE(IPP_StreamStatusCode(h), 0x0400) << "without a printer the request fails";
     end(h);
     EXPECT_EQ(handler.calls(), (Calls{"prepare 0x0500 no printer", "finish ipp 0x0500 no printer"}));
@@ -244,6 +204,18 @@ TEST_F(ServiceTest, UnregisterClearsOnlyWhatIsRegistered) {
     EXPECT_EQ(pn_ipp_start(registeredPrinter, &handler), 1);
     EXPECT_EQ(m->m_printer, registeredPrinter);
     EXPECT_EQ(m->m_handler, &handler);
+
+    EXPECT_EQ(pn_ipp_start(&otherPrinter, &other), 1);
+    EXPECT_EQ(IPPCGI_Enabled(), 1);
+    EXPECT_EQ(m->m_printer, registeredPrinter) << "the first printer handle stays";
+    EXPECT_EQ(m->m_handler, &other) << "the handler is replaced";
+    EXPECT_EQ(pn_ipp_stop(0, nullptr), 0);
+    EXPECT_EQ(IPPCGI_Enabled(), 0);
+    EXPECT_EQ(m->m_handler, &other) << "stopping releases nothing";
+    m->unregisterPrinter(registeredPrinter);
+    EXPECT_EQ(IPP_Initialize(&otherPrinter, &handler), 0);
+    EXPECT_EQ(m->m_printer, &otherPrinter);
+    m->init(registeredPrinter);
 }
 
 }  // namespace

@@ -1,49 +1,31 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <memory>
 #include <thread>
 #include <vector>
 
-#include "httpd/httpd_fixture.h"  // settles: bounded waits, so a broken library fails instead of hanging
+#include "httpd/httpd_fixture.h"  // settles (bounded waits) and the counting HttpTestHandler
 #include "msg/msg_fixture.h"
 #include "containers/cmp_ipp_malloc.h"
-#include "service/cmp_ipp_handler.h"
-#include "service/cmp_ipp_ippc.h"
+#include "service/recording_handler.h"
 
 namespace {
 
-// Answers every request with its encoded response and counts what it sees.
-class CountingHandler : public cmp_ipp_handler {
+// Counts what it sees (HttpTestHandler) and echoes the request-id as a job-id,
+// so that a reply can be matched to the stream the handler was called for.
+class EchoingHandler : public HttpTestHandler {
 public:
-    void processRequest(cmp_ipp_streamed_ctx* ctx, void*) override {
-        ++processed;
-        // Echo the request-id as a job-id, so a reply can be matched to its
-        // request.
+    void processRequest(cmp_ipp_streamed_ctx* ctx, void* printer) override {
+        HttpTestHandler::processRequest(ctx, printer);
         ctx->m_response.cmp_ipp_msg_get_job_attrs(0)->cmp_ipp_attrs_set_attr(0x21, 16, ctx->m_request.m_requestId);
     }
-    void abortRequest(cmp_ipp_streamed_ctx*, void*) override { ++aborted; }
-    void prepareRequest(cmp_ipp_streamed_ctx*, void*) override { ++prepared; }
-    uint32_t streamData(cmp_ipp_streamed_ctx*, const cmp_ipp_buf& data, void*) override {
-        bytes += data.length();
-        return 0;
-    }
-    cmp_ipp_buf finishRequest(cmp_ipp_streamed_ctx* ctx, cmp_ipp_manager::cmp_ipp_reply_fmt_t, void*) override {
-        ++finished;
-        return ctx->m_response.cmp_ipp_msg_encode();
-    }
-    std::atomic<int> processed{0}, aborted{0}, prepared{0}, finished{0};
-    std::atomic<uint64_t> bytes{0};
 };
 
 TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
     ScopedRegistry reg{messageTables()};
     ScopedPrinter printer;
-    CountingHandler handler;
-    cmp_ipp_handler* saved = cmp_ipp_manager::get()->m_handler;
-    IPP_Initialize(nullptr, &handler);
-    IPPCGI_EnableIPP(1);
+    EchoingHandler handler;
+    ScopedHandler registered(&handler);
 
     const int kThreads = 8, kStreams = 300;
     std::atomic<int> wrong{0};
@@ -54,9 +36,8 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
             const unsigned char data[512] = {0};
             for (int i = 0; i < kStreams; ++i) {
                 const int32_t id = (t + 1) * 100000 + i;
-                Ipp m;
-                m.header(1, 1, 0x0002, static_cast<uint32_t>(id)).opGroup().tag(3);
-                IPP_STREAM_HANDLE h = IPP_StreamDataStart(m.b.data(), static_cast<uint32_t>(m.b.size()), &record);
+                const Bytes m = ippRequest(0x0002, static_cast<uint32_t>(id));
+                IPP_STREAM_HANDLE h = IPP_StreamDataStart(m.data(), static_cast<uint32_t>(m.size()), &record);
                 if (h == nullptr) {
                     ++wrong;
                     continue;
@@ -76,24 +57,18 @@ TEST(ServiceConcurrency, ManyThreadsDriveStreamsAgainstOneHandler) {
         });
     }
     for (auto& th : threads) th.join();
-    IPPCGI_EnableIPP(0);
-    cmp_ipp_manager::get()->unregisterHandler(&handler);
-    if (saved != nullptr) IPP_Initialize(nullptr, saved);
-
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_EQ(handler.prepared.load(), kThreads * kStreams);
     EXPECT_EQ(handler.finished.load(), kThreads * kStreams) << "every stream ended exactly once";
     EXPECT_EQ(handler.aborted.load(), kThreads * kStreams / 10);
-    EXPECT_EQ(handler.bytes.load(), uint64_t{kThreads} * kStreams * 3 * 512 - uint64_t{0});
+    EXPECT_EQ(handler.dataBytes.load(), uint64_t{kThreads} * kStreams * 3 * 512);
 }
 
 // What a handler saw, kept outside it so that it can be read after the handler
 // is gone.
 struct Tracker {
     std::atomic<bool> gone{false};  // set once unregisterHandler has returned
-    std::atomic<int> inside{0};
-    std::atomic<int> calls{0};
-    std::atomic<int> lateCalls{0};
+    std::atomic<int> inside{0}, calls{0}, lateCalls{0};
 };
 
 class TrackedHandler : public cmp_ipp_handler {
@@ -133,11 +108,10 @@ private:
 // later requests get the answers of a service without handler or printer.
 TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHandler) {
     ScopedRegistry reg{messageTables()};
+    ScopedHandler none(nullptr);  // each round registers its own
     cmp_ipp_manager* m = cmp_ipp_manager::get();
-    cmp_ipp_handler* savedHandler = m->m_handler;
     void* savedPrinter = m->m_printer;
     m->unregisterPrinter(savedPrinter);  // each round's printer puts this back when it goes
-    IPPCGI_EnableIPP(1);
 
     const int kThreads = 8;
     const int kRounds = 3;
@@ -160,10 +134,8 @@ TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHa
                     if (i % 5 == t % 5) {
                         cmp_ipp_free(IPP_GetPrnAttrHtml(&len, &record));
                     } else {
-                        Ipp req;
-                        req.header(1, 1, 0x0002, static_cast<uint32_t>(i + 1)).opGroup().tag(3);
-                        IPP_STREAM_HANDLE h =
-                            IPP_StreamDataStart(req.b.data(), static_cast<uint32_t>(req.b.size()), &record);
+                        const Bytes r = ippRequest(0x0002, static_cast<uint32_t>(i + 1));
+                        IPP_STREAM_HANDLE h = IPP_StreamDataStart(r.data(), static_cast<uint32_t>(r.size()), &record);
                         if (h == nullptr) {
                             ++wrong;
                             continue;
@@ -203,9 +175,7 @@ TEST(ServiceConcurrency, UnregisterUnderLoadWaitsForCallsThenNothingTouchesTheHa
         EXPECT_EQ(tracker.lateCalls.load(), 0) << "a call reached the handler after it was unregistered";
         EXPECT_EQ(wrong.load(), 0);
     }
-    IPPCGI_EnableIPP(0);
     m->init(savedPrinter);
-    if (savedHandler != nullptr) IPP_Initialize(nullptr, savedHandler);
 }
 
 }  // namespace
