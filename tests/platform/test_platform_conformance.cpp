@@ -249,6 +249,40 @@ TEST(PlatformTask, RunsTheEntryWithItsArgumentAndReportsTheTaskItMade) {
     }
 }
 
+TEST(PlatformTask, ManyTasksRunAtOnce) {
+    // The listener and up to 32 connection tasks live at the same time.
+    const int kTasks = 33;
+    std::atomic<int> inside{0};
+    std::atomic<bool> release{false};
+    struct Arg {
+        std::atomic<int>* inside;
+        std::atomic<bool>* release;
+    } arg{&inside, &release};
+    std::vector<pthread_t> threads(kTasks);
+    for (int i = 0; i < kTasks; ++i) {
+        pthread_attr_t attr;
+        libraryTaskAttributes(&attr, PTHREAD_CREATE_JOINABLE);
+        ASSERT_EQ(emwOSWSubPthreadCreate(
+                      &threads[i], &attr,
+                      [](void* p) -> void* {
+                          Arg* a = static_cast<Arg*>(p);
+                          ++*a->inside;
+                          while (!a->release->load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                          return nullptr;
+                      },
+                      &arg),
+                  0)
+            << "task " << i;
+        pthread_attr_destroy(&attr);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    while (inside.load() < kTasks && std::chrono::steady_clock::now() - start < kLiveness)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_EQ(inside.load(), kTasks) << "the tasks did not all run at once";
+    release = true;
+    for (pthread_t t : threads) pthread_join(t, nullptr);
+}
+
 void* exitingTask(void* p) {
     std::atomic<int>* step = static_cast<std::atomic<int>*>(p);
     *step = 1;
