@@ -16,6 +16,7 @@
 #include "cmp_ipp_relay.h"
 #include "cmp_ipp_tls.h"
 #include "apps/http_client.h"
+#include "apps/program.h"
 #include "apps/tls_client.h"
 
 namespace {
@@ -186,19 +187,6 @@ TEST(FrontendRelay, RecordUpdatedInPlaceEqualsAFreshEncoding) {
     }
 }
 
-// A Unix socket bound at path (not yet listening: a caller may change its user
-// first, and the listening user is the one a client sees); -1 on failure.
-int boundUnixSocket(const std::string& path) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un a;
-    std::memset(&a, 0, sizeof a);
-    a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
-    if (bind(fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) == 0) return fd;
-    close(fd);
-    return -1;
-}
-
 // A stand-in library: reads each request whole (the record, and for a POST the
 // blocks up to the end block), keeps its bytes, and answers with a reply record
 // and body sent in the given number of pieces, plus any bytes it is told to
@@ -218,7 +206,7 @@ public:
         EXPECT_NE(mkdtemp(dir), nullptr);
         m_dir = dir;
         path = m_dir + "/sock";
-        m_listener = boundUnixSocket(path);
+        m_listener = unixSocketAt(path, true);
         EXPECT_EQ(listen(m_listener, 5), 0);
         m_thread = std::thread([this] { serve(); });
     }
@@ -778,7 +766,7 @@ TEST_F(FrontendE2E, SocketOfAnotherUserIsRefusedUnlessTrusted) {
         // Serves the socket as another user and reports how many bytes each
         // connection brought.
         close(report[0]);
-        const int fd = boundUnixSocket(otherPath);
+        const int fd = unixSocketAt(otherPath, true);
         if (fd < 0 || setuid(other) != 0 || listen(fd, 5) != 0) _exit(1);
         for (;;) {
             const int conn = accept(fd, nullptr, nullptr);

@@ -146,7 +146,6 @@ TEST_F(RefPrinterTest, PrintJobSpoolsEveryBlockAndRunsToCompletion) {
     const Response r = send(m.b, {doc.substr(1000, 30000), doc.substr(31000, 1), doc.substr(31001)});
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(r.integer(kJobGroup, "job-id"), 1);
-    EXPECT_EQ(r.text(kJobGroup, "job-uri"), "ipp://localhost:631/ipp/print/1");
     EXPECT_EQ(r.integer(kJobGroup, "job-state"), 5) << "an idle printer starts at once";
     EXPECT_EQ(r.text(kJobGroup, "job-state-reasons"), "job-printing");
 
@@ -260,9 +259,10 @@ TEST_F(RefPrinterTest, CancelJobOnlyWhileTheJobIsActive) {
 }
 
 // An upload the client dropped reaches the printer as an abort: the job ends
-// aborted with a reason the client can read, and the part of the document that
-// came is not kept (nor counted), nor left open. A Create-Job cut short ends
-// aborted too.
+// aborted with a reason the client can read (read over HTTP by
+// PrinterProgram.EveryWayAnUploadCanBeAbandoned), and the part of the document
+// that came is not kept (nor counted), nor left open. A Create-Job cut short
+// ends aborted too.
 TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument) {
     const struct {
         const char* label;
@@ -298,13 +298,6 @@ TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument
         EXPECT_TRUE(info.files.empty());
         EXPECT_EQ(info.octets, 0u);
         EXPECT_NE(access(partial.c_str(), F_OK), 0) << "partial document left behind";
-        const Response r = jobRequest(kGetJobAttributes, id, {"job-state", "job-state-reasons", "job-state-message"});
-        EXPECT_EQ(r.integer(kJobGroup, "job-state"), 8);
-        const Attr* reasons = r.find(kJobGroup, "job-state-reasons");
-        ASSERT_NE(reasons, nullptr);
-        ASSERT_EQ(reasons->values.size(), 2u);
-        EXPECT_EQ(reasons->values[1].bytes, "submission-interrupted");
-        EXPECT_EQ(r.text(kJobGroup, "job-state-message"), "Job aborted: the document did not arrive completely.");
         EXPECT_EQ(printer->streamCount(), 0u);
         EXPECT_EQ(openSpoolFiles(), 0);
     }
@@ -809,10 +802,6 @@ TEST_F(RefPrinterTest, JobAttributesAskedForByNameComeAloneAndInOrder) {
         for (const Attr& a : r.of(kJobGroup)[0]->attrs) got.push_back(a.name);
         EXPECT_EQ(got, expected);
     }
-    const Response list = send(request(kGetJobs).text(0x44, "which-jobs", "all").tag(3).b);
-    ASSERT_EQ(list.of(kJobGroup).size(), 1u);
-    ASSERT_EQ(list.of(kJobGroup)[0]->attrs.size(), 2u);
-    EXPECT_EQ(list.of(kJobGroup)[0]->attrs[0].name, "job-id");
 }
 
 }  // namespace
