@@ -147,8 +147,7 @@ TEST(FrontendTls, SelfSignedCertificateCoversItsNamesOnly) {
     std::string error;
     ASSERT_TRUE(makeSelfSignedIdentity({"printer.example", "localhost", "127.0.0.1", "::1"}, 30, &id, &error)) << error;
     EXPECT_TRUE(tlsIdentityUsable(id, &error)) << error;
-    EXPECT_EQ(id.certificatePem.rfind("-----BEGIN CERTIFICATE-----", 0), 0u);
-    EXPECT_NE(id.keyPem.find("PRIVATE KEY-----"), std::string::npos);
+    // PEM both: the certificate is read as such below, the pair was just found usable.
     for (const char* name : {"printer.example", "localhost", "127.0.0.1", "::1"})
         EXPECT_TRUE(certificateCovers(id.certificatePem, name)) << name;
     for (const char* name : {"other.example", "127.0.0.2"})
