@@ -42,12 +42,11 @@ TEST(FrontendMapping, ErrorStatusesAgreeWithTheLibraryTexts) {
 }
 
 TEST(FrontendMapping, HeaderNamesBothWays) {
-    EXPECT_EQ(requestHeaderToken("authorization"), CMP_IPP_IF_HDR_AUTHORIZATION);
+    // Authorization in and WWW-Authenticate out: FrontendE2E.KeptConnectionServesSeveralRequests...
     EXPECT_EQ(requestHeaderToken("HOST"), CMP_IPP_IF_HDR_HOST);
     EXPECT_EQ(requestHeaderToken("Content-Type"), CMP_IPP_IF_HDR_CONTENT_TYPE);
     EXPECT_EQ(requestHeaderToken("X-Unknown"), 0);
     EXPECT_EQ(requestHeaderToken("WWW-Authenticate"), 0) << "a reply header is not taken from a request";
-    EXPECT_STREQ(replyHeaderName(CMP_IPP_IF_HDR_WWW_AUTHENTICATE), "WWW-Authenticate");
     EXPECT_STREQ(replyHeaderName(CMP_IPP_IF_HDR_LOCATION), "Location");
     // Framing and connection headers belong to the HTTP server, not to the reply record.
     for (const int32_t t : {int32_t{CMP_IPP_IF_HDR_CONTENT_LENGTH}, int32_t{CMP_IPP_IF_HDR_TRANSFER_ENCODING},

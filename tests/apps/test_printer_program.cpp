@@ -162,8 +162,8 @@ protected:
         const Response r = parse(c.read().body);
         row.state = r.integer(kJobGroup, "job-state");
         row.message = r.text(kJobGroup, "job-state-message");
-        if (const Attr* a = r.find(kJobGroup, "job-state-reasons"))
-            for (const Value& v : a->values) row.reasons += (row.reasons.empty() ? "" : ",") + v.bytes;
+        for (const std::string& v : r.texts(kJobGroup, "job-state-reasons"))
+            row.reasons += (row.reasons.empty() ? "" : ",") + v;
         return row;
     }
 

@@ -516,11 +516,8 @@ TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
     EXPECT_EQ(stateOf(4), int(JobState::Processing)) << "an idle printer starts it from the release on";
 
     // Created held: it takes its documents, and is dropped like any job whose documents never come.
-    const Response created = createJob("a", "", "indefinite");
-    const Attr* reasons = created.find(kJobGroup, "job-state-reasons");
-    ASSERT_NE(reasons, nullptr);
-    ASSERT_EQ(reasons->values.size(), 2u);
-    EXPECT_EQ(reasons->values[1].bytes, "job-incoming");
+    const std::vector<std::string> reasons = createJob("a", "", "indefinite").texts(kJobGroup, "job-state-reasons");
+    EXPECT_EQ(reasons, (std::vector<std::string>{"job-hold-until-specified", "job-incoming"}));
     const Response sent = sendDocument(5, true, {"doc"});
     EXPECT_EQ(sent.status, 0);
     EXPECT_EQ(sent.integer(kJobGroup, "job-state"), 4);

@@ -154,14 +154,8 @@ TEST_F(StatusPage, UrisSayHowTheyAreSecuredAndPagesFollowTheFirst) {
         const Response r = printerRequest(
             {"uri-security-supported", "uri-authentication-supported", "printer-more-info", "printer-icons"});
         ASSERT_EQ(r.status, 0);
-        const auto values = [&r](const char* name) {
-            std::vector<std::string> out;
-            if (const Attr* a = r.find(kPrinterGroup, name))
-                for (const Value& v : a->values) out.push_back(v.bytes);
-            return out;
-        };
-        EXPECT_EQ(values("uri-security-supported"), c.security);
-        EXPECT_EQ(values("uri-authentication-supported"), c.auth);
+        EXPECT_EQ(r.texts(kPrinterGroup, "uri-security-supported"), c.security);
+        EXPECT_EQ(r.texts(kPrinterGroup, "uri-authentication-supported"), c.auth);
         EXPECT_EQ(r.text(kPrinterGroup, "printer-more-info"), c.moreInfo);
         EXPECT_EQ(r.text(kPrinterGroup, "printer-icons"), std::string(c.moreInfo) + "icon-sm.png");
         ASSERT_EQ(createJob("ann", "x").status, 0);
