@@ -48,6 +48,13 @@ struct Response {
         const Attr* a = find(tag, name);
         return a != nullptr && !a->values.empty() ? a->values[0].bytes : "<absent>";
     }
+    // Every value of the attribute, as bytes; none when it is absent.
+    std::vector<std::string> texts(uint8_t tag, const std::string& name) const {
+        std::vector<std::string> out;
+        if (const Attr* a = find(tag, name))
+            for (const Value& v : a->values) out.push_back(v.bytes);
+        return out;
+    }
 };
 
 inline Response parse(const std::string& b) {

@@ -8,11 +8,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -80,6 +83,20 @@ inline int exitStatus(Child& r, int timeoutMs = 30000) {
     close(r.out);
     close(r.err);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// A Unix socket bound at path (not yet listening), or connected to a server
+// there; -1 on failure.
+inline int unixSocketAt(const std::string& path, bool bindIt) {
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    struct sockaddr_un a;
+    std::memset(&a, 0, sizeof a);
+    a.sun_family = AF_UNIX;
+    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
+    const struct sockaddr* at = reinterpret_cast<struct sockaddr*>(&a);
+    if ((bindIt ? bind(fd, at, sizeof a) : connect(fd, at, sizeof a)) == 0) return fd;
+    close(fd);
+    return -1;
 }
 
 inline mode_t modeOf(const std::string& path) {

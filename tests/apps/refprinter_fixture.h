@@ -109,6 +109,15 @@ protected:
         if (hold != nullptr) m.tag(2).text(0x44, "job-hold-until", hold);
         return send(m.tag(3).b);
     }
+    // A Send-Document of these blocks, with its format and compression when given.
+    ipp_reply::Response sendDocument(int32_t id, bool last, const std::vector<std::string>& blocks,
+                                     const std::string& format = "", const std::string& compression = "") {
+        Ipp m = request(kSendDocument);
+        m.integer(0x21, "job-id", id).attr(0x22, "last-document", {static_cast<unsigned char>(last)});
+        if (!format.empty()) m.text(0x49, "document-format", format);
+        if (!compression.empty()) m.text(0x44, "compression", compression);
+        return send(m.tag(3).b, blocks);
+    }
     ipp_reply::Response jobRequest(uint16_t op, int32_t id, const std::vector<std::string>& names = {}) {
         Ipp m = request(op);
         m.integer(0x21, "job-id", id);

@@ -83,8 +83,6 @@ TEST_F(Limits32, DateTimesPastJanuary2038DecodeEncodeAndRender) {
         const RoundTrip r = roundTrip(bytes);
         ASSERT_NE(r.attr, nullptr);
         EXPECT_EQ(r.consumed, static_cast<int32_t>(bytes.size()));
-        EXPECT_EQ(r.attr->m_type, 0x31);
-        EXPECT_EQ(r.attr->m_numValues, 1);
         EXPECT_EQ(hexOf(r.written), hexOf(bytes));
         EXPECT_EQ(r.html, htmlLine("printer-current-time", "dateTime", c.html));
         if (c.seconds != 0) {

@@ -1,8 +1,6 @@
 // The real cmp-ipp-printer program, started as a process of its own and driven
 // over TCP: start-up, abandoned uploads, slow clients, and load (PrinterLoad:
 // counting answers, never timing them).
-#include <sys/un.h>
-
 #include <functional>
 
 #include "apps/http_client.h"
@@ -164,25 +162,14 @@ protected:
         const Response r = parse(c.read().body);
         row.state = r.integer(kJobGroup, "job-state");
         row.message = r.text(kJobGroup, "job-state-message");
-        if (const Attr* a = r.find(kJobGroup, "job-state-reasons"))
-            for (const Value& v : a->values) row.reasons += (row.reasons.empty() ? "" : ",") + v.bytes;
+        for (const std::string& v : r.texts(kJobGroup, "job-state-reasons"))
+            row.reasons += (row.reasons.empty() ? "" : ",") + v;
         return row;
     }
 
     Program p;
     bool m_running = false;
 };
-
-bool unixListening(const std::string& path) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    struct sockaddr_un a;
-    std::memset(&a, 0, sizeof a);
-    a.sun_family = AF_UNIX;
-    std::strncpy(a.sun_path, path.c_str(), sizeof a.sun_path - 1);
-    const bool ok = connect(fd, reinterpret_cast<struct sockaddr*>(&a), sizeof a) == 0;
-    close(fd);
-    return ok;
-}
 
 // The HTTP port opens only once the library listens: whenever a client gets
 // in, the library's socket takes connections already, and the client is served.
@@ -196,7 +183,11 @@ TEST_F(PrinterProgram, NoClientIsTurnedAwayDuringStartUp) {
         while (!done.load()) {
             HttpClient c(port);
             if (!c.connected()) continue;  // refused: not listening yet
-            if (served.load() == 0 && !unixListening(librarySocket)) ++early;
+            if (served.load() == 0) {
+                const int probe = unixSocketAt(librarySocket, false);
+                if (probe < 0) ++early;
+                if (probe >= 0) close(probe);
+            }
             if (!c.send("GET / HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n")) continue;
             const HttpResponse r = c.read(20000);
             (r.ok && r.status == 200 ? served : turnedAway)++;

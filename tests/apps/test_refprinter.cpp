@@ -130,8 +130,7 @@ TEST_F(RefPrinterTest, GetPrinterAttributesHonoursRequestedNamesAndGroups) {
         for (const std::string& n : c.present) EXPECT_NE(r.find(kPrinterGroup, n), nullptr) << n;
         for (const std::string& n : c.absent) EXPECT_EQ(r.find(kPrinterGroup, n), nullptr) << n;
     }
-    printer->setAcceptingJobs(false);
-    EXPECT_EQ(printerRequest({}).integer(kPrinterGroup, "printer-is-accepting-jobs"), 0);
+    printer->setAcceptingJobs(false);  // printer-is-accepting-jobs: StatusAttributesFollowTheClockAndTheJobs
     EXPECT_EQ(printJob("alice", "x").status, 0x0506);
     EXPECT_EQ(createJob("alice").status, 0x0506);
 }
@@ -146,7 +145,6 @@ TEST_F(RefPrinterTest, PrintJobSpoolsEveryBlockAndRunsToCompletion) {
     const Response r = send(m.b, {doc.substr(1000, 30000), doc.substr(31000, 1), doc.substr(31001)});
     ASSERT_EQ(r.status, 0);
     EXPECT_EQ(r.integer(kJobGroup, "job-id"), 1);
-    EXPECT_EQ(r.text(kJobGroup, "job-uri"), "ipp://localhost:631/ipp/print/1");
     EXPECT_EQ(r.integer(kJobGroup, "job-state"), 5) << "an idle printer starts at once";
     EXPECT_EQ(r.text(kJobGroup, "job-state-reasons"), "job-printing");
 
@@ -154,7 +152,6 @@ TEST_F(RefPrinterTest, PrintJobSpoolsEveryBlockAndRunsToCompletion) {
     ASSERT_TRUE(printer->job(1, &info));
     ASSERT_EQ(info.files, std::vector<std::string>{spool + "/job-1-doc-1.pdf"});
     EXPECT_TRUE(fileText(info.files[0]) == doc) << "spool file differs";
-    EXPECT_EQ(info.octets, doc.size());
 
     clock += 999;
     EXPECT_EQ(jobRequest(kGetJobAttributes, 1).integer(kJobGroup, "job-state"), 5);
@@ -173,17 +170,11 @@ TEST_F(RefPrinterTest, CreateJobTakesDocumentsUntilTheLastOne) {
     ASSERT_EQ(created.status, 0);
     EXPECT_EQ(created.integer(kJobGroup, "job-state"), 3);
     EXPECT_EQ(created.text(kJobGroup, "job-state-reasons"), "job-incoming");
-    auto sendDoc = [this](int32_t id, bool last, const std::string& format, const std::vector<std::string>& blocks) {
-        Ipp m = request(kSendDocument);
-        m.integer(0x21, "job-id", id).attr(0x22, "last-document", {static_cast<unsigned char>(last)});
-        if (!format.empty()) m.text(0x49, "document-format", format);
-        return send(m.tag(3).b, blocks);
-    };
-    EXPECT_EQ(sendDoc(1, false, "", {"first"}).integer(kJobGroup, "job-state"), 3);
-    const Response last = sendDoc(1, true, "text/plain", {"sec", "ond"});
+    EXPECT_EQ(sendDocument(1, false, {"first"}).integer(kJobGroup, "job-state"), 3);
+    const Response last = sendDocument(1, true, {"sec", "ond"}, "text/plain");
     EXPECT_EQ(last.status, 0);
     EXPECT_EQ(last.integer(kJobGroup, "job-state"), 5);
-    EXPECT_EQ(sendDoc(1, true, "", {"late"}).status, 0x0404) << "no documents after the last one";
+    EXPECT_EQ(sendDocument(1, true, {"late"}).status, 0x0404) << "no documents after the last one";
 
     JobInfo info;
     ASSERT_TRUE(printer->job(1, &info));
@@ -194,8 +185,8 @@ TEST_F(RefPrinterTest, CreateJobTakesDocumentsUntilTheLastOne) {
 
     // A last-document without data closes the job without an empty document.
     ASSERT_EQ(createJob("bob").integer(kJobGroup, "job-id"), 2);
-    EXPECT_EQ(sendDoc(2, false, "", {"only"}).status, 0);
-    EXPECT_EQ(sendDoc(2, true, "", {}).status, 0);
+    EXPECT_EQ(sendDocument(2, false, {"only"}).status, 0);
+    EXPECT_EQ(sendDocument(2, true, {}).status, 0);
     ASSERT_TRUE(printer->job(2, &info));
     EXPECT_EQ(info.documents, 1);
     EXPECT_EQ(info.files.size(), 1u);
@@ -260,9 +251,10 @@ TEST_F(RefPrinterTest, CancelJobOnlyWhileTheJobIsActive) {
 }
 
 // An upload the client dropped reaches the printer as an abort: the job ends
-// aborted with a reason the client can read, and the part of the document that
-// came is not kept (nor counted), nor left open. A Create-Job cut short ends
-// aborted too.
+// aborted with a reason the client can read (read over HTTP by
+// PrinterProgram.EveryWayAnUploadCanBeAbandoned), and the part of the document
+// that came is not kept (nor counted), nor left open. A Create-Job cut short
+// ends aborted too.
 TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument) {
     const struct {
         const char* label;
@@ -282,13 +274,8 @@ TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument
         Stream upload(m.b, &record);
         EXPECT_EQ(upload.data(std::string(5000, 'p')), 0u);
         EXPECT_EQ(printer->streamCount(), 1u);
-        EXPECT_EQ(openSpoolFiles(), 1);
+        EXPECT_EQ(openSpoolFiles(), 1) << "the partial document is open in the spool";
         if (id == 0) id = printer->jobs().back().id;
-        JobInfo during;
-        ASSERT_TRUE(printer->job(id, &during));
-        ASSERT_EQ(during.files.size(), 1u);
-        const std::string partial = during.files[0];
-        EXPECT_EQ(access(partial.c_str(), F_OK), 0);
         upload.end(true);
 
         JobInfo info;
@@ -297,14 +284,7 @@ TEST_F(RefPrinterTest, InterruptedUploadAbortsTheJobAndRemovesThePartialDocument
         EXPECT_EQ(info.reasons, (std::vector<std::string>{"aborted-by-system", "submission-interrupted"}));
         EXPECT_TRUE(info.files.empty());
         EXPECT_EQ(info.octets, 0u);
-        EXPECT_NE(access(partial.c_str(), F_OK), 0) << "partial document left behind";
-        const Response r = jobRequest(kGetJobAttributes, id, {"job-state", "job-state-reasons", "job-state-message"});
-        EXPECT_EQ(r.integer(kJobGroup, "job-state"), 8);
-        const Attr* reasons = r.find(kJobGroup, "job-state-reasons");
-        ASSERT_NE(reasons, nullptr);
-        ASSERT_EQ(reasons->values.size(), 2u);
-        EXPECT_EQ(reasons->values[1].bytes, "submission-interrupted");
-        EXPECT_EQ(r.text(kJobGroup, "job-state-message"), "Job aborted: the document did not arrive completely.");
+        EXPECT_TRUE(filesIn(spool).empty()) << "partial document left behind";
         EXPECT_EQ(printer->streamCount(), 0u);
         EXPECT_EQ(openSpoolFiles(), 0);
     }
@@ -479,10 +459,8 @@ TEST_F(RefPrinterTest, CompressedDocumentsAreSpooledAsTheyCame) {
     // Each document of a job names its own compression.
     const int32_t job = createJob("dan").integer(kJobGroup, "job-id");
     for (const char* compression : {"deflate", "none"}) {
-        Ipp m = request(kSendDocument);
-        m.integer(0x21, "job-id", job).attr(0x22, "last-document", {static_cast<unsigned char>(compression[0] == 'n')});
-        m.text(0x49, "document-format", "text/plain").text(0x44, "compression", compression);
-        EXPECT_EQ(send(m.tag(3).b, {"text"}).status, 0) << compression;
+        const bool last = compression[0] == 'n';
+        EXPECT_EQ(sendDocument(job, last, {"text"}, "text/plain", compression).status, 0) << compression;
     }
     JobInfo info;
     ASSERT_TRUE(printer->job(job, &info));
@@ -491,7 +469,6 @@ TEST_F(RefPrinterTest, CompressedDocumentsAreSpooledAsTheyCame) {
 }
 
 TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
-    auto attrs = [this](int32_t id) { return jobRequest(kGetJobAttributes, id); };
     Ipp m = request(kPrintJob);
     m.tag(2).text(0x44, "job-hold-until", "indefinite").tag(3);
     const Response held = send(m.b, {"held"});
@@ -529,8 +506,8 @@ TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
             EXPECT_EQ(stateOf(s.id), int(s.after));
         }
     }
-    EXPECT_EQ(attrs(1).text(kJobGroup, "job-hold-until"), "no-hold");
-    EXPECT_EQ(attrs(4).text(kJobGroup, "job-hold-until"), "indefinite");
+    EXPECT_EQ(jobRequest(kGetJobAttributes, 1).text(kJobGroup, "job-hold-until"), "no-hold");
+    EXPECT_EQ(jobRequest(kGetJobAttributes, 4).text(kJobGroup, "job-hold-until"), "indefinite");
     clock += 1000;
     EXPECT_EQ(stateOf(1), int(JobState::Processing)) << "released, it prints once job 3 is done";
     clock += 5000;
@@ -539,14 +516,9 @@ TEST_F(RefPrinterTest, HeldJobsWaitForReleaseWithoutHoldingUpOthers) {
     EXPECT_EQ(stateOf(4), int(JobState::Processing)) << "an idle printer starts it from the release on";
 
     // Created held: it takes its documents, and is dropped like any job whose documents never come.
-    const Response created = createJob("a", "", "indefinite");
-    const Attr* reasons = created.find(kJobGroup, "job-state-reasons");
-    ASSERT_NE(reasons, nullptr);
-    ASSERT_EQ(reasons->values.size(), 2u);
-    EXPECT_EQ(reasons->values[1].bytes, "job-incoming");
-    Ipp doc = request(kSendDocument);
-    doc.integer(0x21, "job-id", 5).attr(0x22, "last-document", {1}).tag(3);
-    const Response sent = send(doc.b, {"doc"});
+    const std::vector<std::string> reasons = createJob("a", "", "indefinite").texts(kJobGroup, "job-state-reasons");
+    EXPECT_EQ(reasons, (std::vector<std::string>{"job-hold-until-specified", "job-incoming"}));
+    const Response sent = sendDocument(5, true, {"doc"});
     EXPECT_EQ(sent.status, 0);
     EXPECT_EQ(sent.integer(kJobGroup, "job-state"), 4);
     createJob("a", "", "indefinite");  // job 6: no document ever
@@ -603,6 +575,14 @@ TEST_F(EncodedRepliesTest, GetPrinterAttributesRepliesAreTheBytesBuiltAttributeB
             return requested(m, names).tag(3);
         };
     };
+    // Asking for these names (request id 42 unless given) after operation attributes of the case's own.
+    const auto askingAfter = [](std::function<void(Ipp&)> add, std::vector<std::string> names, uint32_t id = 42) {
+        return [=] {
+            Ipp m = gpa(2, 0, id);
+            add(m);
+            return requested(m, names).tag(3);
+        };
+    };
     const Case cases[] = {
         {"no requested-attributes", asking({})},
         {"all", asking({"all"})},
@@ -622,23 +602,15 @@ TEST_F(EncodedRepliesTest, GetPrinterAttributesRepliesAreTheBytesBuiltAttributeB
         {"requested-attributes as an integer",
          [] { return gpa(2, 0).integer(0x21, "requested-attributes", 7).tag(3); }},
         {"document-format supported",
-         [] { Ipp m = gpa(2, 0);
-              m.text(0x49, "document-format", "application/pdf");
-              return requested(m, {"all"}).tag(3); }},
+         askingAfter([](Ipp& m) { m.text(0x49, "document-format", "application/pdf"); }, {"all"})},
         {"document-format unsupported",
          [] { return gpa(2, 0).text(0x49, "document-format", "application/x-what").tag(3); }},
         {"first-index, an attribute this operation ignores",
-         [] { Ipp m = gpa(2, 0);
-              m.integer(0x21, "first-index", 2);
-              return requested(m, {"printer-description"}).tag(3); }},
+         askingAfter([](Ipp& m) { m.integer(0x21, "first-index", 2); }, {"printer-description"})},
         {"ipp-attribute-fidelity",
-         [] { Ipp m = gpa(2, 0);
-              m.attr(0x22, "ipp-attribute-fidelity", {1});
-              return requested(m, {"job-template", "printer-state"}).tag(3); }},
+         askingAfter([](Ipp& m) { m.attr(0x22, "ipp-attribute-fidelity", {1}); }, {"job-template", "printer-state"})},
         {"requesting-user-name and another request-id",
-         [] { Ipp m = gpa(2, 0, 0x7FFFFFFF);
-              m.text(0x42, "requesting-user-name", "carol");
-              return requested(m, {"all"}).tag(3); }},
+         askingAfter([](Ipp& m) { m.text(0x42, "requesting-user-name", "carol"); }, {"all"}, 0x7FFFFFFF)},
         {"charset us-ascii",
          [] { Ipp m;
               m.header(2, 0, kGetPrinterAttributes, 9).tag(1).text(0x47, "attributes-charset", "us-ascii");
@@ -809,10 +781,6 @@ TEST_F(RefPrinterTest, JobAttributesAskedForByNameComeAloneAndInOrder) {
         for (const Attr& a : r.of(kJobGroup)[0]->attrs) got.push_back(a.name);
         EXPECT_EQ(got, expected);
     }
-    const Response list = send(request(kGetJobs).text(0x44, "which-jobs", "all").tag(3).b);
-    ASSERT_EQ(list.of(kJobGroup).size(), 1u);
-    ASSERT_EQ(list.of(kJobGroup)[0]->attrs.size(), 2u);
-    EXPECT_EQ(list.of(kJobGroup)[0]->attrs[0].name, "job-id");
 }
 
 }  // namespace
