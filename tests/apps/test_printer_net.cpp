@@ -167,6 +167,7 @@ TEST(PrinterNet, AnnouncerWithoutAvahiSaysSoAndStops) {
         ASSERT_TRUE(p.start(&error)) << error;
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // several attempts
         EXPECT_FALSE(p.announced());
+        EXPECT_EQ(p.name(), "Nowhere Printer") << "not renamed without a daemon";
         p.stop();
         p.stop();  // twice is harmless
     }

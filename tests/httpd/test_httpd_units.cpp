@@ -282,9 +282,11 @@ TEST(HttpAccessors, ReplyCodes) {
     EXPECT_EQ(setHttpReturnCode(&r.info, CMP_IPP_IF_RC_REQUEST_TIMEOUT), 1);
     EXPECT_EQ(getHttpReturnCode(&r.info, &out), 1);
     EXPECT_EQ(out, 13);
+    EXPECT_EQ(ahttpdCheckCloseConnection(r.req.get()), 0);
     r.req->returnCode = PRS_PRT_HTTP_RET_ERR_SOCKET_FAILURE;
     EXPECT_EQ(getHttpReturnCode(&r.info, &out), 1);
     EXPECT_EQ(out, 17) << "the request's code wins and has no mapping";
+    EXPECT_EQ(ahttpdCheckCloseConnection(r.req.get()), 1) << "only a socket failure closes at once";
 }
 
 // ---- receiving, spooling and sending over socket pairs ------------------------------
