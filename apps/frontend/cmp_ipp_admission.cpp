@@ -29,6 +29,10 @@ const int64_t kLingerMs = 2000;
 // Refused sockets still lingering at once; beyond it they are closed at once.
 const size_t kMaxLingering = 64;
 const int kBacklog = 64;
+// At the limit, how long to wait for a counted client's close to show before
+// refusing: a client that closes and at once connects again can have its new
+// connection accepted before its old one's FIN has been processed.
+const int kCloseGraceMs = 5;
 
 std::string addressText(const struct sockaddr* sa, socklen_t length) {
     char host[NI_MAXHOST];
@@ -322,7 +326,7 @@ uint64_t ConnectionGate::admitLocked(const std::string& address, int64_t now) {
             fds.push_back({it != m_watch.end() ? it->second.fd : -1, POLLRDHUP, 0});
         }
         bool gone = false;
-        if (!fds.empty() && poll(fds.data(), fds.size(), 0) > 0) {
+        if (!fds.empty() && poll(fds.data(), fds.size(), kCloseGraceMs) > 0) {
             for (size_t i = 0; i < fds.size(); ++i) {
                 if ((fds[i].revents & (POLLRDHUP | POLLHUP | POLLERR)) == 0) continue;
                 // Its client has closed. The response may just have gone out with
